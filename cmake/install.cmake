@@ -1,0 +1,21 @@
+# SPDX-License-Identifier: Apache-2.0
+# What 'cmake --install' lays out: library, headers, pkg-config file, CMake package.
+include(CMakePackageConfigHelpers)
+
+set(_headers ${CMAKE_INSTALL_INCLUDEDIR}/qor_bus)
+set(_package ${CMAKE_INSTALL_LIBDIR}/cmake/qor_bus)
+file(GLOB _public_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h)
+
+install(TARGETS qor_bus EXPORT qor_bus LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES ${_public_headers} ${PROJECT_SOURCE_DIR}/src/hal/linux/qor_hal.h
+  DESTINATION ${_headers})
+
+configure_file(cmake/libqor_bus.pc.in libqor_bus.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/libqor_bus.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(EXPORT qor_bus NAMESPACE qor_bus:: FILE qor_bus-targets.cmake DESTINATION ${_package})
+configure_package_config_file(cmake/qor_bus-config.cmake.in qor_bus-config.cmake
+  INSTALL_DESTINATION ${_package})
+write_basic_package_version_file(qor_bus-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/qor_bus-config.cmake
+  ${PROJECT_BINARY_DIR}/qor_bus-config-version.cmake DESTINATION ${_package})

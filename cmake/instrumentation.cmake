@@ -1,0 +1,20 @@
+# SPDX-License-Identifier: Apache-2.0
+# Sanitizers and coverage, for everything that is built below.
+if(QOR_SANITIZE)
+  set(_san -fsanitize=${QOR_SANITIZE} -fno-omit-frame-pointer)
+  if(QOR_SANITIZE MATCHES "undefined")
+    list(APPEND _san -fno-sanitize-recover=undefined)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+      list(APPEND _san -fno-sanitize=function,vptr) # both need run-time type information
+    endif()
+  endif()
+  add_compile_options(${_san})
+  add_link_options(${_san})
+endif()
+if(QOR_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()
+if(QOR_WERROR)
+  add_compile_options(-Werror)
+endif()

@@ -1,0 +1,33 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Small helpers of the sources: zeroed allocation, the record around a member, walking a list. */
+#ifndef QOR_UTIL_HPP
+#define QOR_UTIL_HPP
+
+#include <stdlib.h>
+
+#include "qor_hal.h"
+
+/* A zeroed record, followed by extra bytes; NULL without memory. Goes back with free(). */
+template <typename T> inline T *util_zalloc(size_t extra = 0)
+{
+    return static_cast<T *>(calloc(1, sizeof(T) + extra));
+}
+
+/* The record that holds a link: util_container<qor_context_t, offsetof(qor_context_t, node)>(link).
+ */
+template <typename T, size_t offset> inline T *util_container(list_head *link)
+{
+    return reinterpret_cast<T *>(reinterpret_cast<char *>(link) - offset);
+}
+
+/* Calls visit(link) for every entry of a list; the visit may take its own entry out. The caller
+ * holds the list's lock. */
+template <typename F> inline void util_list_each(list_head &head, F visit)
+{
+    for (list_head *link = head.next, *next; link != &head; link = next) {
+        next = link->next;
+        visit(link);
+    }
+}
+
+#endif /* QOR_UTIL_HPP */

@@ -1,0 +1,192 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The platform: thread types and helpers, the intrusive list, the millisecond clock, output.
+ * Another platform replaces the directory of this file. */
+#ifndef QOR_HAL_H
+#define QOR_HAL_H
+
+#include <pthread.h>
+#include <sched.h>
+#include <stdarg.h>
+#include <sys/prctl.h>
+#include <time.h>
+
+#include "qor_api.h"
+
+QOR_BEGIN_DECLS
+
+typedef pthread_t hal_thread_t;
+typedef pthread_attr_t hal_thread_attr_t;
+typedef pthread_mutex_t hal_thread_mutex_t;
+typedef pthread_cond_t hal_thread_cond_t;
+typedef pthread_condattr_t hal_thread_condattr_t;
+
+/**
+ * Writes to standard output and flushes it, so that a line printed just before a crash is seen. One
+ * call is one uninterrupted piece of output. Any thread.
+ */
+QOR_API void hal_printf(const char *fmt, ...) QOR_PRINTF(1, 2);
+
+/**
+ * Formats into a buffer, as snprintf does.
+ *
+ * @param str  the buffer
+ * @param len  its size in bytes
+ * @return     the length of the whole text, or a negative value
+ */
+QOR_API int hal_snprintf(char *str, const int len, const char *fmt, ...) QOR_PRINTF(3, 4);
+
+/** Formats into a buffer from an argument list; otherwise as hal_snprintf(). */
+QOR_API int hal_vsnprintf(char *str, const int len, const char *format, va_list ap)
+    QOR_PRINTF(3, 0);
+
+/** Names the calling thread; the kernel keeps the first 15 characters. Returns prctl's result. */
+static inline int hal_thread_name_set(const char *thread_name)
+{
+    return prctl(PR_SET_NAME, thread_name);
+}
+
+/**
+ * Gives the calling thread a priority under its present scheduling policy. A priority that the
+ * policy refuses changes nothing and is not reported.
+ */
+static inline void hal_thread_setpriority(int priority)
+{
+    int policy;
+    struct sched_param param;
+    if (pthread_getschedparam(pthread_self(), &policy, &param) == 0) {
+        param.sched_priority = priority;
+        (void)pthread_setschedparam(pthread_self(), policy, &param);
+    }
+}
+
+/**
+ * Prepares a thread attribute for a round-robin priority.
+ *
+ * @return  0, or non-zero when a step failed
+ *
+ * An attribute that inherits the creator's scheduling (the default) stays so: its policy and
+ * priority are recorded but have no effect on the thread, which must set its own priority with
+ * hal_thread_setpriority().
+ */
+static inline int hal_thread_attr_setpriority(hal_thread_attr_t *attr, int priority)
+{
+    int inherit = PTHREAD_EXPLICIT_SCHED;
+    struct sched_param param = {0};
+    if (pthread_attr_getinheritsched(attr, &inherit) != 0) {
+        return -1;
+    }
+    /* Deliberate: an inheriting attribute is set to inherit once more, not switched to explicit
+     * scheduling, so that creating a thread never needs privileges. The worker threads therefore
+     * set their priority themselves. Test: Hal.PriorityLeavesAnInheritingAttributeInheriting. */
+    if (inherit == PTHREAD_INHERIT_SCHED && pthread_attr_setinheritsched(attr, inherit) != 0) {
+        return -1;
+    }
+    (void)pthread_attr_setschedpolicy(attr, SCHED_RR); /* a refusal shows at the next step */
+    param.sched_priority = priority;
+    return pthread_attr_setschedparam(attr, &param) != 0 ? -1 : 0;
+}
+
+/**
+ * A link of a circular doubly linked list, or its head; an empty list's head points at itself. A
+ * record joins a list by embedding one. Lists are not synchronised: the owner's lock guards them.
+ */
+typedef struct list_head {
+    struct list_head *next; /**< stored atomically, so that "is the list empty" needs no lock */
+    struct list_head *prev;
+} list_head;
+
+/** Validity hook of an insertion; nothing is checked. */
+static inline int __list_add_valid(list_head *entry, list_head *prev, list_head *next)
+{
+    (void)entry;
+    (void)prev;
+    (void)next;
+    return 1;
+}
+
+/** Validity hook of a removal; nothing is checked. */
+static inline int __list_del_entry_valid(list_head *entry)
+{
+    (void)entry;
+    return 1;
+}
+
+/** Makes a head an empty list. */
+static inline void INIT_LIST_HEAD(list_head *list)
+{
+    __atomic_store_n(&list->next, list, __ATOMIC_RELEASE);
+    list->prev = list;
+}
+
+/** Inserts entry between two neighbours; list_add() and list_add_tail() are the usual ways. */
+static inline void __list_add(list_head *entry, list_head *prev, list_head *next)
+{
+    if (!__list_add_valid(entry, prev, next)) {
+        return;
+    }
+    next->prev = entry;
+    __atomic_store_n(&entry->next, next, __ATOMIC_RELEASE);
+    entry->prev = prev;
+    __atomic_store_n(&prev->next, entry, __ATOMIC_RELEASE);
+}
+
+/** Inserts entry at the front of the list. */
+static inline void list_add(list_head *entry, list_head *head)
+{
+    __list_add(entry, head, head->next);
+}
+
+/** Inserts entry at the end of the list. */
+static inline void list_add_tail(list_head *entry, list_head *head)
+{
+    __list_add(entry, head->prev, head);
+}
+
+/** Joins the neighbours of entry, whose own links stay; list_del() is the usual way. */
+static inline void __list_del_entry(list_head *entry)
+{
+    if (!__list_del_entry_valid(entry)) {
+        return;
+    }
+    entry->next->prev = entry->prev;
+    __atomic_store_n(&entry->prev->next, entry->next, __ATOMIC_RELEASE);
+}
+
+/**
+ * Takes entry out of its list.
+ *
+ * Its links become NULL: removing it again is a fault, and a caller that cannot know tests
+ * entry->prev for "linked" first.
+ */
+static inline void list_del(list_head *entry)
+{
+    __list_del_entry(entry);
+    /* Deliberate: NULL, not self-linked; see above. Test: List.RemovedEntryHasNullLinks. */
+    __atomic_store_n(&entry->next, (list_head *)0, __ATOMIC_RELEASE);
+    entry->prev = (list_head *)0;
+}
+
+/** Tells whether a list is empty. The caller holds the list's lock. */
+static inline int list_empty(const list_head *head)
+{
+    return head->next == head;
+}
+
+/** Reads the monotonic clock in milliseconds; changes of the wall clock do not touch it. */
+static inline int64_t util_timestamp(void)
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
+/** Converts monotonic milliseconds into the form that the timed waits of POSIX take. */
+static inline void util_timespec(int64_t timestamp, struct timespec *ts)
+{
+    ts->tv_sec = (time_t)(timestamp / 1000);
+    ts->tv_nsec = (long)(timestamp % 1000) * 1000000;
+}
+
+QOR_END_DECLS
+
+#endif /* QOR_HAL_H */

@@ -1,0 +1,31 @@
+/* Makes chosen calls of the library fail. Linked into the test build of the library (see fault.c).
+ */
+#ifndef QOR_TESTS_FAULT_H
+#define QOR_TESTS_FAULT_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define FAULT_API __attribute__((visibility("default")))
+
+typedef enum fault_kind {
+    FAULT_ALLOC,  /* malloc, calloc, realloc: NULL, ENOMEM */
+    FAULT_THREAD, /* pthread_create: EAGAIN */
+    FAULT_MUTEX,  /* pthread_mutex_init: ENOMEM */
+    FAULT_COND,   /* pthread_cond_init: ENOMEM */
+    FAULT_SCHED,  /* pthread_attr_setschedparam: EINVAL */
+    FAULT_KINDS
+} fault_kind;
+
+/* Call number `after` from now (0: the next one) fails, once. Negative: none fails. Resets the
+ * counts. */
+FAULT_API void fault_arm(fault_kind kind, int after);
+/* How many calls the library has made, and how many were made to fail, since fault_arm(). */
+FAULT_API int fault_calls(fault_kind kind);
+FAULT_API int fault_fired(fault_kind kind);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
