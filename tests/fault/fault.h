@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Makes chosen calls of the library fail. Linked into the test build of the library (see fault.c).
  */
 #ifndef QOR_TESTS_FAULT_H

@@ -1,0 +1,81 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Who may include whom: check_includes.py ROOT fails on an edge that points upwards.
+
+A file's rank is that of its layer. A public header includes headers of lower ranks, and of its own
+rank only along SIDEWAYS; an internal header also public ones of its own rank; a source anything of
+its own rank. UPWARDS names the few exceptions, which only sources may have.
+"""
+import re
+import sys
+from pathlib import Path
+
+RANKS = [
+    "qor_api qor_types",                                      # 0 language
+    "qor_hal hal_sync qor_diag qor_util",                     # 1 platform
+    "rbtree rbapi rbapi_kv",                                  # 2 containers
+    "qor_que qor_time_que",                                   # 3 queues
+    "qor_context_msg qor_context_task qor_recycle qor_thread_pool",  # 4 records, pool
+    "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
+    " qor_context_forward",                                   # 5 context model
+    "qor_topic_core qor_bus qor_sched_delegate",              # 6 dispatch
+    "qor_core_context qor_impl_context qor_task_discard",     # 7 context kinds
+    "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
+    "qor_main",                                               # 9 start-up
+    "qor",                                                    # everything, for applications
+]
+SIDEWAYS = {
+    ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
+    ("qor_bus", "qor_topic_core"), ("qor_sched_delegate", "qor_bus"),
+}
+UPWARDS = {
+    ("qor_bus.cpp", "qor_main.h"),
+    ("qor_bus.cpp", "qor_task_discard.hpp"),
+    ("qor_context_core.cpp", "qor_impl_context.h"),
+}
+RANK = {name: rank for rank, names in enumerate(RANKS) for name in names.split()}
+
+
+def stem(name):
+    """The object a file belongs to; what is private to an object ranks with it."""
+    return Path(name).stem.removesuffix("_priv")
+
+
+def complaint(includer, included):
+    """Why one file may not include another, or None."""
+    source = includer.endswith(".cpp")
+    of, to = stem(includer), stem(included)
+    if (includer, included) in UPWARDS or of == to and (source or included.endswith(".h")):
+        return None
+    if includer.endswith(".h") and included.endswith(".hpp"):
+        return "a public header includes an internal one"
+    if RANK[to] > RANK[of]:
+        return f"rank {RANK[of]} includes rank {RANK[to]}"
+    inward = source or includer.endswith(".hpp") and included.endswith(".h")
+    if RANK[to] == RANK[of] and not inward and (of, to) not in SIDEWAYS:
+        return "two headers of one rank"
+    return None
+
+
+def main(root):
+    paths = [p for d in ("include", "src") for p in (root / d).rglob("*") if p.suffix in (".h", ".hpp", ".cpp")]
+    names = {p.name for p in paths}
+    found, complaints = set(), []
+    for path in paths:
+        if stem(path.name) not in RANK:
+            complaints.append(f"{path.name}: has no rank")
+            continue
+        for included in re.findall(r'^\s*#\s*include\s*"([^"]+)"', path.read_text(), re.M):
+            found.add((path.name, included))
+            if included not in names:
+                complaints.append(f"{path.name}: {included} is not of this tree")
+            elif why := complaint(path.name, included):
+                complaints.append(f"{path.name} includes {included}: {why}")
+    complaints += [f"{a} no longer includes {b}: drop the exception" for a, b in UPWARDS - found if a in names]
+    public = {n for n in names if n.endswith(".h") and n != "qor.h"}
+    complaints += [f"qor.h does not include {n}" for n in public if ("qor.h", n) not in found]
+    print("\n".join(sorted(complaints)) or f"{len(found)} edges, all downwards")
+    return len(complaints) > 0
+
+
+sys.exit(main(Path(sys.argv[1])))

@@ -1,0 +1,37 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# What the built shared library needs, exports, and must not contain.
+#   usage: check_library.sh LIBRARY EXPORTS
+# EXPORTS has one name a line, sorted in the C locale; it is compared both ways.
+set -eu
+library=$1
+exports=$2
+export LC_ALL=C
+have=$(mktemp)
+trap 'rm -f "$have"' EXIT
+status=0
+bad() {
+  printf '%s: %s\n' "$library" "$*" >&2
+  status=1
+}
+
+# ld-linux-armhf comes in with the compiler's own start files on 32-bit ARM.
+needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+[ -n "$needed" ] || bad 'needs no library at all: is a static C library linked in?'
+extra=$(printf '%s\n' "$needed" | grep -Evx 'libc\.so(\.6)?|ld-linux-armhf\.so\.3' || true)
+[ -z "$extra" ] || bad "needs $extra"
+readelf -d "$library" | grep -q 'SONAME.*\[libqor_bus\.so\.1\]' || bad 'is not named libqor_bus.so.1'
+
+nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort >"$have"
+[ "$exports" = - ] || diff -u "$exports" "$have" >&2 || bad 'exports differ: - listed only, + built only'
+
+runtime=$(nm -D --undefined-only "$library" | awk '{ sub(/@.*/, "", $2); print $2 }' |
+  grep -E '^(_Z|__gxx_personality|__cxa_(guard|throw|begin|end|pure|thread)|_Unwind)' || true)
+[ -z "$runtime" ] || bad "uses the C++ runtime: $runtime"
+! nm "$library" | grep '_GLOBAL__sub_I' >&2 || bad 'has a global that is set up by code at load time'
+
+! readelf -d "$library" | grep -q TEXTREL || bad 'has text relocations'
+! readelf -lW "$library" | grep -Eq 'GNU_STACK.*RWE' || bad 'has an executable stack'
+# A variable would exist twice: here and as the copy in an executable that was built without -fPIC.
+! readelf -d "$library" | grep -q SYMBOLIC || bad 'is linked with -Bsymbolic'
+exit $status
