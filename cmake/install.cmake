@@ -10,6 +10,9 @@ install(TARGETS qor_bus EXPORT qor_bus LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDI
 install(FILES ${_public_headers} ${PROJECT_SOURCE_DIR}/src/hal/linux/qor_hal.h
   DESTINATION ${_headers})
 
+# Relative to the file itself, so that the installed tree can be moved.
+file(RELATIVE_PATH _to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" _to_prefix ${_to_prefix})
 configure_file(cmake/libqor_bus.pc.in libqor_bus.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/libqor_bus.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
