@@ -11,11 +11,12 @@ extern "C" {
 #define FAULT_API __attribute__((visibility("default")))
 
 typedef enum fault_kind {
-    FAULT_ALLOC,  /* malloc, calloc, realloc: NULL, ENOMEM */
+    FAULT_ALLOC,  /* malloc, calloc, realloc, strdup: NULL, ENOMEM */
     FAULT_THREAD, /* pthread_create: EAGAIN */
     FAULT_MUTEX,  /* pthread_mutex_init: ENOMEM */
     FAULT_COND,   /* pthread_cond_init: ENOMEM */
     FAULT_SCHED,  /* pthread_attr_setschedparam: EINVAL */
+    FAULT_ATTR,   /* pthread_attr_init, pthread_condattr_init: ENOMEM */
     FAULT_KINDS
 } fault_kind;
 
@@ -25,6 +26,8 @@ FAULT_API void fault_arm(fault_kind kind, int after);
 /* How many calls the library has made, and how many were made to fail, since fault_arm(). */
 FAULT_API int fault_calls(fault_kind kind);
 FAULT_API int fault_fired(fault_kind kind);
+/* The priority that the library last put into a thread attribute. */
+FAULT_API int fault_sched_priority(void);
 
 #ifdef __cplusplus
 }
