@@ -22,7 +22,7 @@ struct qor_context_core {
 };
 
 /** The registry of the process; all zero until qor_context_core_instance_get() constructs it. */
-extern QOR_API qor_context_core_t default_core;
+QOR_API extern qor_context_core_t default_core;
 
 /**
  * Gives the registry of the process and constructs it on first use. Never NULL.

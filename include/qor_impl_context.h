@@ -31,7 +31,7 @@ struct qor_impl_context {
  *   when its thread could not be created, it does nothing.
  * - create prints "malloc "qor_impl_context_t" failed." and an empty line when there is no memory.
  */
-extern QOR_API qor_context_cls_t qor_impl_context_class;
+QOR_API extern qor_context_cls_t qor_impl_context_class;
 
 QOR_END_DECLS
 
