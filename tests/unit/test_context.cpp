@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "qor_context.h"
 
+#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
