@@ -11,11 +11,13 @@ from xml.etree import ElementTree
 passed = failed = 0
 for path in sys.argv[2:]:
     for case in ElementTree.parse(path).iter("testcase"):
-        skipped = case.find("skipped")
-        if case.get("status") == "run":
+        status, skipped = case.get("status"), case.find("skipped")
+        if status == "run":
             passed += 1
-        elif skipped is None or not skipped.get("message", "").startswith("SKIP_"):
-            failed += 1  # neither run nor skipped by itself, as when a program was not built
+        elif status == "fail":
+            failed += 1
+        elif status == "notrun" and not skipped.get("message", "").startswith("SKIP_"):
+            failed += 1  # it did not skip itself: its program was not built, for instance
 
 if sys.argv[1] != "0" and failed == 0:
     failed = 1
