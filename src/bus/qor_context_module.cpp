@@ -26,7 +26,7 @@ int32_t module_session(qor_context_t *context)
     return session;
 }
 
-int32_t module_session_unless(int32_t result, int32_t session)
+int32_t module_session_unless_failed(int32_t result, int32_t session)
 {
     return result < 0 ? -1 : session;
 }
@@ -36,7 +36,7 @@ int32_t module_publish(qor_context_t *context, int32_t ss, qor_context_topic_t t
 {
     qor_context_msg_t msg = {};
     qor_context_msg_fill_full(&msg, ss, topic, req_buf, req_size, nullptr, res_size);
-    return module_session_unless(qor_context_publish(context, &msg), ss);
+    return module_session_unless_failed(qor_context_publish(context, &msg), ss);
 }
 
 int32_t module_publishx(qor_context_t *context, int32_t ss, qor_context_topic_t topic,
@@ -155,8 +155,8 @@ int32_t qor_context_run_full(qor_context_t *_this, const char *name, int32_t ss,
 {
     QOR_CHECK(_this, -1);
     QOR_CHECK(func, -1);
-    /* Deliberate: in line, the same as x_run, though timer, the other family without the x_, is
-     * not: modules count on their runs not to overlap. Test: ContextModule.PlainRunIsInLine. */
+    /* Deliberate: in line, the same as x_run, unlike the other families without the x_: modules
+     * count on their runs not to overlap. Test: ContextModule.PlainRunIsInLine. */
     return module_post_run(_this, name, ss, func, arg, in_line, no_delay);
 }
 
@@ -180,7 +180,7 @@ int32_t qor_context_run_name(qor_context_t *_this, const char *name, qor_context
     QOR_CHECK(_this, -1);
     const int32_t session = module_session(_this);
     const int32_t result = qor_context_run_full(_this, name, session, func, arg);
-    return module_session_unless(result, session);
+    return module_session_unless_failed(result, session);
 }
 
 int32_t qor_context_runx_full(qor_context_t *_this, const char *name, int32_t ss,
@@ -209,7 +209,7 @@ int32_t qor_context_runx_name(qor_context_t *_this, const char *name, qor_contex
     QOR_CHECK(_this, -1);
     const int32_t session = module_session(_this);
     const int32_t result = qor_context_runx_full(_this, name, session, func, arg);
-    return module_session_unless(result, session);
+    return module_session_unless_failed(result, session);
 }
 
 int32_t qor_context_x_run_full(qor_context_t *_this, const char *name, int32_t ss,
@@ -238,7 +238,7 @@ int32_t qor_context_x_run_name(qor_context_t *_this, const char *name, qor_conte
     QOR_CHECK(_this, -1);
     const int32_t session = module_session(_this);
     const int32_t result = qor_context_x_run_full(_this, name, session, func, arg);
-    return module_session_unless(result, session);
+    return module_session_unless_failed(result, session);
 }
 
 int32_t qor_context_x_runx_full(qor_context_t *_this, const char *name, int32_t ss,
@@ -267,7 +267,7 @@ int32_t qor_context_x_runx_name(qor_context_t *_this, const char *name, qor_cont
     QOR_CHECK(_this, -1);
     const int32_t session = module_session(_this);
     const int32_t result = qor_context_x_runx_full(_this, name, session, func, arg);
-    return module_session_unless(result, session);
+    return module_session_unless_failed(result, session);
 }
 
 int32_t qor_context_timer_full(qor_context_t *_this, const char *name, int32_t ss,
@@ -297,7 +297,7 @@ int32_t qor_context_timer_name(qor_context_t *_this, const char *name, qor_conte
     QOR_CHECK(_this, -1);
     const int32_t session = module_session(_this);
     const int32_t result = qor_context_timer_full(_this, name, session, func, arg, delay);
-    return module_session_unless(result, session);
+    return module_session_unless_failed(result, session);
 }
 
 int32_t qor_context_timerx_full(qor_context_t *_this, const char *name, int32_t ss,
@@ -327,7 +327,7 @@ int32_t qor_context_timerx_name(qor_context_t *_this, const char *name, qor_cont
     QOR_CHECK(_this, -1);
     const int32_t session = module_session(_this);
     const int32_t result = qor_context_timerx_full(_this, name, session, func, arg, delay);
-    return module_session_unless(result, session);
+    return module_session_unless_failed(result, session);
 }
 
 int32_t qor_context_x_timer_full(qor_context_t *_this, const char *name, int32_t ss,
@@ -357,7 +357,7 @@ int32_t qor_context_x_timer_name(qor_context_t *_this, const char *name, qor_con
     QOR_CHECK(_this, -1);
     const int32_t session = module_session(_this);
     const int32_t result = qor_context_x_timer_full(_this, name, session, func, arg, delay);
-    return module_session_unless(result, session);
+    return module_session_unless_failed(result, session);
 }
 
 int32_t qor_context_x_timerx_full(qor_context_t *_this, const char *name, int32_t ss,
@@ -388,7 +388,7 @@ int32_t qor_context_x_timerx_name(qor_context_t *_this, const char *name, qor_co
     QOR_CHECK(_this, -1);
     const int32_t session = module_session(_this);
     const int32_t result = qor_context_x_timerx_full(_this, name, session, func, arg, delay);
-    return module_session_unless(result, session);
+    return module_session_unless_failed(result, session);
 }
 
 int32_t qor_context_timer_cancel(qor_context_t *_this, int32_t ss)
