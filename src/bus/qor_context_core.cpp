@@ -47,7 +47,7 @@ qor_context_core_t *qor_context_core_create(void)
         QOR_ERR("malloc \"qor_context_core_t\" failed.\n");
         return nullptr;
     }
-    if (!qor_context_core_constructor(_this)) {
+    if (!qor_context_core_constructor(_this)) { /* cannot happen; see its header */
         /* Deliberate: own newline, an empty line follows. */
         QOR_ERR("constructor \"qor_context_core_t\" failed.\n");
     }

@@ -129,5 +129,6 @@ INSTANTIATE_TEST_SUITE_P(
     All, ImplContextPriority,
     testing::Values(PriorityCase{"Nothing", 0, 1}, PriorityCase{"Negative", -20, 1},
                     PriorityCase{"Lowest", 1, 1}, PriorityCase{"Within", 50, 50},
-                    PriorityCase{"Highest", 99, 99}, PriorityCase{"TooHigh", 150, 99}),
+                    PriorityCase{"Highest", 99, 99}, PriorityCase{"JustAbove", 100, 99},
+                    PriorityCase{"FarAbove", 150, 99}),
     case_name<PriorityCase>);

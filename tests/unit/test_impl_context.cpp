@@ -238,6 +238,16 @@ TEST_F(ImplContext, StartAndStopWithoutConsoleDoNothing)
     EXPECT_EQ(out.printed(), "");
 }
 
+TEST_F(ImplContext, StopWithoutConsoleLeavesAForeignResourceAlone)
+{
+    qor_context_resource_set(context, &called);
+
+    qor_context_stop(context);
+
+    EXPECT_EQ(qor_context_resource_get(context), &called);
+    EXPECT_EQ(out.printed(), "");
+}
+
 TEST_F(ImplContext, StopWithoutStartDoesNothing)
 {
     module.console = [](qor_context_t *) { return int32_t{0}; };
