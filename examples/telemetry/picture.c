@@ -1,0 +1,33 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "picture.h"
+
+#include <inttypes.h>
+
+#include "svg.h"
+
+enum { WIDTH = 1000, LEFT = 84, RIGHT = 30, CHART_TOP = 96, CHART_HEIGHT = 200, GAP = 120 };
+
+double picture_step(double top, int count)
+{
+    double step = 0.1;
+    for (int i = 0; top / step > count; i++) {
+        step *= i % 3 == 1 ? 2.5 : 2; /* 0.1, 0.2, 0.5, 1, 2, 5 ... */
+    }
+    return step;
+}
+
+void picture_draw(FILE *file, const struct telemetry *t)
+{
+    const struct spread *trip = &t->sampler.round_trip_us;
+    const struct area chart = {LEFT, CHART_TOP, WIDTH - LEFT - RIGHT, CHART_HEIGHT};
+    const struct area lanes = {LEFT, CHART_TOP + CHART_HEIGHT + GAP, WIDTH - LEFT - RIGHT, 0};
+    svg_begin(file, WIDTH, lanes.y + lanes_height(t));
+    svg_text(file, "title", 24, 32, "Telemetry: the machine as the judge saw it");
+    svg_text(file, "sub", 24, 52,
+             "Samples: %d. Alarms: %d. From request to response: %" PRId64 " to %" PRId64
+             " \302\265s, on average %" PRId64 " \302\265s.",
+             t->recorder.seen, t->alarm.raised, trip->min, trip->max, spread_mean(trip));
+    chart_draw(file, t, chart);
+    lanes_draw(file, t, lanes);
+    svg_end(file);
+}

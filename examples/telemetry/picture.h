@@ -1,0 +1,26 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The picture: a chart of load and memory over time, and below it the modules at work. */
+#ifndef PICTURE_H
+#define PICTURE_H
+
+#include "telemetry.h"
+
+struct area {
+    double x;
+    double y;
+    double width;
+    double height;
+};
+
+/* Draws everything; after the bus is closed. Errors stay in the file for ferror(). */
+void picture_draw(FILE *file, const struct telemetry *t);
+
+/* A step for at most `count` labels on a scale up to `top`: 1, 2 or 5 times a power of ten. */
+double picture_step(double top, int count);
+
+/* The two halves. The lanes' height follows from their number. */
+void chart_draw(FILE *file, const struct telemetry *t, struct area area);
+void lanes_draw(FILE *file, const struct telemetry *t, struct area area);
+double lanes_height(const struct telemetry *t);
+
+#endif /* PICTURE_H */
