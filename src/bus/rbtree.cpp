@@ -105,7 +105,7 @@ bool rb_erase_step(rb_node *parent, rb_root *root, Rotate augment_rotate)
         rb_rotate<near, far>(parent, root, RB_RED, augment_rotate);
     }
     rb_node *sibling = parent->*far; /* there is one: its side has at least one black */
-    if (!rb_is_red(sibling->*far)) {
+    if (!rb_is_red(sibling->*far)) { /* NOLINT(clang-analyzer-core.NullDereference) */
         if (!rb_is_red(sibling->*near)) {
             const bool done = rb_is_red(parent);
             rb_redden(sibling);
