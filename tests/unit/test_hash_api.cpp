@@ -2,7 +2,6 @@
 #include "rbapi.h"
 
 #include <iterator>
-#include <iterator>
 #include <string>
 #include <vector>
 
