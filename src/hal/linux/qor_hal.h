@@ -162,8 +162,9 @@ static inline void list_del(list_head *entry)
 {
     __list_del_entry(entry);
     /* Deliberate: NULL, not self-linked; see above. Test: List.RemovedEntryHasNullLinks. */
-    __atomic_store_n(&entry->next, (list_head *)0, __ATOMIC_RELEASE);
-    entry->prev = (list_head *)0;
+    list_head *unlinked = NULL;
+    __atomic_store_n(&entry->next, unlinked, __ATOMIC_RELEASE);
+    entry->prev = unlinked;
 }
 
 /** Tells whether a list is empty. The caller holds the list's lock. */
@@ -177,15 +178,21 @@ static inline int64_t util_timestamp(void)
 {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+    const int64_t seconds = ts.tv_sec;
+    return seconds * 1000 + ts.tv_nsec / 1000000;
 }
 
+/* A 32-bit time_t holds every moment of the monotonic clock. No cast: one that is valid in C is
+ * old-style in C++. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion"
 /** Converts monotonic milliseconds into the form that the timed waits of POSIX take. */
 static inline void util_timespec(int64_t timestamp, struct timespec *ts)
 {
-    ts->tv_sec = (time_t)(timestamp / 1000);
-    ts->tv_nsec = (long)(timestamp % 1000) * 1000000;
+    ts->tv_sec = timestamp / 1000;
+    ts->tv_nsec = timestamp % 1000 * 1000000;
 }
+#pragma GCC diagnostic pop
 
 QOR_END_DECLS
 

@@ -1,0 +1,470 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Topic table. Lists are changed and stepped through under one mutex each; a removed registration
+ * is freed when the dispatches that may stand on it have ended. */
+#include "qor_topic_core.h"
+
+#include "hal_sync.hpp"
+#include "qor_diag.hpp"
+#include "qor_topic_core_priv.hpp"
+#include "qor_util.hpp"
+
+struct qor_topic_core_private;
+
+namespace {
+
+/* What a registration has behind its public fields. */
+struct topic_node {
+    qor_topic_node_t node;
+    qor_topic_core_private *home; /* of its topic; NULL while in no list of the table */
+    int32_t removed;              /* written under the list's mutex, read without it */
+    topic_node *retired;          /* the next node that waits to be freed */
+};
+
+} // namespace
+
+/* One per topic. Dispatches count themselves into one of two epochs. Nodes that are removed in the
+ * current epoch wait until it can be closed, which needs the older one to be empty; they are freed
+ * when the last dispatch of the closed epoch has left. So a topic that is never quiet still gives
+ * memory back. */
+struct qor_topic_core_private {
+    hal_thread_mutex_t mutex; /* guards what follows, but for entered and left */
+    uint32_t entered;         /* bit 0: the current epoch; above: entries into it, modulo 2^31 */
+    uint32_t left[2];         /* exits from either epoch, modulo 2^32 */
+    uint32_t closed;          /* entries into the older epoch when it was closed, modulo 2^31 */
+    int32_t pending;          /* nodes wait to be freed; read without the mutex at each exit */
+    topic_node *waiting;      /* removed in the current epoch */
+    topic_node *closing;      /* removed before: the older epoch's dispatches may stand on them */
+};
+
+namespace {
+
+constexpr char file_tag[] = "qor_topic_core";
+constexpr uint32_t entries_mask = UINT32_MAX >> 1;
+
+qor_topic_node_t *node_of(list_head *link)
+{
+    return util_container<qor_topic_node_t, offsetof(qor_topic_node_t, topic_node)>(link);
+}
+
+topic_node *whole_node(qor_topic_node_t *node)
+{
+    return reinterpret_cast<topic_node *>(node); /* the public part is the first field */
+}
+
+void topic_nodes_free(topic_node *first)
+{
+    for (topic_node *next; first; first = next) {
+        next = first->retired;
+        free(first);
+    }
+}
+
+/* Closes the current epoch as often as the older one is empty, and frees what nobody can stand on.
+ */
+void topic_reclaim(qor_topic_core_private &topic)
+{
+    topic_node *unreachable = nullptr;
+    {
+        hal_scoped_lock lock(topic.mutex);
+        uint32_t older = ~__atomic_load_n(&topic.entered, __ATOMIC_SEQ_CST) & 1;
+        while ((__atomic_load_n(&topic.left[older], __ATOMIC_SEQ_CST) & entries_mask) ==
+               topic.closed) {
+            for (topic_node *node; (node = topic.closing) != nullptr;) {
+                topic.closing = node->retired;
+                node->retired = unreachable;
+                unreachable = node;
+            }
+            if (!topic.waiting) {
+                __atomic_store_n(&topic.pending, 0, __ATOMIC_SEQ_CST);
+                break;
+            }
+            topic.closing = topic.waiting;
+            topic.waiting = nullptr;
+            __atomic_store_n(&topic.left[older], 0, __ATOMIC_SEQ_CST);
+            topic.closed = __atomic_exchange_n(&topic.entered, older, __ATOMIC_SEQ_CST) >> 1;
+            older ^= 1;
+        }
+    }
+    topic_nodes_free(unreachable);
+}
+
+/* Hands a node that has left its lists over to be freed. */
+void topic_node_retire(qor_topic_node_t *node)
+{
+    qor_topic_core_private &topic = *whole_node(node)->home;
+    {
+        hal_scoped_lock lock(topic.mutex);
+        whole_node(node)->retired = topic.waiting;
+        topic.waiting = whole_node(node);
+        /* Before the epoch is closed: a dispatch that leaves too late to be counted by
+         * topic_reclaim() below sees this and reclaims itself. */
+        __atomic_store_n(&topic.pending, 1, __ATOMIC_SEQ_CST);
+    }
+    topic_reclaim(topic);
+}
+
+/* Takes a node out of both lists. The caller holds the topic list's mutex, and the delegate's when
+ * the node is in its list. */
+void topic_node_unlink(qor_topic_node_t *node)
+{
+    hal_store(whole_node(node)->removed, 1);
+    if (node->context_node.prev) {
+        list_del(&node->context_node);
+    }
+    if (node->topic_node.prev) {
+        /* Deliberate: the links keep their values, so that a walk that stands on this node finds
+         * on. Test: TopicCore.AWalkGoesOnFromARemovedNode. */
+        __list_del_entry(&node->topic_node);
+    }
+}
+
+int32_t qor_topic_core_topic_check(qor_topic_core_t *_this, qor_context_topic_t topic_id)
+{
+    QOR_CHECK(_this, -1);
+    if (topic_id < 0 || topic_id >= _this->id_max) {
+        QOR_ERR("topic invalid.\n"); /* Deliberate: own newline, an empty line follows. */
+        return -1;
+    }
+    return 0;
+}
+
+/* The part of a topic that the three kinds of registration differ in. */
+struct topic_list {
+    list_head *head;
+    hal_thread_mutex_t *mutex;
+};
+
+topic_list subscribers_of(qor_topic_t *topic)
+{
+    return {&topic->subscriber_head, &topic->subscriber_mutex};
+}
+
+topic_list listeners_of(qor_topic_t *topic)
+{
+    return {&topic->listener_head, &topic->listener_mutex};
+}
+
+topic_list filters_of(qor_topic_t *topic)
+{
+    return {&topic->filter_head, &topic->filter_mutex};
+}
+
+using topic_list_of = topic_list (*)(qor_topic_t *topic);
+
+/* The name that is printed is the calling operation's. */
+qor_topic_node_t *topic_core_add(qor_topic_core_t *core, qor_context_t *context,
+                                 qor_context_topic_t topic_id, qor_context_topic_attr_t *attr,
+                                 topic_list_of list_of, const char *func)
+{
+    if (qor_topic_core_topic_check(core, topic_id) < 0) {
+        return nullptr;
+    }
+    qor_topic_t *topic = &core->ids[topic_id];
+    qor_topic_node_t *node = qor_topic_node_create(topic, context, attr);
+    if (!node) {
+        QOR_LINE("err", func, "create node failed.");
+        return nullptr;
+    }
+    whole_node(node)->home = &core->priv[topic_id];
+    const topic_list list = list_of(topic);
+    hal_scoped_lock lock(*list.mutex);
+    list_add(&node->topic_node, list.head);
+    return node;
+}
+
+void topic_core_remove(qor_topic_core_t *core, qor_context_t *context, qor_context_topic_t topic_id,
+                       topic_list_of list_of)
+{
+    if (qor_topic_core_topic_check(core, topic_id) < 0) {
+        return;
+    }
+    const topic_list list = list_of(&core->ids[topic_id]);
+    qor_topic_node_t *node = nullptr;
+    {
+        hal_scoped_lock lock(*list.mutex);
+        for (list_head *link = list.head->next; link != list.head && !node; link = link->next) {
+            node = node_of(link)->context == context ? node_of(link) : nullptr;
+        }
+        if (!node) {
+            return;
+        }
+        topic_node_unlink(node);
+    }
+    topic_node_retire(node);
+}
+
+void topic_core_remove_node(qor_topic_node_t *node, topic_list_of list_of)
+{
+    const topic_list list = list_of(node->topic);
+    {
+        hal_scoped_lock lock(*list.mutex);
+        topic_node_unlink(node);
+    }
+    topic_node_retire(node);
+}
+
+int32_t topic_core_someone(qor_topic_core_t *core, qor_context_topic_t topic_id,
+                           topic_list_of list_of, int32_t bad_topic)
+{
+    if (qor_topic_core_topic_check(core, topic_id) < 0) {
+        return bad_topic;
+    }
+    const list_head *head = list_of(&core->ids[topic_id]).head;
+    return hal_load(head->next) != head;
+}
+
+qor_topic_node_t *qor_topic_core_node_next(list_head *head, hal_thread_mutex_t *mutex,
+                                           qor_topic_node_t *node)
+{
+    const list_head *from = node ? &node->topic_node : head;
+    if (hal_load(head->next) == head || hal_load(from->next) == head) {
+        return nullptr;
+    }
+    qor_topic_node_t *next;
+    qor_context_t *context;
+    {
+        hal_scoped_lock lock(*mutex);
+        list_head *link = from->next;
+        while (link != head && whole_node(node_of(link))->removed) {
+            link = link->next; /* a removed node still leads to those behind it */
+        }
+        if (link == head) {
+            return nullptr;
+        }
+        next = node_of(link);
+        context = next->context;
+    }
+    /* Outside the mutex: entering may wait until the context has started, and its own init may be
+     * about to register on this very topic. */
+    if (qor_context_resume(context) < 0) {
+        /* Deliberate: the walk ends at a context that cannot be entered, those behind it are not
+         * visited. Test: TopicCore.AWalkEndsAtAContextThatCannotBeEntered. */
+        QOR_ERR("resume failed. context = %s", qor_context_module_name_get(context));
+        return nullptr;
+    }
+    return next;
+}
+
+qor_topic_node_t *topic_core_walk(qor_topic_core_t *core, qor_context_topic_t topic_id,
+                                  qor_topic_node_t *node, topic_list_of list_of)
+{
+    if (qor_topic_core_topic_check(core, topic_id) < 0) {
+        return nullptr;
+    }
+    const topic_list list = list_of(&core->ids[topic_id]);
+    return qor_topic_core_node_next(list.head, list.mutex, node);
+}
+
+void topic_init(qor_topic_t &topic, qor_topic_core_private &priv, int32_t number)
+{
+    topic.topic = number;
+    INIT_LIST_HEAD(&topic.subscriber_head);
+    INIT_LIST_HEAD(&topic.listener_head);
+    INIT_LIST_HEAD(&topic.filter_head);
+    pthread_mutex_init(&topic.subscriber_mutex, nullptr);
+    pthread_mutex_init(&topic.listener_mutex, nullptr);
+    pthread_mutex_init(&topic.filter_mutex, nullptr);
+    pthread_mutex_init(&priv.mutex, nullptr);
+}
+
+void topic_uninit(qor_topic_t &topic, qor_topic_core_private &priv)
+{
+    pthread_mutex_destroy(&topic.subscriber_mutex);
+    pthread_mutex_destroy(&topic.listener_mutex);
+    pthread_mutex_destroy(&topic.filter_mutex);
+    pthread_mutex_destroy(&priv.mutex);
+    topic_nodes_free(priv.waiting);
+    topic_nodes_free(priv.closing);
+}
+
+} // namespace
+
+topic_dispatch::topic_dispatch(qor_topic_core_t *core, qor_context_topic_t topic)
+    : topic_(topic >= 0 && topic < core->id_max ? &core->priv[topic] : nullptr), epoch_(0)
+{
+    if (topic_) {
+        epoch_ = __atomic_fetch_add(&topic_->entered, 2, __ATOMIC_SEQ_CST) & 1;
+    }
+}
+
+topic_dispatch::~topic_dispatch()
+{
+    if (!topic_) {
+        return;
+    }
+    __atomic_fetch_add(&topic_->left[epoch_], 1, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&topic_->pending, __ATOMIC_SEQ_CST)) {
+        topic_reclaim(*topic_);
+    }
+}
+
+bool topic_node_removed(const qor_topic_node_t *node)
+{
+    return hal_load(reinterpret_cast<const topic_node *>(node)->removed) != 0;
+}
+
+qor_topic_core_t *qor_topic_core_create(int32_t id_max)
+{
+    qor_topic_core_t *core = util_zalloc<qor_topic_core_t>();
+    if (!core) {
+        QOR_ERR("malloc \"qor_topic_core_t\" failed.\n"); /* Deliberate: own newline, an empty line
+                                                             follows. */
+        return nullptr;
+    }
+    /* One block for the public and the private half of all topics. */
+    const size_t count = static_cast<size_t>(id_max);
+    void *topics = calloc(count, sizeof(qor_topic_t) + sizeof(qor_topic_core_private));
+    if (!topics) {
+        QOR_ERR("malloc a lots of \"qor_topic_t\" failed.\n"); /* Deliberate: own newline, an empty
+                                                                  line follows. */
+        free(core);
+        return nullptr;
+    }
+    core->id_max = id_max;
+    core->ids = static_cast<qor_topic_t *>(topics);
+    core->priv = reinterpret_cast<qor_topic_core_private *>(core->ids + count);
+    for (int32_t i = 0; i < id_max; i++) {
+        topic_init(core->ids[i], core->priv[i], i);
+    }
+    return core;
+}
+
+void qor_topic_core_destroy(qor_topic_core_t *core)
+{
+    /* Deliberate: nodes that are still in a list are not freed, their owners hold pointers to them.
+     * Test: TopicCore.DestroyLeavesRegistrationsAllocated. */
+    for (int32_t i = 0; i < core->id_max; i++) {
+        topic_uninit(core->ids[i], core->priv[i]);
+    }
+    free(core->ids);
+    free(core);
+}
+
+qor_topic_node_t *qor_topic_core_subscribe(qor_topic_core_t *core, qor_context_t *context,
+                                           qor_context_topic_t topic_id,
+                                           qor_context_topic_attr_t *attr)
+{
+    return topic_core_add(core, context, topic_id, attr, subscribers_of, __func__);
+}
+
+qor_topic_node_t *qor_topic_core_listen(qor_topic_core_t *core, qor_context_t *context,
+                                        qor_context_topic_t topic_id,
+                                        qor_context_topic_attr_t *attr)
+{
+    return topic_core_add(core, context, topic_id, attr, listeners_of, __func__);
+}
+
+qor_topic_node_t *qor_topic_core_filter(qor_topic_core_t *core, qor_context_t *context,
+                                        qor_context_topic_t topic_id,
+                                        qor_context_topic_attr_t *attr)
+{
+    return topic_core_add(core, context, topic_id, attr, filters_of, __func__);
+}
+
+void qor_topic_core_unsubscribe(qor_topic_core_t *core, qor_context_t *context,
+                                qor_context_topic_t topic_id)
+{
+    topic_core_remove(core, context, topic_id, subscribers_of);
+}
+
+void qor_topic_core_unlisten(qor_topic_core_t *core, qor_context_t *context,
+                             qor_context_topic_t topic_id)
+{
+    topic_core_remove(core, context, topic_id, listeners_of);
+}
+
+void qor_topic_core_unfilter(qor_topic_core_t *core, qor_context_t *context,
+                             qor_context_topic_t topic_id)
+{
+    topic_core_remove(core, context, topic_id, filters_of);
+}
+
+void qor_topic_core_unsubscribe_by_node(qor_topic_core_t *, qor_topic_node_t *node)
+{
+    QOR_CHECK_VOID(node);
+    QOR_CHECK_VOID(node->topic);
+    topic_core_remove_node(node, subscribers_of);
+}
+
+void qor_topic_core_unlisten_by_node(qor_topic_core_t *, qor_topic_node_t *node)
+{
+    QOR_CHECK_VOID(node);
+    QOR_CHECK_VOID(node->topic);
+    topic_core_remove_node(node, listeners_of);
+}
+
+void qor_topic_core_unfilter_by_node(qor_topic_core_t *, qor_topic_node_t *node)
+{
+    QOR_CHECK_VOID(node);
+    QOR_CHECK_VOID(node->topic);
+    topic_core_remove_node(node, filters_of);
+}
+
+int32_t qor_topic_core_someone_subscribed(qor_topic_core_t *core, qor_context_topic_t topic_id)
+{
+    return topic_core_someone(core, topic_id, subscribers_of, 0);
+}
+
+int32_t qor_topic_core_someone_listened(qor_topic_core_t *core, qor_context_topic_t topic_id)
+{
+    return topic_core_someone(core, topic_id, listeners_of, 0);
+}
+
+int32_t qor_topic_core_someone_filtered(qor_topic_core_t *core, qor_context_topic_t topic_id)
+{
+    /* Deliberate: -1 for a bad topic, where the siblings say 0. A caller that tests for non-zero
+     * walks on and gets the bad topic reported by the walk too.
+     * Test: TopicCore.SomeoneFilteredAnswersMinusOneForABadTopic. */
+    return topic_core_someone(core, topic_id, filters_of, -1);
+}
+
+qor_topic_node_t *qor_topic_core_subscriber_node_next(qor_topic_core_t *core,
+                                                      qor_context_topic_t topic_id,
+                                                      qor_topic_node_t *node)
+{
+    return topic_core_walk(core, topic_id, node, subscribers_of);
+}
+
+qor_topic_node_t *qor_topic_core_listener_node_next(qor_topic_core_t *core,
+                                                    qor_context_topic_t topic_id,
+                                                    qor_topic_node_t *node)
+{
+    return topic_core_walk(core, topic_id, node, listeners_of);
+}
+
+qor_topic_node_t *qor_topic_core_filter_node_next(qor_topic_core_t *core,
+                                                  qor_context_topic_t topic_id,
+                                                  qor_topic_node_t *node)
+{
+    return topic_core_walk(core, topic_id, node, filters_of);
+}
+
+qor_topic_node_t *qor_topic_node_create(qor_topic_t *topic, qor_context_t *context,
+                                        qor_context_topic_attr_t *attr)
+{
+    topic_node *whole = util_zalloc<topic_node>();
+    if (!whole) {
+        QOR_ERR("malloc \"qor_topic_node_t\" failed.\n"); /* Deliberate: own newline, an empty line
+                                                             follows. */
+        return nullptr;
+    }
+    qor_topic_node_t *node = &whole->node;
+    node->topic = topic;
+    node->context = context;
+    if (attr) {
+        node->attr = *attr;
+    } else {
+        node->attr.mask = QOR_CONTEXT_TOPIC_ATTR_POINT;
+        node->attr.point = QOR_CONTEXT_TOPIC_ATTR_POINT_AROUND;
+    }
+    INIT_LIST_HEAD(&node->context_node);
+    INIT_LIST_HEAD(&node->topic_node);
+    return node;
+}
+
+void qor_topic_node_destroy(qor_topic_node_t *node)
+{
+    QOR_CHECK_VOID(node);
+    topic_node_unlink(node);
+    free(node);
+}

@@ -1,0 +1,27 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Dispatches under way on a topic, and what they keep readable. */
+#ifndef QOR_TOPIC_CORE_PRIV_HPP
+#define QOR_TOPIC_CORE_PRIV_HPP
+
+#include "qor_topic_core.h"
+
+/* A dispatch on a topic, from construction to destruction. A registration that is removed meanwhile
+ * leaves its list at once, but its memory stays until every dispatch that may stand on it has
+ * ended. Costs one atomic operation at each end and takes no lock. A bad topic number is let pass.
+ */
+class topic_dispatch {
+public:
+    topic_dispatch(qor_topic_core_t *core, qor_context_topic_t topic);
+    ~topic_dispatch();
+    topic_dispatch(const topic_dispatch &) = delete;
+    topic_dispatch &operator=(const topic_dispatch &) = delete;
+
+private:
+    struct qor_topic_core_private *topic_; /* NULL: bad topic number */
+    uint32_t epoch_;
+};
+
+/* Tells whether a registration has been removed; the caller's dispatch keeps it readable. */
+bool topic_node_removed(const qor_topic_node_t *node);
+
+#endif /* QOR_TOPIC_CORE_PRIV_HPP */
