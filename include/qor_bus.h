@@ -1,0 +1,191 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The bus: topic tables, worker threads, timers and session numbers of one application. */
+#ifndef QOR_BUS_H
+#define QOR_BUS_H
+
+#include "qor_hal.h"
+#include "qor_que.h"
+#include "qor_sys.h"
+#include "qor_time_que.h"
+#include "qor_types.h"
+
+QOR_BEGIN_DECLS
+
+/** Roles of a context on the bus: which topic table its registrations and requests go to. */
+enum {
+    QOR_BUS_ROLE_USER = 0, /**< the application's topics */
+    QOR_BUS_ROLE_SYS = 1   /**< the system modules' topics */
+};
+
+/** A bus. Change its fields only through the functions. */
+struct qor_bus {
+    qor_context_module_t **modules;    /**< the application's array, NULL-terminated; borrowed */
+    qor_topic_core_t *user_topic_core; /**< the application's topics */
+    qor_topic_core_t *sys_topic_core;  /**< QOR_SYS_NUM topics */
+    int32_t session;                   /**< the next session number; guarded by session_mutex */
+    hal_thread_mutex_t session_mutex;  /**< a leaf: no other lock is taken under it */
+    uint32_t thread_num;               /**< number of workers */
+    uint32_t thread_stack_size;        /**< of each worker, in bytes */
+    int32_t thread_priority;           /**< of each worker; negative leaves scheduling alone */
+    qor_que_t *que;                    /**< tasks to run now; id is the session number */
+    qor_time_que_t *time_que;          /**< timers; id is the session number */
+    list_head *head;                   /**< reserved: an empty list */
+    struct qor_bus_private *priv;      /**< the library's own */
+};
+
+/**
+ * Creates a bus for an application.
+ *
+ * @param modules  the module descriptors, NULL-terminated, at most 1023; borrowed for the bus's
+ * life
+ * @param id_max   number of topics of the application, at least 1
+ * @return         the bus, released with qor_bus_close() (or qor_bus_destroy()), or NULL
+ *
+ * The first task is already queued: it brings up the system modules, and they the application's, as
+ * soon as qor_bus_loop() runs. Defaults: one worker more than there are modules, stacks of 64 KiB,
+ * no priority. Prints what qor_bus_init() prints, or "!(bus) == true." without memory.
+ * One bus at a time: two system module descriptors, which are global, refer to it.
+ */
+QOR_API qor_bus_t *qor_bus_create(qor_context_module_t **modules, int32_t id_max);
+
+/**
+ * Initialises a bus record of the caller's; otherwise as qor_bus_create().
+ *
+ * @return  0, or -1 with nothing left allocated
+ *
+ * Prints "!(_this) == true.", "!(modules) == true.", "!(id_max > 0) == true.", "head create
+ * failed.", "user_topic_core create failed.", "sys_topic_core create failed." or "create
+ * "qor_que_t" failed.". 1024 modules or more fail without a line. A timer queue that could not be
+ * made is not noticed here.
+ */
+QOR_API int32_t qor_bus_init(qor_bus_t *_this, qor_context_module_t **modules, int32_t id_max);
+
+/**
+ * Destroys a bus and frees its record. The argument is not checked.
+ *
+ * Not an orderly end, see qor_bus_uninit(): use qor_bus_quit() and qor_bus_close().
+ */
+QOR_API void qor_bus_destroy(qor_bus_t *bus);
+
+/**
+ * Destroys the task queue, the topic tables and the session lock of a bus. Not checked for NULL.
+ *
+ * Queued tasks are recycled and waiting workers end, but none is joined; a worker that is inside a
+ * task must not come back to the bus. The timer queue and head stay, so a running qor_bus_loop()
+ * goes on waiting until somebody quits the timer queue. Contexts and delegates stay as well.
+ */
+QOR_API void qor_bus_uninit(qor_bus_t *_this);
+
+/**
+ * Asks the loop to end. Any thread, any time, any number of times; neither waits nor joins.
+ *
+ * @return  0, or -1 for a NULL bus ("!(_this) == true.")
+ *
+ * From now on no task or timer is accepted or started. Deliveries that wait for a context's start,
+ * and stops that wait for its pause, fail with their usual lines. qor_bus_loop() lets running tasks
+ * finish, recycles what is still queued, and returns. Not to be called from a signal handler; a
+ * thread in sigwait() may call it.
+ */
+QOR_API int32_t qor_bus_quit(qor_bus_t *_this);
+
+/**
+ * Ends a bus made by qor_bus_create(): after the loop has returned, or when it never ran.
+ *
+ * Takes the application's contexts down in the reverse order of their start (each module's unreg,
+ * then uninit, is called), then the system modules; frees everything, the record included. Contexts
+ * that failed to come up are freed too. The process can create and run another bus afterwards.
+ *
+ * Prints "!(_this) == true."; called while the loop runs it prints "the loop is running." and
+ * changes nothing. A module with a console must let it return when its unreg is called.
+ */
+QOR_API void qor_bus_close(qor_bus_t *_this);
+
+/**
+ * Draws a session number: 0, 1, 2 ... up to INT32_MAX, then 0 again. Any thread; not checked for
+ * NULL.
+ *
+ * The start-up task has drawn 0.
+ */
+QOR_API int32_t qor_bus_session(qor_bus_t *_this);
+
+/** Gives the topic table of a role: the system's for QOR_BUS_ROLE_SYS, else the application's. Not
+ * checked for NULL. */
+QOR_API qor_topic_core_t *qor_bus_topic_core_get(qor_bus_t *bus, int32_t role);
+
+/**
+ * Queues a copy of a task for the workers. Any thread; never waits.
+ *
+ * @param task  copied; its arg and recycle go with the copy
+ * @return      0, or -1 when the bus quits or without memory: the task's arg then stays the
+ * caller's and recycle is not called
+ *
+ * Prints "!(_this) == true." or "!(task) == true.".
+ */
+QOR_API int32_t qor_bus_post(qor_bus_t *_this, qor_context_task_t *task);
+
+/**
+ * Queues a function for the workers under a fresh session number.
+ *
+ * @param recycle  releases arg after the function has run, or when the task is discarded; may be
+ * NULL
+ * @return         0 (not the session number), or -1 as for qor_bus_post()
+ *
+ * Prints "!(_this) == true." or "!(run) == true.". Any thread.
+ */
+QOR_API int32_t qor_bus_run(qor_bus_t *_this, qor_context_run_t run, void *arg,
+                            qor_context_recycle_t recycle);
+
+/**
+ * Queues a function that receives its context and session; otherwise as qor_bus_run().
+ *
+ * Prints "!(_this) == true." or "!(runx) == true.". The context must not be NULL: the task record
+ * refuses it with a line, and an empty task is queued all the same.
+ */
+QOR_API int32_t qor_bus_runx(qor_bus_t *_this, qor_context_t *context, qor_context_runx_t runx,
+                             void *arg, qor_context_recycle_t recycle);
+
+/**
+ * Queues a copy of a task as a timer, due after task->delay milliseconds. Any thread.
+ *
+ * @return  0, or -1 as for qor_bus_post()
+ *
+ * The task's recycle runs twice: when the timer falls due, before the task runs, and once more
+ * after it ran. Give a timer no recycle, or one that tolerates it. Prints "!(_this) == true." or
+ * "!(task) == true.".
+ */
+QOR_API int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task);
+
+/**
+ * Takes a task that has not started out of the task queue and recycles it.
+ *
+ * @return  0, or -1 when no task of that session is queued. A timer that is not due is not found.
+ *
+ * Prints "!(_this) == true.". Any thread.
+ */
+QOR_API int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session);
+
+/** Sets the workers' priority, negative for none; takes effect before qor_bus_loop(). Not checked.
+ * Prints "!(_this) == true.". */
+QOR_API void qor_bus_priority_set(qor_bus_t *_this, int32_t priority);
+
+/** Sets the number of workers; takes effect before qor_bus_loop(). With 0 no task ever runs.
+ * Prints "!(_this) == true.". */
+QOR_API void qor_bus_thread_num_set(qor_bus_t *_this, uint32_t thread_num);
+
+/** Sets the workers' stack size in bytes, rounded up to a multiple of 4096; takes effect before
+ * qor_bus_loop(). Prints "!(_this) == true.". */
+QOR_API void qor_bus_thread_stack_size_set(qor_bus_t *_this, uint32_t thread_stack_size);
+
+/**
+ * Starts the workers and serves the timers on the calling thread, until qor_bus_quit().
+ *
+ * @return  0 after the end, with every worker joined; -1 when it could not start
+ *
+ * Prints "!(_this) == true.", "!(tid) == true." without memory, or "set thread priority failed.".
+ * Call it once.
+ */
+QOR_API int32_t qor_bus_loop(qor_bus_t *_this);
+
+QOR_END_DECLS
+
+#endif /* QOR_BUS_H */

@@ -1,0 +1,33 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Module manager: brings the application's modules up. */
+#ifndef QOR_MNG_MODULE_H
+#define QOR_MNG_MODULE_H
+
+#include "qor_context_module.h"
+#include "qor_sys.h"
+#include "qor_types.h"
+
+QOR_BEGIN_DECLS
+
+/**
+ * The module's descriptor; start-up stores the application's module array in its arg.
+ *
+ * Modules whose pure is not 0 come up first, in parallel; when the last of them has come up
+ * successfully, the others follow. Without such a module nothing comes up, and if the one that
+ * finishes last fails, the others never do. A module whose init fails is taken down again: its
+ * unreg and uninit are called.
+ */
+extern QOR_API qor_context_module_t qor_mng_module;
+
+/**
+ * Serves a QOR_SYS_MNG_MODULE_REGISTER or QOR_SYS_MNG_CONTEXT_REGISTER request: accepts and ignores
+ * it.
+ *
+ * @return  0, or -1 for another topic, after "not support type." (wrn)
+ */
+QOR_API int32_t qor_mng_module_handle_request_message(qor_context_t *context,
+                                                      qor_context_msg_t *msg);
+
+QOR_END_DECLS
+
+#endif /* QOR_MNG_MODULE_H */

@@ -1,0 +1,488 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* User context: the private queue with the runs that drain it, the table that leads the module's
+ * calls to the wrapper, and the operations of the class. */
+#include "qor_core_context.h"
+
+#include <string.h>
+
+#include "hal_sync.hpp"
+#include "qor_bus_priv.hpp"
+#include "qor_context_core.h"
+#include "qor_context_handler.h"
+#include "qor_context_module.h"
+#include "qor_context_task.h"
+#include "qor_core_context_priv.hpp"
+#include "qor_diag.hpp"
+#include "qor_recycle.hpp"
+#include "qor_sched_delegate_priv.hpp"
+#include "qor_task_discard.hpp"
+#include "qor_time_que_priv.hpp"
+#include "qor_util.hpp"
+
+struct qor_core_context_private {
+    list_head failed; /* in the bus's list of destroyed contexts */
+};
+
+namespace {
+
+constexpr char file_tag[] = "qor_core_context";
+constexpr uint32_t queue_limit = 50;
+
+struct core_block {
+    qor_core_context_t core;
+    qor_core_context_private priv;
+};
+
+qor_context_task_t *task_of(qor_time_que_node_t *node)
+{
+    return static_cast<qor_context_task_t *>(qor_time_que_node_body(node));
+}
+
+/* ---- private queue ---- */
+
+/* Tells the monitor that a task starts or is over. */
+void monitor_report(qor_context_t *context, qor_sys_monitor_task_t *report, int32_t state)
+{
+    report->state = state;
+    qor_context_sysx_req(context, QOR_SYS_MONITOR_TASK, report, sizeof(*report));
+}
+
+void *qor_core_context_task_node_deal(qor_context_t *context, int32_t, void *arg)
+{
+    qor_time_que_node_t *node = static_cast<qor_time_que_node_t *>(arg);
+    qor_context_task_t *task = task_of(node);
+    qor_sys_monitor_task_t report = {};
+    report.session = task->session;
+    strncpy(report.name, task->name, sizeof(report.name) - 1);
+    monitor_report(context, &report, QOR_SYS_MONITOR_TASK_START);
+    /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
+     * Test: CoreContext.ATasksNameStaysOnTheThread. */
+    hal_thread_name_set(task->name);
+    void *result = qor_context_task_excute(task);
+    monitor_report(context, &report, QOR_SYS_MONITOR_TASK_OVER);
+    qor_time_que_node_destroy(node, recycle_of(qor_context_task_uninit));
+    return result;
+}
+
+void core_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
+{
+    const qor_context_task_t *task = task_of(node);
+    if (!task->async) {
+        qor_core_context_task_node_deal(&core->base, task->session, node);
+    } else if (qor_context_runx(&core->base, qor_core_context_task_node_deal, node) < 0) {
+        qor_time_que_node_destroy(node, qor_task_discard); /* the bus quits */
+    }
+}
+
+/* A loop run. Returns with the queue drained of what is due, or early when the bus quits: a module
+ * that keeps posting to itself must not keep its worker. */
+int32_t qor_core_context_loop(qor_context_t *context)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    qor_time_que_lock(core->que);
+    while (!bus_stopping(sched_delegate_bus(context))) {
+        qor_time_que_node_t *node = qor_time_que_deque_locked(core->que);
+        if (!node) {
+            break;
+        }
+        qor_time_que_unlock(core->que);
+        core_task_run(core, node);
+        qor_time_que_lock(core->que);
+    }
+    /* Still under the lock that the queue was found empty under: a poster either enqueued before
+     * and was served, or finds the slot free. */
+    /* Deliberate: a run that a timer started took no slot, but gives one back as well.
+     * Test: CoreContext.ARunStartedByATimerGivesASlotBack. */
+    if (core->refcount > 0) {
+        core->refcount--;
+    }
+    /* Deliberate: nobody looks here when the next node will be due: each delayed task has a timer.
+     * Test: CoreContext.ADelayedTaskIsReachedByItsOwnTimer. */
+    qor_time_que_unlock(core->que);
+    return 0;
+}
+
+/* The queue is full or quits: the task goes to the bus under its own session. */
+int32_t core_task_bypass(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session,
+                         int32_t delay)
+{
+    qor_context_t *wrapper = &core->base;
+    const int32_t posted =
+        delay > 0
+            ? qor_context_timerx_s(wrapper, session, qor_core_context_task_node_deal, node, delay)
+            : qor_context_runx_s(wrapper, session, qor_core_context_task_node_deal, node);
+    if (posted < 0) {
+        qor_time_que_node_destroy(node, nullptr);
+    }
+    return posted;
+}
+
+/* No run could be scheduled for a node that has just been enqueued: the task is refused, unless a
+ * run that was under way has taken it in the meantime. */
+int32_t core_task_take_back(qor_core_context_t *core, qor_time_que_node_t *node)
+{
+    if (!time_que_take_back(core->que, node)) {
+        return 0;
+    }
+    qor_time_que_node_destroy(node, nullptr);
+    return -1;
+}
+
+int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t *task)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    QOR_CHECK(task, -1);
+    const int32_t session = task->session;
+    const int32_t delay = task->delay;
+    qor_time_que_node_t *node =
+        qor_time_que_node_create(static_cast<size_t>(session), delay, sizeof(qor_context_task_t));
+    if (!node) {
+        QOR_ERR("malloc \"que_node\" failed.");
+        return -1;
+    }
+    qor_context_task_copy(task_of(node), task);
+    qor_time_que_lock(core->que);
+    if (qor_time_que_enque_locked(core->que, node) < 0) {
+        qor_time_que_unlock(core->que);
+        /* Deliberate: past 50 nodes a task is neither refused nor delayed, it overtakes the queue.
+         * Test: CoreContext.TheFiftyFirstTaskGoesStraightToTheBus. */
+        return core_task_bypass(core, node, session, delay);
+    }
+    const bool slot = static_cast<uint32_t>(core->refcount) < core->refcount_max && delay <= 0;
+    if (slot) {
+        core->refcount++;
+    }
+    qor_time_que_unlock(core->que);
+    if (delay > 0) {
+        const int32_t timer =
+            qor_context_timer(context, run_of(qor_core_context_loop), context, delay);
+        return timer < 0 ? core_task_take_back(core, node) : 0;
+    }
+    if (!slot) {
+        return 0; /* a run that has a slot will take it */
+    }
+    if (qor_context_run(context, run_of(qor_core_context_loop), context) < 0) {
+        qor_time_que_lock(core->que);
+        core->refcount--;
+        qor_time_que_unlock(core->que);
+        return core_task_take_back(core, node);
+    }
+    return 0;
+}
+
+/* Takes a task out of the private queue; 0 when it was there. Its loop run or timer stays, and
+ * finds nothing then. */
+int32_t core_task_cancel(qor_core_context_t *core, int32_t session)
+{
+    qor_time_que_node_t *node = qor_time_que_remove(core->que, static_cast<size_t>(session));
+    if (!node) {
+        return -1;
+    }
+    qor_time_que_node_destroy(node, qor_task_discard);
+    return 0;
+}
+
+/* ---- the module's way to the wrapper ---- */
+
+qor_context_t *wrapper_of(qor_context_t *inner)
+{
+    return static_cast<qor_context_t *>(qor_context_pub_data_get(inner));
+}
+
+int32_t qor_core_context_session(qor_context_t *inner, int32_t *session)
+{
+    return qor_context_session(wrapper_of(inner), session);
+}
+
+int32_t qor_core_context_subscribe(qor_context_t *inner, qor_context_topic_t topic,
+                                   qor_context_topic_attr_t *attr)
+{
+    return qor_context_subscribe(wrapper_of(inner), topic, attr);
+}
+
+int32_t qor_core_context_unsubscribe(qor_context_t *inner, qor_context_topic_t topic)
+{
+    return qor_context_unsubscribe(wrapper_of(inner), topic);
+}
+
+int32_t qor_core_context_listen(qor_context_t *inner, qor_context_topic_t topic,
+                                qor_context_topic_attr_t *attr)
+{
+    return qor_context_listen(wrapper_of(inner), topic, attr);
+}
+
+int32_t qor_core_context_unlisten(qor_context_t *inner, qor_context_topic_t topic)
+{
+    /* Deliberate: this shortcut removes the subscription. Test: CoreContext.UnlistenUnsubscribes.
+     */
+    return qor_context_unlisten(wrapper_of(inner), topic);
+}
+
+int32_t qor_core_context_filter(qor_context_t *inner, qor_context_topic_t topic,
+                                qor_context_topic_attr_t *attr)
+{
+    return qor_context_filter(wrapper_of(inner), topic, attr);
+}
+
+int32_t qor_core_context_unfilter(qor_context_t *inner, qor_context_topic_t topic)
+{
+    return qor_context_unfilter(wrapper_of(inner), topic);
+}
+
+int32_t qor_core_context_publish(qor_context_t *inner, qor_context_msg_t *msg)
+{
+    return qor_context_handler_publish(wrapper_of(inner), msg);
+}
+
+int32_t qor_core_context_publishx(qor_context_t *inner, qor_context_msg_t *msg)
+{
+    return qor_context_handler_publishx(wrapper_of(inner), msg);
+}
+
+int32_t qor_core_context_post(qor_context_t *inner, qor_context_task_t *task)
+{
+    return qor_context_handle_task(wrapper_of(inner), task);
+}
+
+int32_t qor_core_context_postx(qor_context_t *inner, qor_context_task_t *task)
+{
+    return qor_core_context_post(inner, task);
+}
+
+int32_t qor_core_context_cancel(qor_context_t *inner, int32_t session)
+{
+    qor_context_t *wrapper = wrapper_of(inner);
+    return core_task_cancel(qor_core_context_type(wrapper), session) == 0
+               ? 0
+               : qor_context_handler_cancel(wrapper, session);
+}
+
+int32_t qor_core_context_cancelx(qor_context_t *inner, int32_t session)
+{
+    qor_context_t *wrapper = wrapper_of(inner);
+    return core_task_cancel(qor_core_context_type(wrapper), session) == 0
+               ? 0
+               : qor_context_handler_cancelx(wrapper, session);
+}
+
+qor_context_handler_t qor_core_context_handler = {
+    /*  1 session */ qor_core_context_session,
+    /*  2 subscribe */ qor_core_context_subscribe,
+    /*  3 unsubscribe */ qor_core_context_unsubscribe,
+    /*  4 listen */ qor_core_context_listen,
+    /*  5 unlisten */ qor_core_context_unlisten,
+    /*  6 filter */ qor_core_context_filter,
+    /*  7 unfilter */ qor_core_context_unfilter,
+    /*  8 publish */ qor_core_context_publish,
+    /*  9 publishx */ qor_core_context_publishx,
+    /* Deliberate: modules have no system calls, those of a user context are the wrapper's.
+     * Test: CoreContext.ModulesHaveNoSystemCalls. */
+    /* 10 syscall */ nullptr,
+    /* 11 syscallx */ nullptr,
+    /* 12 post */ qor_core_context_post,
+    /* 13 postx */ qor_core_context_postx,
+    /* 14 cancel */ qor_core_context_cancel,
+    /* 15 cancelx */ qor_core_context_cancelx,
+};
+
+/* ---- class operations ---- */
+
+int32_t qor_core_context_constructor(qor_core_context_t *core, qor_context_module_t *module)
+{
+    qor_context_t *base = &core->base;
+    if (!qor_context_constructor(base, &qor_core_context_class, module)) {
+        QOR_ERR("\"qor_context_constructor\" called failed.");
+        return -1;
+    }
+    core->context = qor_context_core_create_context(qor_context_core_instance_get(), module);
+    if (!core->context) {
+        qor_context_destructor(base);
+        QOR_ERR("create context failed.");
+        return -1;
+    }
+    core->que = qor_time_que_create(queue_limit, recycle_of(qor_context_task_uninit));
+    if (!core->que) {
+        qor_context_destroy(core->context);
+        qor_context_destructor(base);
+        return -1;
+    }
+    return 0;
+}
+
+qor_context_t *qor_core_context_create(qor_context_module_t *module)
+{
+    QOR_CHECK(module, nullptr);
+    core_block *block = util_zalloc<core_block>();
+    if (!block) {
+        QOR_ERR("malloc for \"qor_core_context_t\" failed.\n"); /* Deliberate: own newline, an empty
+                                                                   line follows. */
+        return nullptr;
+    }
+    qor_core_context_t *core = &block->core;
+    if (qor_core_context_constructor(core, module) < 0) {
+        QOR_ERR("\"qor_core_context_constructor\" called failed.\n"); /* Deliberate: own newline, an
+                                                                         empty line follows. */
+        free(block);
+        return nullptr;
+    }
+    core->priv = &block->priv;
+    core->lifecycle = QOR_USER_CONTEXT_LIFECYCLE_INIT;
+    core->refcount_max = module->refcount == 0 ? 1 : static_cast<uint32_t>(module->refcount);
+    pthread_mutex_init(&core->mutex, nullptr);
+    pthread_cond_init(&core->cond, nullptr);
+    qor_context_handler_set(core->context, &qor_core_context_handler);
+    qor_context_pub_data_set(core->context, &core->base, nullptr);
+    return &core->base;
+}
+
+/* Frees the wrapper alone. */
+void core_release(qor_core_context_t *core)
+{
+    qor_time_que_destroy(core->que);
+    pthread_mutex_destroy(&core->mutex);
+    pthread_cond_destroy(&core->cond);
+    qor_context_destructor(&core->base);
+    free(core); /* first field of its block */
+}
+
+void qor_core_context_destroy(qor_context_t *context)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    if (hal_load(core->lifecycle) != QOR_USER_CONTEXT_LIFECYCLE_DESTROY) {
+        QOR_ERR("context is not ready to destroy.");
+        return;
+    }
+    time_que_quit_begin(core->que);
+    time_que_discard_all(core->que, qor_task_discard);
+    qor_bus_t *bus = sched_delegate_bus(context);
+    if (!bus) {
+        /* Deliberate: the inner context stays; its maker may still name it.
+         * Test: CoreContext.DestroyLeavesTheInnerContext. */
+        core_release(core);
+        return;
+    }
+    /* Relays, responses, timers and walks of others may still name it: it stays until the bus is
+     * closed, with a queue that takes nothing and a lifecycle that lets nobody in. */
+    hal_scoped_lock lock(bus->priv->mutex);
+    list_add(&core->priv->failed, &bus->priv->failed);
+}
+
+void qor_core_context_register(qor_context_t *context)
+{
+    qor_context_register(qor_core_context_type(context)->context);
+}
+
+void qor_core_context_unregister(qor_context_t *context)
+{
+    qor_context_unregister(qor_core_context_type(context)->context);
+}
+
+int32_t qor_core_context_start(qor_context_t *context)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    const int32_t ret = qor_context_start(core->context);
+    qor_core_context_lifecycle_start(core);
+    return ret;
+}
+
+void qor_core_context_stop(qor_context_t *context)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    qor_context_stop(core->context);
+    qor_core_context_lifecycle_stop(core);
+}
+
+int32_t qor_core_context_resume(qor_context_t *context)
+{
+    return qor_core_context_lifecycle_resume(qor_core_context_type(context));
+}
+
+int32_t qor_core_context_pause(qor_context_t *context)
+{
+    return qor_core_context_lifecycle_pause(qor_core_context_type(context));
+}
+
+int32_t qor_core_context_init(qor_context_t *context)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    const int32_t ret = qor_context_init(core->context);
+    if (ret < 0) {
+        qor_core_context_lifecycle_change(core, QOR_USER_CONTEXT_LIFECYCLE_STOP);
+        QOR_ERR("context init failed.");
+        return ret;
+    }
+    qor_core_context_lifecycle_change(core, QOR_USER_CONTEXT_LIFECYCLE_CREATE);
+    return ret;
+}
+
+void qor_core_context_uninit(qor_context_t *context)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    qor_context_uninit(core->context);
+    qor_core_context_lifecycle_change(core, QOR_USER_CONTEXT_LIFECYCLE_DESTROY);
+}
+
+int32_t qor_core_context_handle_message(qor_context_t *context, qor_context_msg_t *msg)
+{
+    return qor_context_handle_message(qor_core_context_type(context)->context, msg);
+}
+
+} // namespace
+
+qor_context_cls_t qor_core_context_class = {
+    /* name */ "",
+    /* id */ 0,
+    /* node */ {nullptr, nullptr},
+    /*  1 create */ qor_core_context_create,
+    /*  2 destroy */ qor_core_context_destroy,
+    /*  3 reg */ qor_core_context_register,
+    /*  4 unreg */ qor_core_context_unregister,
+    /*  5 start */ qor_core_context_start,
+    /*  6 stop */ qor_core_context_stop,
+    /*  7 resume */ qor_core_context_resume,
+    /*  8 pause */ qor_core_context_pause,
+    /*  9 init */ qor_core_context_init,
+    /* 10 uninit */ qor_core_context_uninit,
+    /* 11 handle_message */ qor_core_context_handle_message,
+    /* 12 handle_task */ qor_core_context_handle_task,
+    /* 13 loop */ qor_core_context_loop,
+};
+
+qor_context_runx_t core_context_node_run()
+{
+    return qor_core_context_task_node_deal;
+}
+
+void core_context_close(qor_context_t *context)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    if (hal_load(core->lifecycle) < QOR_USER_CONTEXT_LIFECYCLE_PAUSE) {
+        qor_core_context_lifecycle_change(core, QOR_USER_CONTEXT_LIFECYCLE_PAUSE);
+    }
+    qor_context_unregister(context);
+    if (hal_load(core->lifecycle) < QOR_USER_CONTEXT_LIFECYCLE_STOP) {
+        qor_context_stop(context);
+    }
+    qor_context_uninit(context);
+    qor_context_destroy(context);
+}
+
+void core_context_free(qor_core_context_t *core)
+{
+    qor_context_destroy(core->context);
+    core_release(core);
+}
+
+void core_contexts_free(qor_bus_t *bus)
+{
+    util_list_each(bus->priv->failed, [](list_head *link) {
+        auto *block = util_container<core_block, offsetof(core_block, priv.failed)>(link);
+        list_del(link);
+        core_context_free(&block->core);
+    });
+}
+
+qor_core_context_t *qor_core_context_type(qor_context_t *context)
+{
+    return reinterpret_cast<qor_core_context_t *>(context);
+}
