@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <stdarg.h>
+#include <string.h>
 #include <sys/prctl.h>
 #include <time.h>
 
@@ -71,7 +72,8 @@ static inline void hal_thread_setpriority(int priority)
 static inline int hal_thread_attr_setpriority(hal_thread_attr_t *attr, int priority)
 {
     int inherit = PTHREAD_EXPLICIT_SCHED;
-    struct sched_param param = {0};
+    struct sched_param param;
+    memset(&param, 0, sizeof(param));
     if (pthread_attr_getinheritsched(attr, &inherit) != 0) {
         return -1;
     }
