@@ -66,7 +66,7 @@ def documented():
     for path in files("include", "src", kinds={".h"}):
         for block in re.split(r"\n\s*\n", path.read_text()):
             code = re.sub(r"/\*.*?\*/", "", block, flags=re.S)
-            for name in re.findall(r"^QOR_API\b[^;(]*?(\w+)\s*(?:\(|;)", code, re.M):
+            for name in re.findall(r"^(?:extern )?QOR_API\b[^;(]*?(\w+)\s*(?:\(|;)", code, re.M):
                 declared[name] = path
                 if not block.lstrip().startswith("/**"):
                     yield f"{short(path)}: {name} has no doc comment"
