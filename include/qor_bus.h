@@ -89,6 +89,27 @@ QOR_API void qor_bus_uninit(qor_bus_t *_this);
 QOR_API int32_t qor_bus_quit(qor_bus_t *_this);
 
 /**
+ * Tells whether qor_bus_quit() has been called, for consoles and long tasks that poll. Any thread.
+ *
+ * @return  1 or 0, or -1 for a NULL bus ("!(_this) == true.")
+ */
+QOR_API int32_t qor_bus_quitting(qor_bus_t *_this);
+
+/**
+ * Waits until nothing is queued or running on the bus: no task, no timer that is due, no request or
+ * response on its way. Timers that are not due yet do not count.
+ *
+ * @param wait_time  longest wait in milliseconds; 0 looks once, negative waits without limit
+ * @return           0, or -1 when the wait is over or the bus quits. Before qor_bus_loop() runs the
+ *                   start-up task is queued, so there is something to wait for.
+ *
+ * Prints "!(_this) == true."; called from a task of this bus it prints "a task of the bus would
+ * wait for itself." and returns -1. Other threads may go on posting: 0 says what was so at one
+ * moment.
+ */
+QOR_API int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time);
+
+/**
  * Ends a bus made by qor_bus_create(): after the loop has returned, or when it never ran.
  *
  * Takes the application's contexts down in the reverse order of their start (each module's unreg,

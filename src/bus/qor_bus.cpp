@@ -24,6 +24,9 @@ constexpr char file_tag[] = "qor_bus";
 constexpr size_t module_limit = 1024;
 constexpr uint32_t page_size = 4096;
 
+/* The bus that the calling thread works for; a worker's drain would wait for itself. */
+__attribute__((tls_model("initial-exec"))) thread_local const qor_bus_t *worked_for;
+
 /* The private block lives behind the reserved list head: like that, it outlives qor_bus_uninit(),
  * after which the loop thread may still be about to return. */
 struct bus_head {
@@ -126,6 +129,7 @@ void *qor_bus_task_loop(void *arg)
 {
     const qor_bus_t *bus = static_cast<const qor_bus_t *>(arg);
     qor_que_t *que = bus->que;
+    worked_for = bus;
     if (bus->thread_priority >= 0) {
         hal_thread_setpriority(bus->thread_priority);
     }
@@ -176,6 +180,18 @@ void bus_timers_serve(qor_bus_t *bus)
     while (qor_time_que_node_t *node = qor_time_que_deque_block(time_que, -1)) {
         bus_timer_expire(bus, node);
     }
+}
+
+/* Whether the loop and every worker wait and nothing is due. The only place that holds both queues'
+ * locks, the timer queue's first. Nothing can come in between then but from other threads. */
+bool bus_is_settled(qor_bus_t *bus)
+{
+    hal_scoped_lock timers(bus->time_que->mutex);
+    if (!time_que_is_settled_locked(bus->time_que)) {
+        return false;
+    }
+    hal_scoped_lock tasks(bus->que->mutex);
+    return que_is_settled_locked(bus->que, hal_load(bus->priv->workers));
 }
 
 /* Recycles what is still queued once the queues have quit. */
@@ -311,6 +327,35 @@ int32_t qor_bus_quit(qor_bus_t *_this)
         time_que_quit_begin(_this->time_que); /* last: this ends the loop */
     }
     return 0;
+}
+
+int32_t qor_bus_quitting(qor_bus_t *_this)
+{
+    QOR_CHECK(_this, -1);
+    return bus_stopping(_this) ? 1 : 0;
+}
+
+int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time)
+{
+    QOR_CHECK(_this, -1);
+    if (worked_for == _this) {
+        QOR_ERR("a task of the bus would wait for itself.");
+        return -1;
+    }
+    QOR_CHECK(_this->time_que, -1);
+    const int64_t deadline = wait_time < 0 ? INT64_MAX : util_timestamp() + wait_time;
+    while (!bus_stopping(_this)) {
+        if (bus_is_settled(_this)) {
+            return 0;
+        }
+        if (util_timestamp() >= deadline) {
+            return -1;
+        }
+        /* The loop first: only while it waits is the number of workers known. */
+        time_que_settle_until(_this->time_que, deadline);
+        que_settle_until(_this->que, hal_load(_this->priv->workers), deadline);
+    }
+    return -1;
 }
 
 void qor_bus_close(qor_bus_t *_this)
@@ -456,6 +501,7 @@ int32_t qor_bus_loop(qor_bus_t *_this)
         priv.looping = 1;
     }
     const uint32_t started = bus_workers_start(_this, tid, &attr);
+    hal_store(priv.workers, started);
     bus_timers_serve(_this);
     for (uint32_t i = 0; i < started; i++) {
         pthread_join(tid[i], nullptr);

@@ -10,6 +10,7 @@ struct qor_bus_private {
     hal_thread_mutex_t mutex; /* guards the fields below; a waiter's mutex is taken under it */
     int32_t stopping;         /* 1 once qor_bus_quit() has begun; read without the mutex */
     int32_t looping;          /* 1 while qor_bus_loop() runs */
+    uint32_t workers;         /* how many have started; stored before the loop first waits */
     int32_t gone;             /* 1 once qor_bus_uninit() has run: the loop leaves the bus alone */
     list_head waiters;        /* bus_waiter::link */
     list_head delegates;      /* every delegate made for the bus; freed by qor_bus_close() */

@@ -32,10 +32,10 @@ qor_que_t *que_alloc()
         return nullptr;
     }
     block->que.priv = &block->priv;
-    /* Deliberate: conditions keep the default clock while deadlines are monotonic. Seen from that
-     * clock every deadline is long past, so a wait with a limit polls until it is over; it ends on
-     * time all the same. Test: QueFaults.TimedWaitPolls. */
-    if (que_waits_open(&block->que, nullptr) != 0) {
+    /* Deliberate: the conditions keep the default clock while deadlines are monotonic. Seen from
+     * that clock every deadline is long past, so a wait with a limit polls until it is over; it
+     * ends on time all the same. Test: QueFaults.TimedWaitPolls. */
+    if (que_waits_open(&block->que, CLOCK_REALTIME) != 0) {
         free(block);
         return nullptr;
     }
@@ -114,6 +114,17 @@ qor_que_node_t *que_take(qor_que_t *que)
         return nullptr;
     }
     return que_unlink_counted(que, que->head.next);
+}
+
+bool que_is_settled_locked(const qor_que_t *que, uint32_t takers)
+{
+    return list_empty(&que->head) && que->priv->waits.takers.waiting >= takers;
+}
+
+void que_settle_until(qor_que_t *que, uint32_t takers, int64_t deadline)
+{
+    hal_scoped_lock lock(que->mutex);
+    que_settle(que, deadline, [=] { return que_is_settled_locked(que, takers); });
 }
 
 qor_que_t *qor_que_create(uint32_t max_count, qor_que_node_recycle_t recycle)

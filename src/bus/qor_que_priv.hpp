@@ -17,4 +17,11 @@ void que_discard_all(qor_que_t *que, qor_que_node_recycle_t recycle);
  * queue is empty or quitting. Takes the lock. */
 qor_que_node_t *que_take(qor_que_t *que);
 
+/* Whether nothing is queued and at least so many takers wait. The caller holds the lock. */
+bool que_is_settled_locked(const qor_que_t *que, uint32_t takers);
+
+/* Waits until that is so, the queue quits or the deadline (monotonic ms) is reached. Takes the
+ * lock. */
+void que_settle_until(qor_que_t *que, uint32_t takers, int64_t deadline);
+
 #endif /* QOR_QUE_PRIV_HPP */

@@ -27,21 +27,6 @@ struct time_que_block {
     qor_time_que_private priv;
 };
 
-/* As que_waits_open(), with conditions that measure by the monotonic clock. */
-int32_t time_que_open(qor_time_que_t *que)
-{
-    hal_thread_condattr_t attr;
-    if (pthread_condattr_init(&attr) != 0) {
-        return -1;
-    }
-    int32_t ret = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC) == 0 ? 0 : -1;
-    if (ret == 0) {
-        ret = que_waits_open(que, &attr);
-    }
-    pthread_condattr_destroy(&attr);
-    return ret;
-}
-
 qor_time_que_t *time_que_alloc()
 {
     time_que_block *block = util_zalloc<time_que_block>();
@@ -50,7 +35,7 @@ qor_time_que_t *time_que_alloc()
     }
     block->que.priv = &block->priv;
     block->priv.latest_look = nobody_looks;
-    if (time_que_open(&block->que) != 0) {
+    if (que_waits_open(&block->que, CLOCK_MONOTONIC) != 0) {
         free(block);
         return nullptr;
     }
@@ -63,7 +48,7 @@ qor_time_que_node_t *time_que_node(list_head *link)
 }
 
 /* The earliest node, or NULL. */
-qor_time_que_node_t *time_que_first(qor_time_que_t *que)
+qor_time_que_node_t *time_que_first(const qor_time_que_t *que)
 {
     return list_empty(&que->head) ? nullptr : time_que_node(que->head.next);
 }
@@ -178,6 +163,19 @@ int32_t time_que_take_back(qor_time_que_t *que, qor_time_que_node_t *node)
     }
     time_que_take(que, node);
     return 1;
+}
+
+bool time_que_is_settled_locked(const qor_time_que_t *que)
+{
+    const qor_time_que_node_t *first = time_que_first(que);
+    const bool due = first && first->when <= util_timestamp();
+    return !due && que->priv->waits.takers.waiting > 0;
+}
+
+void time_que_settle_until(qor_time_que_t *que, int64_t deadline)
+{
+    hal_scoped_lock lock(que->mutex);
+    que_settle(que, deadline, [=] { return time_que_is_settled_locked(que); });
 }
 
 qor_time_que_t *qor_time_que_create(uint32_t max_count, qor_time_que_node_recycle_t recycle)

@@ -18,4 +18,11 @@ void time_que_discard_all(qor_time_que_t *que, qor_time_que_node_recycle_t recyc
  * Takes the lock; works on a quitting queue too. */
 int32_t time_que_take_back(qor_time_que_t *que, qor_time_que_node_t *node);
 
+/* Whether nothing is due and a taker waits. The caller holds the lock. */
+bool time_que_is_settled_locked(const qor_time_que_t *que);
+
+/* Waits until that is so, the queue quits or the deadline (monotonic ms) is reached. Takes the
+ * lock. */
+void time_que_settle_until(qor_time_que_t *que, int64_t deadline);
+
 #endif /* QOR_TIME_QUE_PRIV_HPP */

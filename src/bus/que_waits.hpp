@@ -19,7 +19,10 @@ struct que_waiters {
 struct que_waits {
     que_waiters takers;
     que_waiters givers;
-    uint32_t inside; /* threads in a wait of any kind; destroy stays until there is none */
+    hal_thread_cond_t
+        settled;       /* monotonic; broadcast when a taker begins to wait and one settles */
+    uint32_t settlers; /* threads in que_settle() */
+    uint32_t inside;   /* threads in a wait of any kind; destroy stays until there is none */
 };
 
 /* A deadline that is never reached. */
@@ -43,22 +46,38 @@ template <typename Q> inline uint32_t que_room(const Q *que)
     return count < que->max_count ? que->max_count - count : 0;
 }
 
-/* Makes the conditions and the mutex of a zeroed queue: 0, or -1 and nothing is made. */
-template <typename Q> int32_t que_waits_open(Q *que, const hal_thread_condattr_t *attr)
+/* A condition whose timed waits measure by the given clock: 0, or -1. */
+inline int32_t que_cond_init(hal_thread_cond_t *cond, clockid_t clock)
+{
+    hal_thread_condattr_t attr;
+    if (pthread_condattr_init(&attr) != 0) {
+        return -1;
+    }
+    const bool made =
+        pthread_condattr_setclock(&attr, clock) == 0 && pthread_cond_init(cond, &attr) == 0;
+    pthread_condattr_destroy(&attr);
+    return made ? 0 : -1;
+}
+
+/* Makes the mutex and the conditions of a zeroed queue: 0, or -1 and nothing is made. */
+template <typename Q> int32_t que_waits_open(Q *que, clockid_t clock)
 {
     que_waits &waits = que->priv->waits;
-    hal_thread_cond_t *conds[] = {&que->cond, &waits.takers.cond, &waits.givers.cond};
-    int32_t made = 0;
-    while (made < 3 && pthread_cond_init(conds[made], attr) == 0) {
-        made++;
+    hal_thread_cond_t *conds[] = {&waits.settled, &waits.takers.cond, &waits.givers.cond,
+                                  &que->cond};
+    if (pthread_mutex_init(&que->mutex, nullptr) != 0) {
+        return -1;
     }
-    if (made == 3 && pthread_mutex_init(&que->mutex, nullptr) == 0) {
-        return 0;
+    for (int made = 0; made < 4; made++) {
+        if (que_cond_init(conds[made], made == 0 ? CLOCK_MONOTONIC : clock) != 0) {
+            while (made > 0) {
+                pthread_cond_destroy(conds[--made]);
+            }
+            pthread_mutex_destroy(&que->mutex);
+            return -1;
+        }
     }
-    while (made > 0) {
-        pthread_cond_destroy(conds[--made]);
-    }
-    return -1;
+    return 0;
 }
 
 /* Waits until the last thread has left a quitting queue, then undoes que_waits_open(). */
@@ -71,6 +90,7 @@ template <typename Q> void que_waits_close(Q *que)
             pthread_cond_wait(&que->cond, &que->mutex);
         }
     }
+    pthread_cond_destroy(&waits.settled);
     pthread_cond_destroy(&waits.givers.cond);
     pthread_cond_destroy(&waits.takers.cond);
     pthread_cond_destroy(&que->cond);
@@ -88,8 +108,12 @@ template <typename Q> void que_wait_ended(Q *que)
 /* Waits until woken or until the deadline; the caller looks anew at what it waits for. */
 template <typename Q> void que_wait(Q *que, que_waiters &who, int64_t deadline)
 {
-    que->priv->waits.inside++;
+    que_waits &waits = que->priv->waits;
+    waits.inside++;
     who.waiting++;
+    if (waits.settlers > 0 && &who == &waits.takers) {
+        pthread_cond_broadcast(&waits.settled);
+    }
     if (deadline == que_never) {
         pthread_cond_wait(&who.cond, &que->mutex);
     } else {
@@ -128,6 +152,27 @@ template <typename Q> void que_wake_everybody(Q *que)
     pthread_cond_broadcast(&que->cond);
     que_wake_all(que->priv->waits.takers);
     que_wake_all(que->priv->waits.givers);
+    pthread_cond_broadcast(&que->priv->waits.settled);
+}
+
+/* Waits until settled() holds, which is asked each time a taker begins to wait, the queue quits or
+ * the deadline is reached. */
+template <typename Q, typename S> void que_settle(Q *que, int64_t deadline, S settled)
+{
+    que_waits &waits = que->priv->waits;
+    waits.inside++;
+    waits.settlers++;
+    while (!settled() && !que->quitting && !que_time_is_over(deadline)) {
+        if (deadline == que_never) {
+            pthread_cond_wait(&waits.settled, &que->mutex);
+        } else {
+            struct timespec until;
+            util_timespec(deadline, &until);
+            pthread_cond_timedwait(&waits.settled, &que->mutex, &until);
+        }
+    }
+    waits.settlers--;
+    que_wait_ended(que);
 }
 
 /* Waits on the public condition. */
