@@ -1,0 +1,198 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "qor_thread_pool.h"
+
+#include <atomic>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "fault.h"
+#include "output.hpp"
+#include "qor_context_task.h"
+
+namespace {
+
+constexpr int32_t stack_size = 64 * 1024;
+
+std::string pool_line(const std::string &function, const std::string &text)
+{
+    return err_line("qor_thread_pool", function, text);
+}
+
+std::string warning(const std::string &text)
+{
+    return "[qor_thread_pool][wrn][qor_thread_pool_post]:" + text + "\n";
+}
+
+qor_thread_pool_t *create(int32_t min, int32_t max, int32_t priority = -1)
+{
+    return qor_thread_pool_create(min, max, -1, stack_size, priority, 60000);
+}
+
+std::atomic<int> recycled;
+
+int32_t post(qor_thread_pool_t *pool)
+{
+    qor_context_task_t task = {};
+    qor_context_task_init(
+        &task, nullptr, "task", 0, [](void *arg) { return arg; }, nullptr);
+    qor_context_task_set_recycle(&task, [](void *) { recycled++; });
+    return qor_thread_pool_post(pool, &task);
+}
+
+} // namespace
+
+TEST(ThreadPoolFaults, CreateWithoutMemoryForThePoolIsReported)
+{
+    Output out;
+    fault_arm(FAULT_ALLOC, 0);
+
+    EXPECT_EQ(create(1, 1), nullptr);
+
+    EXPECT_EQ(out.printed(), pool_line("qor_thread_pool_create", "malloc \"_this\" failed."));
+}
+
+TEST(ThreadPoolFaults, CreateWithoutMemoryForTheQueueIsReported)
+{
+    Output out;
+    fault_arm(FAULT_ALLOC, 1);
+
+    EXPECT_EQ(create(1, 1), nullptr);
+
+    EXPECT_EQ(out.printed(), err_line("qor_que", "qor_que_create", "!(_this) == true.") +
+                                 pool_line("qor_thread_pool_init", "create que failed."));
+}
+
+TEST(ThreadPoolFaults, CreateReportsWhicheverAllocationFailsAndKeepsNothing)
+{
+    int failures = 0;
+    for (;; failures++) {
+        Output out;
+        fault_arm(FAULT_ALLOC, failures);
+        qor_thread_pool_t *pool = create(2, 2);
+        const bool fired = fault_fired(FAULT_ALLOC) == 1;
+        fault_arm(FAULT_ALLOC, -1);
+        if (!fired) {
+            qor_thread_pool_destroy(pool);
+            break;
+        }
+        EXPECT_EQ(pool, nullptr);
+        EXPECT_EQ(out.count("failed."), 1) << out.text();
+    }
+    EXPECT_GE(failures, 4); /* pool, queue, private block, threads */
+}
+
+TEST(ThreadPoolFaults, InitWithoutMemoryForTheThreadsIsReported)
+{
+    /* the last allocation of init */
+    fault_arm(FAULT_ALLOC, -1);
+    qor_thread_pool_t pool;
+    ASSERT_EQ(qor_thread_pool_init(&pool, 1, 1, -1, stack_size, -1, 0), 0);
+    const int allocations = fault_calls(FAULT_ALLOC);
+    qor_thread_pool_uninit(&pool);
+    Output out;
+    fault_arm(FAULT_ALLOC, allocations - 1);
+
+    EXPECT_EQ(qor_thread_pool_init(&pool, 1, 1, -1, stack_size, -1, 0), -1);
+
+    EXPECT_EQ(out.printed(), pool_line("qor_thread_pool_init", "malloc threads failed."));
+}
+
+TEST(ThreadPoolFaults, AResidentThreadThatIsNotCreatedStaysCounted)
+{
+    Output out;
+    recycled = 0;
+    fault_arm(FAULT_THREAD, 1);
+
+    qor_thread_pool_t *pool = create(3, 3);
+
+    ASSERT_NE(pool, nullptr);
+    EXPECT_EQ(fault_fired(FAULT_THREAD), 1);
+    EXPECT_EQ(pool->thread_num, 3);
+    EXPECT_EQ(out.printed(), "");
+    EXPECT_EQ(post(pool), 0);
+    qor_thread_pool_destroy(pool); /* waits for the other two only */
+    EXPECT_EQ(recycled, 1);
+}
+
+TEST(ThreadPoolFaults, ATemporaryThreadThatIsNotCreatedStaysCounted)
+{
+    Output out;
+    recycled = 0;
+    qor_thread_pool_t *pool = create(0, 1);
+    ASSERT_NE(pool, nullptr);
+    fault_arm(FAULT_THREAD, 0);
+
+    EXPECT_EQ(post(pool), 0);
+
+    EXPECT_EQ(fault_fired(FAULT_THREAD), 1);
+    EXPECT_EQ(pool->thread_num, 1);
+    EXPECT_EQ(out.printed(), "");
+    EXPECT_EQ(post(pool), 0); /* no other takes its place */
+    EXPECT_EQ(pool->thread_num, 1);
+    qor_thread_pool_destroy(pool);
+    EXPECT_EQ(recycled, 2);
+}
+
+TEST(ThreadPoolFaults, ATemporaryThreadWithoutMemoryIsReportedAndTakenBack)
+{
+    Output out;
+    recycled = 0;
+    qor_thread_pool_t *pool = create(0, 1);
+    ASSERT_NE(pool, nullptr);
+    fault_arm(FAULT_ALLOC, 1); /* after the task's node */
+
+    EXPECT_EQ(post(pool), 0);
+
+    EXPECT_EQ(out.printed(), warning("malloc qor_thread_pool_thread_t failed."));
+    EXPECT_EQ(pool->thread_num, 0);
+    EXPECT_EQ(qor_que_count(pool->que), 1);
+    qor_thread_pool_destroy(pool);
+    EXPECT_EQ(recycled, 1);
+}
+
+TEST(ThreadPoolFaults, ATemporaryThreadWhosePriorityIsRefusedIsReportedAndTakenBack)
+{
+    Output out;
+    qor_thread_pool_t *pool = create(0, 1, /* priority */ 10);
+    ASSERT_NE(pool, nullptr);
+    fault_arm(FAULT_SCHED, 0);
+
+    EXPECT_EQ(post(pool), 0);
+
+    EXPECT_EQ(out.printed(),
+              pool_line("qor_thread_pool_create_thread", "set thread priority failed.") +
+                  warning("create new thread failed."));
+    EXPECT_EQ(pool->thread_num, 0);
+    qor_thread_pool_destroy(pool);
+}
+
+TEST(ThreadPoolFaults, AThreadWithoutAttributeIsReportedAndStaysCounted)
+{
+    Output out;
+    fault_arm(FAULT_ATTR, 0);
+
+    qor_thread_pool_t *pool = create(1, 1);
+
+    ASSERT_NE(pool, nullptr);
+    EXPECT_EQ(out.printed(), pool_line("qor_thread_pool_init", "create thread failed. index = 0"));
+    EXPECT_EQ(pool->thread_num, 1);
+    qor_thread_pool_destroy(pool);
+}
+
+TEST(ThreadPoolFaults, PostWithoutMemoryLeavesTheArgument)
+{
+    Output out;
+    recycled = 0;
+    qor_thread_pool_t *pool = create(1, 1);
+    ASSERT_NE(pool, nullptr);
+    fault_arm(FAULT_ALLOC, 0);
+
+    EXPECT_EQ(post(pool), -1);
+
+    EXPECT_EQ(out.printed(),
+              err_line("qor_que", "qor_que_node_create", "malloc \"qor_que_node_t\" failed.") +
+                  pool_line("qor_thread_pool_post", "create qor_que_node_t failed."));
+    qor_thread_pool_destroy(pool);
+    EXPECT_EQ(recycled, 0);
+}
