@@ -62,7 +62,11 @@ static void alarm_unreg(qor_context_t *context)
 static int32_t alarm_init(qor_context_t *context, void *arg)
 {
     telemetry_attach(context, arg);
-    return qor_context_req(context, TOPIC_READY, NULL, 0);
+    const int32_t session = qor_context_req(context, TOPIC_READY, NULL, 0);
+    if (session < 0) { /* nobody would ever begin */
+        telemetry_fail(arg);
+    }
+    return session;
 }
 
 qor_context_module_t alarm_module = {

@@ -93,9 +93,9 @@ static int watch(struct telemetry *t, const struct options *options, struct comm
     if (options->command && command_start(command, options->command, &signals.before) != 0) {
         status = STATUS_USAGE;
     } else if (signals_start(&signals, t, command) == 0) {
-        qor_bus_loop(t->bus); /* until qor_bus_quit() */
+        const int32_t looped = qor_bus_loop(t->bus); /* until qor_bus_quit() */
         signals_end(&signals);
-        status = atomic_load(&t->failed) ? STATUS_FAILED : 0;
+        status = looped != 0 || atomic_load(&t->failed) ? STATUS_FAILED : 0;
     }
     qor_bus_close(t->bus);
     command_stop(command);

@@ -67,7 +67,7 @@ void report(const struct telemetry *t, const struct command *command)
     printf("\n  %-22s%9s%11s%11s\n", "", "min", "mean", "max");
     spread_row("processor load", &t->recorder.load, 10.0, "%");
     spread_row("memory headroom", &t->recorder.headroom, 10.0, "%");
-    spread_row("own memory", &t->recorder.own_kb, 1024.0, "MB");
+    spread_row("own memory", &t->recorder.own_kb, 1024.0, "MiB");
     spread_row("round trip", &t->sampler.round_trip_us, 1.0, "us");
     if (command->pid != 0) {
         char text[80];

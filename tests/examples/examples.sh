@@ -160,6 +160,12 @@ telemetry_refuses_wrong_options() {
     complaint "a replay is not recorded"
 }
 
+telemetry_reports_a_full_disk() {
+    run 1 --samples 2 --svg /dev/full
+    complaint "/dev/full is incomplete: No space left on device"
+    row samples 2
+}
+
 telemetry_prints_help() {
     run 0 --help
     grep -q 'MS BUSY TOTAL MEMORY FREE OWN' "$work/out" || fail "the format is not told"
