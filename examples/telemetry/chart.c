@@ -54,7 +54,7 @@ static void chart_curve(FILE *file, const struct scale *s, const struct recorder
         const struct point *most = NULL;
         for (int32_t i = from; i < from + bundle && i < r->room; i++) {
             const struct point *p = &r->series[i];
-            if (p->known) {
+            if (p->known && value(p, memory) >= 0) {
                 least = !least || value(p, memory) < value(least, memory) ? p : least;
                 most = !most || value(p, memory) > value(most, memory) ? p : most;
             }

@@ -27,11 +27,12 @@ static int recorder_add(struct recorder *r, const struct sample *sample, const s
     if (recorder_grow(r, sample->number) != 0) {
         return -1;
     }
-    r->series[sample->number] =
-        (struct point){.at_ms = v->at_ms, .load = v->load, .headroom = v->headroom, .known = 1};
+    const int settling = v->kind == VERDICT_SETTLING;
+    r->series[sample->number] = (struct point){
+        .at_ms = v->at_ms, .load = settling ? -1 : v->load, .headroom = v->headroom, .known = 1};
     spread_add(&r->own_kb, sample->reading.own_kb);
     spread_add(&r->headroom, v->headroom);
-    if (v->kind != VERDICT_SETTLING) {
+    if (!settling) {
         spread_add(&r->load, v->load);
     }
     r->seen++;

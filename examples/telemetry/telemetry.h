@@ -92,7 +92,7 @@ struct alarm {
 
 struct point {
     int64_t at_ms;
-    int32_t load;
+    int32_t load; /* -1 while settling */
     int32_t headroom;
     int32_t known;
 };
