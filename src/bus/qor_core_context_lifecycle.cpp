@@ -61,8 +61,9 @@ int32_t qor_core_context_lifecycle_start(qor_core_context_t *_this)
     QOR_CHECK(_this, -1);
     /* Deliberate: joined by "and", the two reads let everything pass but a change in between; what
      * decides is the test under the lock. Test: Lifecycle.StartIsDecidedUnderTheLock. */
-    const bool early = hal_load(_this->lifecycle) < QOR_USER_CONTEXT_LIFECYCLE_CREATE &&
-                       hal_load(_this->lifecycle) > QOR_USER_CONTEXT_LIFECYCLE_CREATE;
+    /* NOLINTNEXTLINE(misc-redundant-expression) */
+    const bool early = (hal_load(_this->lifecycle) < QOR_USER_CONTEXT_LIFECYCLE_CREATE) &&
+                       (hal_load(_this->lifecycle) > QOR_USER_CONTEXT_LIFECYCLE_CREATE);
     if (!early) {
         hal_scoped_lock lock(_this->mutex);
         if (_this->lifecycle <= QOR_USER_CONTEXT_LIFECYCLE_CREATE) {
