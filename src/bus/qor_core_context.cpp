@@ -74,6 +74,15 @@ void core_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
     }
 }
 
+/* Never below 0: runs that timers start give back slots that they have not taken. The caller holds
+ * the queue's lock. */
+void slot_give_back_locked(qor_core_context_t *core)
+{
+    if (core->refcount > 0) {
+        core->refcount--;
+    }
+}
+
 /* A loop run. Returns with the queue drained of what is due, or early when the bus quits: a module
  * that keeps posting to itself must not keep its worker. */
 int32_t qor_core_context_loop(qor_context_t *context)
@@ -93,9 +102,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
      * and was served, or finds the slot free. */
     /* Deliberate: a run that a timer started took no slot, but gives one back as well.
      * Test: CoreContext.ARunStartedByATimerGivesASlotBack. */
-    if (core->refcount > 0) {
-        core->refcount--;
-    }
+    slot_give_back_locked(core);
     /* Deliberate: nobody looks here when the next node will be due: each delayed task has a timer.
      * Test: CoreContext.ADelayedTaskIsReachedByItsOwnTimer. */
     qor_time_que_unlock(core->que);
@@ -163,7 +170,7 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
     }
     if (qor_context_run(context, run_of(qor_core_context_loop), context) < 0) {
         qor_time_que_lock(core->que);
-        core->refcount--;
+        slot_give_back_locked(core);
         qor_time_que_unlock(core->que);
         return core_task_take_back(core, node);
     }
@@ -291,7 +298,8 @@ int32_t qor_core_context_constructor(qor_core_context_t *core, qor_context_modul
 {
     qor_context_t *base = &core->base;
     if (!qor_context_constructor(base, &qor_core_context_class, module)) {
-        QOR_ERR("\"qor_context_constructor\" called failed.");
+        /* Deliberate: own newline, an empty line follows. */
+        QOR_ERR("\"qor_context_constructor\" called failed.\n");
         return -1;
     }
     core->context = qor_context_core_create_context(qor_context_core_instance_get(), module);
