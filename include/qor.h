@@ -4,73 +4,29 @@
 #define QOR_H
 
 #include "qor_api.h"
-#include "qor_hal.h"
-#include "qor_types.h"
-#if __has_include("rbtree.h")
-#include "rbtree.h"
-#endif
-#if __has_include("rbapi.h")
-#include "rbapi.h"
-#endif
-#if __has_include("rbapi_kv.h")
-#include "rbapi_kv.h"
-#endif
-#if __has_include("qor_que.h")
-#include "qor_que.h"
-#endif
-#if __has_include("qor_time_que.h")
-#include "qor_time_que.h"
-#endif
-#if __has_include("qor_context_msg.h")
-#include "qor_context_msg.h"
-#endif
-#if __has_include("qor_context_task.h")
-#include "qor_context_task.h"
-#endif
-#if __has_include("qor_thread_pool.h")
-#include "qor_thread_pool.h"
-#endif
-#if __has_include("qor_sys.h")
-#include "qor_sys.h"
-#endif
-#if __has_include("qor_context.h")
-#include "qor_context.h"
-#endif
-#if __has_include("qor_context_handler.h")
-#include "qor_context_handler.h"
-#endif
-#if __has_include("qor_context_module.h")
-#include "qor_context_module.h"
-#endif
-#if __has_include("qor_context_core.h")
-#include "qor_context_core.h"
-#endif
-#if __has_include("qor_topic_core.h")
-#include "qor_topic_core.h"
-#endif
-#if __has_include("qor_bus.h")
 #include "qor_bus.h"
-#endif
-#if __has_include("qor_sched_delegate.h")
-#include "qor_sched_delegate.h"
-#endif
-#if __has_include("qor_core_context.h")
-#include "qor_core_context.h"
-#endif
-#if __has_include("qor_impl_context.h")
-#include "qor_impl_context.h"
-#endif
-#if __has_include("qor_bus_module.h")
 #include "qor_bus_module.h"
-#endif
-#if __has_include("qor_monitor_module.h")
-#include "qor_monitor_module.h"
-#endif
-#if __has_include("qor_mng_module.h")
-#include "qor_mng_module.h"
-#endif
-#if __has_include("qor_main.h")
+#include "qor_context.h"
+#include "qor_context_core.h"
+#include "qor_context_handler.h"
+#include "qor_context_module.h"
+#include "qor_context_msg.h"
+#include "qor_context_task.h"
+#include "qor_core_context.h"
+#include "qor_hal.h"
+#include "qor_impl_context.h"
 #include "qor_main.h"
-#endif
+#include "qor_mng_module.h"
+#include "qor_monitor_module.h"
+#include "qor_que.h"
+#include "qor_sched_delegate.h"
+#include "qor_sys.h"
+#include "qor_thread_pool.h"
+#include "qor_time_que.h"
+#include "qor_topic_core.h"
+#include "qor_types.h"
+#include "rbapi.h"
+#include "rbapi_kv.h"
+#include "rbtree.h"
 
 #endif /* QOR_H */

@@ -23,7 +23,7 @@ extra=$(printf '%s\n' "$needed" | grep -Evx 'libc\.so(\.6)?|ld-linux-armhf\.so\.
 readelf -d "$library" | grep -q 'SONAME.*\[libqor_bus\.so\.1\]' || bad 'is not named libqor_bus.so.1'
 
 nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort >"$have"
-[ "$exports" = - ] || diff -u "$exports" "$have" >&2 || bad 'exports differ: - listed only, + built only'
+diff -u "$exports" "$have" >&2 || bad 'exports differ: - listed only, + built only'
 
 runtime=$(nm -D --undefined-only "$library" | awk '{ sub(/@.*/, "", $2); print $2 }' |
   grep -E '^(_Z|__gxx_personality|__cxa_(guard|throw|begin|end|pure|thread)|_Unwind)' || true)
