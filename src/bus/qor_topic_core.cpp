@@ -15,7 +15,7 @@ namespace {
 /* What a registration has behind its public fields. */
 struct topic_node {
     qor_topic_node_t node;
-    qor_topic_core_private *home; /* of its topic; NULL while in no list of the table */
+    qor_topic_core_private *home; /* of its topic; NULL for a node that the table did not link */
     int32_t removed;              /* written under the list's mutex, read without it */
     topic_node *retired;          /* the next node that waits to be freed */
 };
@@ -88,9 +88,14 @@ void topic_reclaim(qor_topic_core_private &topic)
     topic_nodes_free(unreachable);
 }
 
-/* Hands a node that has left its lists over to be freed. */
+/* Hands a node that has left its lists over to be freed. One that its maker linked, not the table,
+ * is freed at once: its maker knows who walks it. */
 void topic_node_retire(qor_topic_node_t *node)
 {
+    if (!whole_node(node)->home) {
+        free(node);
+        return;
+    }
     qor_topic_core_private &topic = *whole_node(node)->home;
     {
         hal_scoped_lock lock(topic.mutex);
