@@ -65,16 +65,28 @@ const char *name_of(qor_context_t *context)
     return qor_context_module_name_get(context);
 }
 
+/* The context's delegate; without one, NULL and the calling operation's line. */
+qor_sched_delegate_t *delegate_checked(const qor_context_t *context, const char *func)
+{
+    qor_sched_delegate_t *delegate = delegate_of(context);
+    if (!delegate) {
+        qor_check_failed(file_tag, func, __LINE__, "_this");
+    }
+    return delegate;
+}
+
 /* The printed name is the calling operation's. */
 int32_t delegate_register(const delegate_kind &kind, qor_context_t *context,
                           qor_context_topic_t topic, qor_context_topic_attr_t *attr,
                           const char *func)
 {
-    qor_sched_delegate_t *_this = delegate_of(context);
-    QOR_CHECK(_this, -1);
+    qor_sched_delegate_t *_this = delegate_checked(context, func);
+    if (!_this) {
+        return -1;
+    }
     qor_topic_core_t *table = delegate_table(_this);
-    topic_dispatch under_way(table,
-                             topic); /* another thread may remove the node between the steps */
+    /* Another thread may remove the node between the two steps. */
+    topic_dispatch under_way(table, topic);
     qor_topic_node_t *node = kind.add(table, context, topic, attr);
     if (!node) {
         QOR_LINE("err", func, "create node failed.");
@@ -94,10 +106,12 @@ int32_t delegate_register(const delegate_kind &kind, qor_context_t *context,
 }
 
 int32_t delegate_unregister(const delegate_kind &kind, qor_context_t *context,
-                            qor_context_topic_t topic)
+                            qor_context_topic_t topic, const char *func)
 {
-    qor_sched_delegate_t *_this = delegate_of(context);
-    QOR_CHECK(_this, -1);
+    qor_sched_delegate_t *_this = delegate_checked(context, func);
+    if (!_this) {
+        return -1;
+    }
     hal_scoped_lock lock(_this->*kind.mutex);
     kind.remove(delegate_table(_this), context, topic);
     return 0;
@@ -257,15 +271,22 @@ int32_t request_handle(qor_context_t *publisher, qor_context_msg_t *msg, const c
     return ret;
 }
 
+/* What a task gives whoever executes it; a worker drops it. */
+void *task_result(int32_t result)
+{
+    return reinterpret_cast<void *>(static_cast<intptr_t>(result));
+}
+
 void *qor_sched_delegate_handle_message_self(qor_context_t *publisher, int32_t, void *arg)
 {
     if (qor_context_resume(publisher) < 0) {
         QOR_ERR("resume failed. context = %s", name_of(publisher));
-        return nullptr;
+        return task_result(-1);
     }
-    qor_context_handle_message(publisher, static_cast<qor_context_msg_t *>(arg));
+    const int32_t ret =
+        qor_context_handle_message(publisher, static_cast<qor_context_msg_t *>(arg));
     context_leave(publisher, __func__);
-    return nullptr;
+    return task_result(ret);
 }
 
 void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *arg)
@@ -276,10 +297,11 @@ void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *
     qor_context_taskx_init(&response, publisher, nullptr, clone->session,
                            qor_sched_delegate_handle_message_self, clone);
     response.recycle = recycle_of(qor_context_msg_destroy);
-    if (qor_context_handle_task(publisher, &response) < 0) {
+    const int32_t handed = qor_context_handle_task(publisher, &response);
+    if (handed < 0) {
         qor_context_msg_destroy(clone);
     }
-    return nullptr;
+    return task_result(handed);
 }
 
 int32_t qor_sched_delegate_session(qor_context_t *context, int32_t *session)
@@ -298,7 +320,7 @@ int32_t qor_sched_delegate_subscribe(qor_context_t *context, qor_context_topic_t
 
 int32_t qor_sched_delegate_unsubscribe(qor_context_t *context, qor_context_topic_t topic)
 {
-    return delegate_unregister(subscribers, context, topic);
+    return delegate_unregister(subscribers, context, topic, __func__);
 }
 
 int32_t qor_sched_delegate_listen(qor_context_t *context, qor_context_topic_t topic,
@@ -309,7 +331,7 @@ int32_t qor_sched_delegate_listen(qor_context_t *context, qor_context_topic_t to
 
 int32_t qor_sched_delegate_unlisten(qor_context_t *context, qor_context_topic_t topic)
 {
-    return delegate_unregister(listeners, context, topic);
+    return delegate_unregister(listeners, context, topic, __func__);
 }
 
 int32_t qor_sched_delegate_filter(qor_context_t *context, qor_context_topic_t topic,
@@ -320,7 +342,7 @@ int32_t qor_sched_delegate_filter(qor_context_t *context, qor_context_topic_t to
 
 int32_t qor_sched_delegate_unfilter(qor_context_t *context, qor_context_topic_t topic)
 {
-    return delegate_unregister(filters, context, topic);
+    return delegate_unregister(filters, context, topic, __func__);
 }
 
 /* Both publications begin with this; the printed name is theirs. */
@@ -410,6 +432,7 @@ int32_t qor_sched_delegate_syscall(qor_context_t *context, qor_context_msg_t *ms
 {
     qor_sched_delegate_t *_this = delegate_of(context);
     QOR_CHECK(_this && _this->bus, -1);
+    QOR_CHECK(msg, -1);
     qor_context_t *node = subscriber_enter(_this->bus->sys_topic_core, msg->topic);
     QOR_CHECK(node, -1);
     qor_context_msg_t *new_msg = qor_context_msg_clone(msg);
