@@ -789,8 +789,9 @@ TEST_F(SchedDelegate, PublishxHandlesTheCallersOwnMessage)
     qor_context_subscribe(a.get(), topic, nullptr);
     qor_context_msg_t msg;
     qor_context_msg_fill_full(&msg, 9, topic, nullptr, 0, room, sizeof(room));
-    a.on_message = [&](qor_context_msg_t *seen) {
-        EXPECT_EQ(seen, &msg);
+    const qor_context_msg_t *own = &msg;
+    a.on_message = [own](qor_context_msg_t *seen) {
+        EXPECT_EQ(seen, own);
         memcpy(seen->response.buf, "yes", 4);
         return 3;
     };
@@ -1282,8 +1283,9 @@ TEST_F(SchedDelegate, SyscallxHandlesTheCallersOwnMessage)
 {
     qor_context_subscribe(s.get(), topic, nullptr);
     qor_context_msg_t msg = request();
-    s.on_message = [&](qor_context_msg_t *seen) {
-        EXPECT_EQ(seen, &msg);
+    const qor_context_msg_t *own = &msg;
+    s.on_message = [own](qor_context_msg_t *seen) {
+        EXPECT_EQ(seen, own);
         return -21;
     };
 
