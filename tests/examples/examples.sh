@@ -184,4 +184,49 @@ telemetry_is_watched_by_the_monitor() {
     [ "$(grep -c 'MONITOR: hog,' "$work/out")" = 3 ] || fail "not three warnings"
 }
 
+pool_counts_words() {
+    printf 'One two, TWO three_3;\0three_3 three_3.  4 x' >"$work/a"
+    printf 'Grüße two' >"$work/b"
+    : >"$work/empty"
+    run 0 "$work/a" "$work/b" "$work/empty"
+    printf '%8d  %s\n' 3 three_3 3 two 1 grüße 1 one 1 x >"$work/expected"
+    sed -n 1p "$work/out" | grep -qx '9 words, 5 different' || fail "not all words are counted"
+    sed 1d "$work/out" | diff "$work/expected" - || fail "the list is wrong"
+}
+
+pool_counts_the_same_with_1_and_8_threads() {
+    for file in {1..60}; do
+        for ((i = 0; i < 200; i++)); do echo "w$((RANDOM % 40)) w$((RANDOM % file))"; done >"$work/$file"
+    done
+    run 0 --threads 1 "$work"/[0-9]*
+    cp "$work/out" "$work/one"
+    run 0 --threads 8 "$work"/[0-9]*
+    diff "$work/one" "$work/out" || fail "8 threads count otherwise"
+    grep -q '^24000 words' "$work/out" || fail "not all words are counted"
+    [ "$(wc -l <"$work/out")" = 21 ] || fail "not the 20 most frequent words"
+}
+
+pool_reads_the_sources_by_default() {
+    run 0
+    grep -Eq '^[1-9][0-9]{4,} words' "$work/out" || fail "too few words"
+    grep -Eq '^ +[0-9]+  this$' "$work/out" || fail "no sources"
+}
+
+pool_reports_and_skips_unreadable_files() {
+    echo 'only this' >"$work/a"
+    run 1 "$work/none" "$work/a" "$work"
+    grep -q '^2 words' "$work/out" || fail "the readable file is not counted"
+    printf 'pool: %s: %s\n' "$work" 'Is a directory' "$work/none" 'No such file or directory' |
+        diff - <(LC_ALL=C sort -t: -k2,2 "$work/err") || fail "the others are not reported"
+}
+
+pool_refuses_wrong_options() {
+    local options
+    for options in '--threads' '--threads 0' '--threads x' '--threads 1x' '--other'; do
+        # shellcheck disable=SC2086 # words
+        run 2 $options
+        grep -q '^usage: pool' "$work/err" || fail "no usage for $options"
+    done
+}
+
 "$case_name"
