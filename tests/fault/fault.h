@@ -17,6 +17,8 @@ typedef enum fault_kind {
     FAULT_COND,   /* pthread_cond_init: ENOMEM */
     FAULT_SCHED,  /* pthread_attr_setschedparam: EINVAL */
     FAULT_ATTR,   /* pthread_attr_init, pthread_condattr_init: ENOMEM */
+    FAULT_WAIT,   /* pthread_cond_wait: returns at once */
+    FAULT_TIMED,  /* pthread_cond_timedwait: returns at once */
     FAULT_KINDS
 } fault_kind;
 

@@ -1,0 +1,280 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Blocking queue: failing creation, and who sleeps and wakes how often. */
+#include "qor_que.h"
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "await.hpp"
+#include "fault.h"
+#include "output.hpp"
+#include "que_holder.hpp"
+
+namespace {
+
+const std::string create_line = err_line("qor_que", "qor_que_create", "!(_this) == true.");
+
+/* Waits until so many waits without limit have begun since fault_arm(). A wait is counted with the
+ * lock held, so whoever gets the lock afterwards finds all of them asleep. */
+void await_waits(qor_que_t *que, int waits)
+{
+    ASSERT_TRUE(await([&] { return fault_calls(FAULT_WAIT) >= waits; }));
+    qor_que_lock(que);
+    qor_que_unlock(que);
+}
+
+/* Takers on threads of their own, each for one node. */
+class Takers {
+public:
+    Takers(qor_que_t *que, int number)
+    {
+        for (int i = 0; i < number; i++) {
+            threads_.emplace_back([this, que] {
+                qor_que_node_t *node = qor_que_deque_block(que, -1);
+                (node ? got : missed)++;
+                free(node);
+            });
+        }
+    }
+    ~Takers()
+    {
+        for (std::thread &thread : threads_) {
+            thread.join();
+        }
+    }
+    std::atomic<int> got{0};
+    std::atomic<int> missed{0};
+
+private:
+    std::vector<std::thread> threads_;
+};
+
+} // namespace
+
+TEST(QueFaults, CreateWithoutMemoryPrintsTheNullObjectText)
+{
+    Output out;
+    fault_arm(FAULT_ALLOC, 0);
+
+    EXPECT_EQ(qor_que_create(1, nullptr), nullptr);
+
+    EXPECT_EQ(out.printed(), create_line);
+}
+
+TEST(QueFaults, CreateIsOneAllocation)
+{
+    fault_arm(FAULT_ALLOC, -1);
+
+    Que que;
+
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 1);
+}
+
+TEST(QueFaults, CreateWithoutAConditionUndoesItself)
+{
+    for (int nth = 0; nth < 3; nth++) {
+        Output out;
+        fault_arm(FAULT_COND, nth);
+
+        EXPECT_EQ(qor_que_create(1, nullptr), nullptr);
+
+        EXPECT_EQ(fault_fired(FAULT_COND), 1);
+        EXPECT_EQ(out.printed(), create_line);
+    }
+}
+
+TEST(QueFaults, CreateWithoutAMutexUndoesItself)
+{
+    Output out;
+    fault_arm(FAULT_MUTEX, 0);
+
+    EXPECT_EQ(qor_que_create(1, nullptr), nullptr);
+
+    EXPECT_EQ(fault_fired(FAULT_MUTEX), 1);
+    EXPECT_EQ(out.printed(), create_line);
+}
+
+TEST(QueFaults, NodeWithoutMemoryIsReported)
+{
+    Output out;
+    fault_arm(FAULT_ALLOC, 0);
+
+    EXPECT_EQ(qor_que_node_create(1, 8), nullptr);
+
+    EXPECT_EQ(out.printed(),
+              err_line("qor_que", "qor_que_node_create", "malloc \"qor_que_node_t\" failed."));
+}
+
+TEST(QueFaults, PassingANodeAllocatesNothing)
+{
+    Que que;
+    qor_que_node_t *node = new_node('a');
+    fault_arm(FAULT_ALLOC, -1);
+
+    qor_que_enque(que, node);
+    qor_que_deque_block(que, -1);
+
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 0);
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(QueFaults, TimedWaitPolls)
+{
+    Que que;
+    fault_arm(FAULT_TIMED, -1);
+
+    EXPECT_EQ(qor_que_deque_block(que, 100), nullptr);
+
+    EXPECT_GT(fault_calls(FAULT_TIMED), 20);
+}
+
+TEST(QueFaults, TimedWaitForRoomPolls)
+{
+    Que que(0);
+    qor_que_node_t *node = new_node('a');
+    fault_arm(FAULT_TIMED, -1);
+
+    EXPECT_EQ(qor_que_enque_block(que, node, 100), -1);
+
+    EXPECT_GT(fault_calls(FAULT_TIMED), 20);
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(QueFaults, ATakerSurvivesAWakeWithoutANode)
+{
+    Que que;
+    fault_arm(FAULT_WAIT, 0); /* the first wait is one */
+    Takers takers(que, 1);
+    await_waits(que, 2);
+
+    qor_que_enque(que, new_node('a'));
+
+    EXPECT_TRUE(await([&] { return takers.got == 1; }));
+}
+
+TEST(QueFaults, ANodeWakesOneTaker)
+{
+    Que que;
+    fault_arm(FAULT_WAIT, -1);
+    Takers takers(que, 3);
+    await_waits(que, 3);
+
+    for (int nodes = 1; nodes <= 3; nodes++) {
+        qor_que_enque(que, new_node('a'));
+        ASSERT_TRUE(await([&] { return takers.got == nodes; }));
+    }
+
+    EXPECT_EQ(fault_calls(FAULT_WAIT), 3); /* nobody had to wait again */
+}
+
+TEST(QueFaults, ABatchOfNodesWakesATakerForEach)
+{
+    Que que;
+    fault_arm(FAULT_WAIT, -1);
+    Takers takers(que, 3);
+    await_waits(que, 3);
+
+    qor_que_lock(que);
+    for (int nodes = 0; nodes < 3; nodes++) {
+        qor_que_enque_locked(que, new_node('a'));
+    }
+    qor_que_unlock(que);
+
+    EXPECT_TRUE(await([&] { return takers.got == 3; }));
+}
+
+/* The count then says "full" while the list is empty, and both sides wait at once. */
+TEST(QueFaults, QuitReleasesTakersAndGiversTogether)
+{
+    Que que(1);
+    qor_que_enque(que, new_node('a'));
+    name_of(qor_que_deque(que));
+    qor_que_node_t *node = new_node('b');
+    fault_arm(FAULT_WAIT, -1);
+    std::thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, node, -1), -1); });
+    {
+        Takers takers(que, 2);
+        await_waits(que, 3);
+
+        qor_que_quit(que);
+
+        EXPECT_TRUE(await([&] { return takers.missed == 2; }));
+    }
+    giver.join();
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(QueFaults, DestroyWaitsUntilTheLastThreadHasLeft)
+{
+    qor_que_t *que = qor_que_create(1, nullptr);
+    qor_que_enque(que, new_node('a'));
+    name_of(qor_que_deque(que));
+    qor_que_node_t *node = new_node('b');
+    fault_arm(FAULT_WAIT, -1);
+    std::thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, node, -1), -1); });
+    std::thread waiter([&] {
+        qor_que_lock(que);
+        qor_que_wait_locked(que);
+        qor_que_unlock(que);
+    });
+    {
+        Takers takers(que, 3);
+        await_waits(que, 5);
+
+        qor_que_destroy(que);
+    }
+    giver.join();
+    waiter.join();
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(QueFaults, WakeupLockedReachesTakersToo)
+{
+    Que que;
+    fault_arm(FAULT_WAIT, -1);
+    Takers takers(que, 2);
+    await_waits(que, 2);
+
+    qor_que_lock(que);
+    qor_que_wakeup_locked(que);
+    qor_que_unlock(que);
+
+    await_waits(que, 4); /* both have looked and wait again */
+    qor_que_quit(que);
+}
+
+/* One taker's time is over while the other sleeps: the node that comes must reach the sleeper. */
+TEST(QueFaults, ATakerThatLeavesDoesNotKeepAWake)
+{
+    Que que;
+    fault_arm(FAULT_WAIT, -1);
+    Takers takers(que, 1);
+    await_waits(que, 1);
+    for (int round = 0; round < 20; round++) {
+        EXPECT_EQ(qor_que_deque_block(que, 1), nullptr);
+    }
+
+    qor_que_enque(que, new_node('a'));
+
+    EXPECT_TRUE(await([&] { return takers.got == 1; }));
+}
+
+TEST(QueFaults, ARemovedNodeDoesNotKeepAWake)
+{
+    Que que;
+    fault_arm(FAULT_WAIT, -1);
+    Takers takers(que, 1);
+    await_waits(que, 1);
+    qor_que_lock(que);
+    qor_que_enque_locked(que, new_node('a'));
+    EXPECT_EQ(name_of(qor_que_remove_locked(que, 'a')), "a"); /* before the taker can come */
+    qor_que_unlock(que);
+    await_waits(que, 2);
+
+    qor_que_enque(que, new_node('b'));
+
+    EXPECT_TRUE(await([&] { return takers.got == 1; }));
+}

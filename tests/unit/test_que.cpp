@@ -1,0 +1,710 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "qor_que.h"
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "await.hpp"
+#include "case_name.hpp"
+#include "output.hpp"
+#include "que_holder.hpp"
+
+namespace {
+
+const std::string null_queue = "!(_this) == true.";
+
+std::string line(const std::string &function, const std::string &text)
+{
+    return err_line("qor_que", function, text);
+}
+
+/* Empties a queue by blocking takes without a wait. */
+std::string drain(qor_que_t *que)
+{
+    std::string names;
+    qor_que_lock(que);
+    while (qor_que_node_t *node = qor_que_deque_block_locked(que, 0)) {
+        names += name_of(node);
+    }
+    qor_que_unlock(que);
+    return names;
+}
+
+void fill(qor_que_t *que, const std::string &names)
+{
+    for (char name : names) {
+        ASSERT_EQ(qor_que_enque(que, new_node(name)), 0);
+    }
+}
+
+bool unlinked(const qor_que_node_t *node)
+{
+    return node->node.next == nullptr && node->node.prev == nullptr;
+}
+
+qor_que_t *quitting_que = nullptr; /* for recycle functions that look at their queue */
+
+} // namespace
+
+TEST(Que, CreationFillsTheRecord)
+{
+    Que que(7, note_recycled);
+
+    EXPECT_TRUE(list_empty(&que->head));
+    EXPECT_EQ(que->quitting, 0);
+    EXPECT_EQ(que->max_count, 7u);
+    EXPECT_EQ(que->count, 0);
+    EXPECT_EQ(que->refer_count, 0);
+    EXPECT_EQ(que->recycle, note_recycled);
+}
+
+TEST(Que, ANodesBodyIsZeroAndFollowsItsHeader)
+{
+    qor_que_node_t *node = qor_que_node_create(9, 64);
+    char *body = static_cast<char *>(qor_que_node_body(node));
+
+    EXPECT_EQ(std::count(body, body + 64, 0), 64);
+    EXPECT_EQ(body, reinterpret_cast<char *>(node) + offsetof(qor_que_node_t, body));
+    EXPECT_EQ(qor_que_node_type(body), node);
+    EXPECT_EQ(qor_que_node_id(node), 9u);
+    EXPECT_TRUE(unlinked(node));
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(Que, ANodeOfNegativeSizeIsRefused)
+{
+    Output out;
+
+    EXPECT_EQ(qor_que_node_create(1, -1), nullptr);
+
+    EXPECT_EQ(out.printed(), line("qor_que_node_create", "malloc \"qor_que_node_t\" failed."));
+}
+
+TEST(Que, ANodeWithoutBodyIsPossible)
+{
+    qor_que_node_t *node = qor_que_node_create(1, 0);
+    EXPECT_NE(node, nullptr);
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(Que, NodeDestroyRecyclesTheBody)
+{
+    recycled.clear();
+
+    qor_que_node_destroy(new_node('a'), note_recycled);
+
+    EXPECT_EQ(recycled, "a");
+}
+
+TEST(Que, NodeDestroyWithoutRecycleOnlyFrees)
+{
+    recycled.clear();
+    Que que(1, note_recycled);
+
+    qor_que_node_destroy(new_node('a'), nullptr);
+
+    EXPECT_EQ(recycled, "");
+}
+
+TEST(Que, NodesComeOutInTheOrderOfArrival)
+{
+    Que que;
+    fill(que, "abc");
+
+    std::string names = name_of(qor_que_deque(que));
+    names += name_of(qor_que_deque_block(que, -1));
+    names += name_of(qor_que_deque_block(que, 50));
+
+    EXPECT_EQ(names, "abc");
+}
+
+TEST(Que, AnEmptyQueueGivesNothing)
+{
+    Que que;
+    Output out;
+
+    EXPECT_EQ(qor_que_deque(que), nullptr);
+    EXPECT_EQ(qor_que_deque_block(que, 0), nullptr);
+    EXPECT_EQ(drain(que), "");
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST(Que, ATakenNodeHasNullLinks)
+{
+    Que que;
+    fill(que, "abc");
+    qor_que_node_t *taken[] = {qor_que_deque(que), qor_que_deque_block(que, -1),
+                               qor_que_remove(que, 'c')};
+
+    for (qor_que_node_t *node : taken) {
+        EXPECT_TRUE(unlinked(node));
+        qor_que_node_destroy(node, nullptr);
+    }
+    EXPECT_TRUE(list_empty(&que->head));
+}
+
+TEST(Que, NonBlockingTakeLeavesTheCount)
+{
+    Que que;
+    fill(que, "a");
+
+    EXPECT_EQ(name_of(qor_que_deque(que)), "a");
+
+    EXPECT_EQ(qor_que_count(que), 1);
+}
+
+TEST(Que, BlockingTakeWithoutWaitLeavesTheCount)
+{
+    Que que;
+    fill(que, "a");
+
+    EXPECT_EQ(name_of(qor_que_deque_block(que, 0)), "a");
+
+    EXPECT_EQ(qor_que_count(que), 1);
+}
+
+TEST(Que, BlockingTakeLowersTheCount)
+{
+    Que que;
+    fill(que, "abc");
+
+    name_of(qor_que_deque_block(que, -1));
+    EXPECT_EQ(qor_que_count(que), 2);
+    name_of(qor_que_deque_block(que, 1));
+    EXPECT_EQ(qor_que_count(que), 1);
+    EXPECT_EQ(drain(que), "c");
+    EXPECT_EQ(qor_que_count(que), 0);
+}
+
+TEST(Que, NonBlockingTakesFillABoundedQueueUp)
+{
+    Que que(2);
+    fill(que, "a");
+    name_of(qor_que_deque(que));
+    fill(que, "b");
+    name_of(qor_que_deque(que));
+    qor_que_node_t *node = new_node('c');
+
+    EXPECT_EQ(qor_que_enque(que, node), -1);
+
+    EXPECT_TRUE(list_empty(&que->head));
+    EXPECT_EQ(qor_que_count(que), 2);
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(Que, AFullQueueRefusesAtOnceAndSilently)
+{
+    Que que(2);
+    fill(que, "ab");
+    qor_que_node_t *node = new_node('c');
+    Output out;
+
+    EXPECT_EQ(qor_que_enque(que, node), -1);
+    EXPECT_EQ(qor_que_enque_block(que, node, 0), -1);
+    qor_que_lock(que);
+    EXPECT_EQ(qor_que_enque_block_locked(que, node, 0), -1);
+    qor_que_unlock(que);
+
+    EXPECT_EQ(qor_que_count(que), 2);
+    EXPECT_TRUE(unlinked(node));
+    EXPECT_EQ(out.printed(), "");
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(Que, CapacityZeroAcceptsNothing)
+{
+    Que que(0);
+    qor_que_node_t *node = new_node('a');
+
+    EXPECT_EQ(qor_que_enque(que, node), -1);
+
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(Que, AWaitForANodeEndsOnTime)
+{
+    Que que;
+    const int64_t start = util_timestamp();
+
+    EXPECT_EQ(qor_que_deque_block(que, 50), nullptr);
+
+    const int64_t passed = util_timestamp() - start;
+    EXPECT_GE(passed, 50);
+    EXPECT_LT(passed, 5000);
+}
+
+TEST(Que, AWaitForRoomEndsOnTime)
+{
+    Que que(1);
+    fill(que, "a");
+    qor_que_node_t *node = new_node('b');
+    const int64_t start = util_timestamp();
+
+    EXPECT_EQ(qor_que_enque_block(que, node, 50), -1);
+
+    const int64_t passed = util_timestamp() - start;
+    EXPECT_GE(passed, 50);
+    EXPECT_LT(passed, 5000);
+    EXPECT_TRUE(unlinked(node));
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(Que, ABlockedTakerGetsTheNodeThatComes)
+{
+    Que que;
+    std::string name;
+    std::thread taker([&] { name = name_of(qor_que_deque_block(que, -1)); });
+
+    fill(que, "a");
+
+    taker.join();
+    EXPECT_EQ(name, "a");
+}
+
+TEST(Que, ATakerWithALimitGetsTheNodeThatComes)
+{
+    Que que;
+    std::string name;
+    std::thread taker([&] { name = name_of(qor_que_deque_block(que, 60000)); });
+
+    fill(que, "a");
+
+    taker.join();
+    EXPECT_EQ(name, "a");
+}
+
+TEST(Que, ABlockedGiverGetsTheRoomOfABlockingTake)
+{
+    Que que(1);
+    fill(que, "a");
+    std::thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, new_node('b'), -1), 0); });
+
+    EXPECT_EQ(name_of(qor_que_deque_block(que, -1)), "a");
+    EXPECT_EQ(name_of(qor_que_deque_block(que, -1)), "b");
+
+    giver.join();
+}
+
+TEST(Que, ABlockedGiverGetsTheRoomOfARemove)
+{
+    Que que(1);
+    fill(que, "a");
+    std::thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, new_node('b'), 60000), 0); });
+
+    EXPECT_EQ(name_of(qor_que_remove(que, 'a')), "a");
+
+    giver.join();
+    EXPECT_EQ(drain(que), "b");
+}
+
+TEST(Que, RemoveTakesTheFirstNodeWithTheId)
+{
+    Que que;
+    fill(que, "xay");
+    qor_que_node_t *second = new_node('a');
+    qor_que_enque(que, second);
+
+    qor_que_node_t *removed = qor_que_remove(que, 'a');
+
+    EXPECT_NE(removed, second);
+    EXPECT_EQ(name_of(removed), "a");
+    EXPECT_EQ(qor_que_count(que), 3);
+    EXPECT_EQ(drain(que), "xya");
+}
+
+TEST(Que, FailedRemoveReturnsTheQueuesOwnAddress)
+{
+    Que que;
+    Output out;
+    EXPECT_EQ(static_cast<void *>(qor_que_remove(que, 1)), static_cast<void *>(que));
+    fill(que, "a");
+
+    EXPECT_EQ(static_cast<void *>(qor_que_remove(que, 'b')), static_cast<void *>(que));
+
+    EXPECT_EQ(qor_que_count(que), 1);
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST(Que, QuitRecyclesEachNodeInOrder)
+{
+    recycled.clear();
+    Que que(UINT32_MAX, note_recycled);
+    fill(que, "abc");
+
+    qor_que_quit(que);
+
+    EXPECT_EQ(recycled, "abc");
+    EXPECT_EQ(qor_que_count(que), 0);
+    EXPECT_EQ(que->quitting, 1);
+    EXPECT_TRUE(list_empty(&que->head));
+}
+
+TEST(Que, QuitResetsACountThatDrifted)
+{
+    Que que;
+    fill(que, "ab");
+    name_of(qor_que_deque(que));
+
+    qor_que_quit(que);
+
+    EXPECT_EQ(qor_que_count(que), 0);
+}
+
+TEST(Que, QuitWithoutRecycleFreesTheNodes)
+{
+    Que que;
+    fill(que, "abc");
+
+    qor_que_quit(que);
+
+    EXPECT_TRUE(list_empty(&que->head));
+}
+
+TEST(Que, AQuittingQueueRefusesSilently)
+{
+    Que que;
+    qor_que_quit(que);
+    qor_que_node_t *node = new_node('a');
+    Output out;
+
+    EXPECT_EQ(qor_que_enque(que, node), -1);
+    EXPECT_EQ(qor_que_enque_block(que, node, -1), -1);
+    EXPECT_EQ(qor_que_deque(que), nullptr);
+    EXPECT_EQ(qor_que_deque_block(que, -1), nullptr);
+    EXPECT_EQ(static_cast<void *>(qor_que_remove(que, 'a')), static_cast<void *>(que));
+
+    EXPECT_EQ(out.printed(), "");
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(Que, ASecondQuitDoesNothing)
+{
+    recycled.clear();
+    Que que(UINT32_MAX, note_recycled);
+    fill(que, "a");
+    qor_que_quit(que);
+    Output out;
+
+    qor_que_quit(que);
+
+    EXPECT_EQ(recycled, "a");
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST(Que, QuittingHandsOutNothing)
+{
+    recycled.clear();
+    Que que(UINT32_MAX, [](void *body) {
+        note_recycled(body);
+        EXPECT_EQ(qor_que_deque(quitting_que), nullptr);
+        EXPECT_EQ(qor_que_deque_block(quitting_que, -1), nullptr);
+    });
+    quitting_que = que;
+    fill(que, "abc");
+
+    qor_que_quit(que);
+
+    EXPECT_EQ(recycled, "abc");
+}
+
+TEST(Que, ARemoveDuringQuitTakesANodeThatIsLeft)
+{
+    recycled.clear();
+    Que que(UINT32_MAX, [](void *body) {
+        note_recycled(body);
+        if (*static_cast<char *>(body) == 'a') {
+            EXPECT_EQ(name_of(qor_que_remove(quitting_que, 'b')), "b");
+        }
+    });
+    quitting_que = que;
+    fill(que, "abc");
+
+    qor_que_quit(que);
+
+    EXPECT_EQ(recycled, "ac");
+    EXPECT_EQ(qor_que_count(que), 0);
+}
+
+TEST(Que, DestroyRecyclesWhatIsLeft)
+{
+    recycled.clear();
+    {
+        Que que(UINT32_MAX, note_recycled);
+        fill(que, "ab");
+    }
+    EXPECT_EQ(recycled, "ab");
+}
+
+TEST(Que, QuitReleasesABlockedTaker)
+{
+    Que que;
+    qor_que_node_t *node = new_node('a');
+    qor_que_node_t *taken = node;
+    std::thread taker([&] { taken = qor_que_deque_block(que, -1); });
+
+    qor_que_quit(que);
+
+    taker.join();
+    EXPECT_EQ(taken, nullptr);
+    qor_que_node_destroy(node, nullptr);
+}
+
+TEST(Que, QuitReleasesABlockedGiver)
+{
+    recycled.clear();
+    Que que(1, note_recycled);
+    fill(que, "a");
+    qor_que_node_t *node = new_node('b');
+    std::thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, node, -1), -1); });
+
+    qor_que_quit(que);
+
+    giver.join();
+    EXPECT_EQ(recycled, "a");
+    qor_que_node_destroy(node, note_recycled);
+}
+
+TEST(Que, WaitLockedEndsAfterAChange)
+{
+    Que que;
+    std::thread waiter([&] {
+        qor_que_lock(que);
+        while (qor_que_count(que) == 0) {
+            qor_que_wait_locked(que);
+        }
+        qor_que_unlock(que);
+    });
+
+    fill(que, "a");
+
+    waiter.join();
+}
+
+TEST(Que, WakeupLockedEndsAWaitLocked)
+{
+    Que que;
+    bool ready = false; /* guarded by the queue's lock */
+    std::thread waiter([&] {
+        qor_que_lock(que);
+        while (!ready) {
+            qor_que_wait_locked(que);
+        }
+        qor_que_unlock(que);
+    });
+
+    qor_que_lock(que);
+    ready = true;
+    qor_que_wakeup_locked(que);
+    qor_que_unlock(que);
+
+    waiter.join();
+}
+
+TEST(Que, StepsCombineUnderOneLock)
+{
+    Que que;
+
+    qor_que_lock(que);
+    EXPECT_EQ(qor_que_enque_locked(que, new_node('a')), 0);
+    EXPECT_EQ(qor_que_enque_block_locked(que, new_node('b'), -1), 0);
+    EXPECT_EQ(name_of(qor_que_remove_locked(que, 'b')), "b");
+    EXPECT_EQ(qor_que_count(que), 1);
+    EXPECT_EQ(name_of(qor_que_deque_locked(que)), "a");
+    qor_que_unlock(que);
+}
+
+TEST(Que, ManyGiversAndTakersPassEachNodeOnce)
+{
+    constexpr int givers = 3, takers = 3, each = 2000;
+    Que que(4);
+    std::atomic<int> taken{0};
+    std::atomic<int64_t> sum{0};
+    std::vector<std::thread> threads;
+    for (int g = 0; g < givers; g++) {
+        threads.emplace_back([&, g] {
+            for (int i = 0; i < each; i++) {
+                const auto id = static_cast<size_t>(g * each + i);
+                ASSERT_EQ(qor_que_enque_block(que, qor_que_node_create(id, 0), -1), 0);
+            }
+        });
+    }
+    for (int t = 0; t < takers; t++) {
+        threads.emplace_back([&, t] {
+            /* One of them with a limit: its way out must not swallow a wake. */
+            while (taken < givers * each) {
+                qor_que_node_t *node = qor_que_deque_block(que, t == 0 ? 1 : -1);
+                if (!node) {
+                    continue;
+                }
+                sum += static_cast<int64_t>(qor_que_node_id(node));
+                qor_que_node_destroy(node, nullptr);
+                if (++taken == givers * each) {
+                    qor_que_quit(que);
+                }
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(taken, givers * each);
+    constexpr int64_t all = givers * each;
+    EXPECT_EQ(sum, all * (all - 1) / 2);
+}
+
+TEST(Que, QuitIsSafeWhileOthersGiveTakeAndRemove)
+{
+    static std::atomic<int> recycles;
+    recycles = 0;
+    std::atomic<int> accepted{0}, handed_out{0};
+    Que que(8, [](void *) { recycles++; });
+    std::vector<std::thread> threads;
+    for (int g = 0; g < 2; g++) {
+        threads.emplace_back([&] {
+            for (;;) {
+                qor_que_node_t *node = qor_que_node_create(1, 4);
+                if (qor_que_enque_block(que, node, -1) != 0) {
+                    qor_que_node_destroy(node, nullptr);
+                    return;
+                }
+                accepted++;
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        while (qor_que_node_t *node = qor_que_deque_block(que, -1)) {
+            handed_out++;
+            qor_que_node_destroy(node, nullptr);
+        }
+    });
+    threads.emplace_back([&] {
+        while (__atomic_load_n(&que->quitting, __ATOMIC_ACQUIRE) == 0) {
+            qor_que_node_t *node = qor_que_remove(que, 1);
+            if (static_cast<void *>(node) != static_cast<void *>(que)) {
+                handed_out++;
+                qor_que_node_destroy(node, nullptr);
+            }
+        }
+    });
+    ASSERT_TRUE(await([&] { return handed_out > 500; }));
+
+    qor_que_quit(que);
+
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(accepted, handed_out + recycles);
+}
+
+/* What is called with NULL, and which functions say so. */
+struct NullCase {
+    const char *name;
+    std::function<void()> call;
+    std::vector<std::string> functions;
+};
+
+class QueNull : public testing::TestWithParam<NullCase> {};
+
+TEST_P(QueNull, EachStepReportsIt)
+{
+    Output out;
+
+    GetParam().call();
+
+    std::string expected;
+    for (const std::string &function : GetParam().functions) {
+        expected += line(function, null_queue);
+    }
+    EXPECT_EQ(out.printed(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, QueNull,
+    testing::Values(
+        NullCase{"destroy", [] { qor_que_destroy(nullptr); }, {"qor_que_destroy"}},
+        NullCase{"lock", [] { qor_que_lock(nullptr); }, {"qor_que_lock"}},
+        NullCase{"unlock", [] { qor_que_unlock(nullptr); }, {"qor_que_unlock"}},
+        NullCase{"wait_locked", [] { qor_que_wait_locked(nullptr); }, {"qor_que_wait_locked"}},
+        NullCase{
+            "wakeup_locked", [] { qor_que_wakeup_locked(nullptr); }, {"qor_que_wakeup_locked"}},
+        NullCase{"enque_locked",
+                 [] { EXPECT_EQ(qor_que_enque_locked(nullptr, nullptr), -1); },
+                 {"qor_que_enque_locked"}},
+        NullCase{"enque",
+                 [] { EXPECT_EQ(qor_que_enque(nullptr, nullptr), -1); },
+                 {"qor_que_lock", "qor_que_enque_locked", "qor_que_unlock"}},
+        NullCase{"deque_locked",
+                 [] { EXPECT_EQ(qor_que_deque_locked(nullptr), nullptr); },
+                 {"qor_que_deque_locked"}},
+        NullCase{"deque",
+                 [] { EXPECT_EQ(qor_que_deque(nullptr), nullptr); },
+                 {"qor_que_lock", "qor_que_deque_locked", "qor_que_unlock"}},
+        NullCase{"enque_block_locked",
+                 [] { EXPECT_EQ(qor_que_enque_block_locked(nullptr, nullptr, 0), -1); },
+                 {"qor_que_enque_block_locked"}},
+        NullCase{"enque_block",
+                 [] { EXPECT_EQ(qor_que_enque_block(nullptr, nullptr, -1), -1); },
+                 {"qor_que_lock", "qor_que_enque_block_locked", "qor_que_unlock"}},
+        NullCase{"enque_block_without_wait",
+                 [] { EXPECT_EQ(qor_que_enque_block(nullptr, nullptr, 0), -1); },
+                 {"qor_que_lock", "qor_que_enque_locked", "qor_que_unlock"}},
+        NullCase{"deque_block_locked",
+                 [] { EXPECT_EQ(qor_que_deque_block_locked(nullptr, 0), nullptr); },
+                 {"qor_que_deque_block_locked"}},
+        NullCase{"deque_block",
+                 [] { EXPECT_EQ(qor_que_deque_block(nullptr, -1), nullptr); },
+                 {"qor_que_lock", "qor_que_deque_block_locked", "qor_que_unlock"}},
+        NullCase{"deque_block_without_wait",
+                 [] { EXPECT_EQ(qor_que_deque_block(nullptr, 0), nullptr); },
+                 {"qor_que_lock", "qor_que_deque_locked", "qor_que_unlock"}},
+        NullCase{"remove_locked",
+                 [] { EXPECT_EQ(qor_que_remove_locked(nullptr, 1), nullptr); },
+                 {"qor_que_remove_locked"}},
+        NullCase{"remove",
+                 [] { EXPECT_EQ(qor_que_remove(nullptr, 1), nullptr); },
+                 {"qor_que_lock", "qor_que_remove_locked", "qor_que_unlock"}},
+        NullCase{"count", [] { EXPECT_EQ(qor_que_count(nullptr), -1); }, {"qor_que_count"}},
+        NullCase{"quit", [] { qor_que_quit(nullptr); }, {"qor_que_quit"}}),
+    case_name<NullCase>);
+
+TEST(Que, ANullNodeIsReportedByEveryAppend)
+{
+    Que que;
+    Output out;
+
+    EXPECT_EQ(qor_que_enque(que, nullptr), -1);
+    EXPECT_EQ(qor_que_enque_block(que, nullptr, 0), -1);
+    EXPECT_EQ(qor_que_enque_block(que, nullptr, -1), -1);
+
+    EXPECT_EQ(out.printed(), line("qor_que_enque_locked", "!(new_node) == true.") +
+                                 line("qor_que_enque_locked", "!(new_node) == true.") +
+                                 line("qor_que_enque_block_locked", "!(new_node) == true."));
+    EXPECT_EQ(qor_que_count(que), 0);
+}
+
+TEST(Que, ANullNodeIsReportedBeforeAFullQueue)
+{
+    Que que(0);
+    Output out;
+
+    EXPECT_EQ(qor_que_enque(que, nullptr), -1);
+
+    EXPECT_EQ(out.printed(), line("qor_que_enque_locked", "!(new_node) == true."));
+}
+
+TEST(Que, DestroyingANullNodeIsReported)
+{
+    recycled.clear();
+    Output out;
+
+    qor_que_node_destroy(nullptr, note_recycled);
+
+    EXPECT_EQ(out.printed(), line("qor_que_node_destroy", "!(node) == true."));
+    EXPECT_EQ(recycled, "");
+}
