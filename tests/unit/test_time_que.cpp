@@ -1,0 +1,834 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "qor_time_que.h"
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <list>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "await.hpp"
+#include "case_name.hpp"
+#include "output.hpp"
+#include "que_holder.hpp"
+
+namespace {
+
+const std::string null_queue = "!(_this) == true.";
+const std::string quits = "!(!_this->quitting) == true.";
+
+/* Far enough that no test gets there. */
+constexpr int32_t far_off = 3600 * 1000;
+
+std::string line(const std::string &function, const std::string &text)
+{
+    return err_line("qor_time_que", function, text);
+}
+
+qor_time_que_node_t *node_due_at(char name, int64_t when)
+{
+    qor_time_que_node_t *node = new_time_node(name, 0);
+    node->when = when;
+    return node;
+}
+
+void arm(qor_time_que_t *que, char name, int32_t delay)
+{
+    ASSERT_EQ(qor_time_que_enque(que, new_time_node(name, delay)), 0);
+}
+
+void arm_at(qor_time_que_t *que, const std::string &names, int64_t when)
+{
+    for (char name : names) {
+        ASSERT_EQ(qor_time_que_enque(que, node_due_at(name, when)), 0);
+    }
+}
+
+/* The ids in the order of the list. */
+std::string order(qor_time_que_t *que)
+{
+    std::string names;
+    for (list_head *link = que->head.next; link != &que->head; link = link->next) {
+        names += static_cast<char>(reinterpret_cast<qor_time_que_node_t *>(link)->id);
+    }
+    return names;
+}
+
+/* Takes all that is due. */
+std::string drain(qor_time_que_t *que)
+{
+    std::string names;
+    while (qor_time_que_node_t *node = qor_time_que_deque(que)) {
+        names += name_of(node);
+    }
+    return names;
+}
+
+bool unlinked(const qor_time_que_node_t *node)
+{
+    return node->node.next == nullptr && node->node.prev == nullptr;
+}
+
+qor_time_que_t *quitting_que = nullptr; /* for recycle functions that look at their queue */
+
+} // namespace
+
+TEST(TimeQue, CreationFillsTheRecord)
+{
+    TimeQue que(7, note_recycled);
+
+    EXPECT_TRUE(list_empty(&que->head));
+    EXPECT_EQ(que->quitting, 0);
+    EXPECT_EQ(que->max_count, 7u);
+    EXPECT_EQ(que->count, 0);
+    EXPECT_EQ(que->recycle, note_recycled);
+}
+
+TEST(TimeQue, ANodesBodyIsZeroAndFollowsItsHeader)
+{
+    const int64_t before = util_timestamp();
+    qor_time_que_node_t *node = qor_time_que_node_create(9, 250, 64);
+    const int64_t after = util_timestamp();
+    char *body = static_cast<char *>(qor_time_que_node_body(node));
+
+    EXPECT_EQ(std::count(body, body + 64, 0), 64);
+    EXPECT_EQ(body, reinterpret_cast<char *>(node) + offsetof(qor_time_que_node_t, body));
+    EXPECT_EQ(qor_time_que_node_type(body), node);
+    EXPECT_EQ(qor_time_que_node_id(node), 9u);
+    EXPECT_GE(node->when, before + 250);
+    EXPECT_LE(node->when, after + 250);
+    EXPECT_TRUE(unlinked(node));
+    qor_time_que_node_destroy(node, nullptr);
+}
+
+TEST(TimeQue, ANodeOfNegativeSizeIsRefused)
+{
+    Output out;
+
+    EXPECT_EQ(qor_time_que_node_create(1, 0, -1), nullptr);
+
+    EXPECT_EQ(out.printed(),
+              line("qor_time_que_node_create", "malloc \"qor_time_que_node_t\" failed."));
+}
+
+TEST(TimeQue, UpdateGivesANewIdAndDueTime)
+{
+    qor_time_que_node_t *node = new_time_node('a', 0);
+    const int64_t before = util_timestamp();
+
+    qor_time_que_node_update(node, 'b', 1000);
+
+    EXPECT_GE(node->when, before + 1000);
+    EXPECT_LE(node->when, util_timestamp() + 1000);
+    EXPECT_EQ(name_of(node), "b");
+}
+
+TEST(TimeQue, UpdateDoesNotMoveAQueuedNode)
+{
+    TimeQue que;
+    qor_time_que_node_t *node = new_time_node('a', 1000);
+    qor_time_que_enque(que, node);
+    arm(que, 'b', 2000);
+
+    qor_time_que_node_update(node, 'a', far_off);
+
+    EXPECT_EQ(order(que), "ab");
+}
+
+TEST(TimeQue, NodeDestroyRecyclesTheBody)
+{
+    recycled.clear();
+
+    qor_time_que_node_destroy(new_time_node('a', 0), note_recycled);
+    qor_time_que_node_destroy(new_time_node('b', 0), nullptr);
+
+    EXPECT_EQ(recycled, "a");
+}
+
+TEST(TimeQue, NodesStandInTheOrderOfTheirDueTimes)
+{
+    TimeQue que;
+    for (char name : std::string("dbeac")) {
+        arm(que, name, (name - 'a') * 1000);
+    }
+
+    EXPECT_EQ(order(que), "abcde");
+    EXPECT_EQ(que->count, 5);
+}
+
+TEST(TimeQue, EqualDueTimesComeOutFirstThenNewestFirst)
+{
+    TimeQue que;
+
+    arm_at(que, "XYZ", util_timestamp());
+
+    EXPECT_EQ(drain(que), "XZY");
+}
+
+TEST(TimeQue, EqualDueTimesKeepTheirRuleAmongOthers)
+{
+    TimeQue que;
+    const int64_t now = util_timestamp();
+    arm_at(que, "a", now + 1000);
+    arm_at(que, "cd", now + 3000);
+    arm_at(que, "1234", now + 2000);
+
+    EXPECT_EQ(order(que), "a1432cd");
+}
+
+/* The plain rule: before the first later node, or behind the first equal one. */
+TEST(TimeQue, AnyArrivalOrderGivesTheOrderOfTheRule)
+{
+    struct Entry {
+        int64_t when;
+        size_t id;
+    };
+    std::mt19937 random(4711);
+    for (int round = 0; round < 50; round++) {
+        TimeQue que;
+        std::list<Entry> model;
+        const int64_t base = util_timestamp() + far_off;
+        for (size_t id = 0; id < 120; id++) {
+            const int64_t when = base + static_cast<int64_t>(random() % (round + 1u));
+            auto at = std::find_if(model.begin(), model.end(),
+                                   [&](const Entry &e) { return e.when >= when; });
+            model.insert(at != model.end() && at->when == when ? std::next(at) : at, {when, id});
+            qor_time_que_node_t *node = qor_time_que_node_create(id, 0, 0);
+            node->when = when;
+            ASSERT_EQ(qor_time_que_enque(que, node), 0);
+        }
+        list_head *link = que->head.next;
+        for (const Entry &entry : model) {
+            ASSERT_EQ(reinterpret_cast<qor_time_que_node_t *>(link)->id, entry.id);
+            link = link->next;
+        }
+        EXPECT_EQ(link, &que->head);
+    }
+}
+
+/* A walk from the front would take billions of steps. */
+TEST(TimeQue, ArmingInDueOrderDoesNotWalkTheQueue)
+{
+    TimeQue que;
+    const int64_t start = util_timestamp();
+
+    for (int i = 0; i < 100000; i++) {
+        qor_time_que_node_t *node = qor_time_que_node_create(1, 0, 0);
+        node->when = start + far_off + i;
+        ASSERT_EQ(qor_time_que_enque(que, node), 0);
+    }
+
+    EXPECT_LT(util_timestamp() - start, 5000);
+}
+
+TEST(TimeQue, AnOverdueNodeIsHandedOutAtOnce)
+{
+    TimeQue que;
+    arm(que, 'a', -20);
+
+    EXPECT_EQ(name_of(qor_time_que_deque(que)), "a");
+}
+
+TEST(TimeQue, ANodeThatIsNotDueStays)
+{
+    TimeQue que;
+    arm(que, 'a', far_off);
+
+    EXPECT_EQ(qor_time_que_deque(que), nullptr);
+    EXPECT_EQ(qor_time_que_deque_block(que, 0), nullptr);
+
+    EXPECT_EQ(que->count, 1);
+}
+
+TEST(TimeQue, AnEmptyQueueGivesNothing)
+{
+    TimeQue que;
+    Output out;
+
+    EXPECT_EQ(qor_time_que_deque(que), nullptr);
+    EXPECT_EQ(qor_time_que_deque_block(que, 0), nullptr);
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST(TimeQue, EveryTakeLowersTheCountAndClearsTheLinks)
+{
+    TimeQue que;
+    arm(que, 'a', -3);
+    arm(que, 'b', -2);
+    arm(que, 'c', -1);
+    qor_time_que_node_t *taken[] = {qor_time_que_deque(que), qor_time_que_deque_block(que, -1),
+                                    qor_time_que_remove(que, 'c')};
+
+    EXPECT_EQ(que->count, 0);
+    for (qor_time_que_node_t *node : taken) {
+        EXPECT_TRUE(unlinked(node));
+        qor_time_que_node_destroy(node, nullptr);
+    }
+}
+
+TEST(TimeQue, ABlockingTakeReturnsTheNodeWhenItIsDue)
+{
+    TimeQue que;
+    qor_time_que_node_t *node = new_time_node('a', 50);
+    qor_time_que_enque(que, node);
+
+    EXPECT_EQ(qor_time_que_deque_block(que, 60000), node);
+
+    const int64_t late = util_timestamp() - node->when;
+    EXPECT_GE(late, 0);
+    EXPECT_LT(late, 5000);
+    qor_time_que_node_destroy(node, nullptr);
+}
+
+TEST(TimeQue, ABlockingTakeEndsOnTimeBeforeTheNodeIsDue)
+{
+    TimeQue que;
+    arm(que, 'a', far_off);
+    const int64_t start = util_timestamp();
+
+    EXPECT_EQ(qor_time_que_deque_block(que, 20), nullptr);
+
+    const int64_t passed = util_timestamp() - start;
+    EXPECT_GE(passed, 20);
+    EXPECT_LT(passed, 5000);
+    EXPECT_EQ(que->count, 1);
+}
+
+TEST(TimeQue, ABlockingTakeFromAnEmptyQueueEndsOnTime)
+{
+    TimeQue que;
+    const int64_t start = util_timestamp();
+
+    EXPECT_EQ(qor_time_que_deque_block(que, 20), nullptr);
+
+    EXPECT_GE(util_timestamp() - start, 20);
+}
+
+TEST(TimeQue, ATimedTakeSleepsRatherThanPolls)
+{
+    TimeQue que;
+    struct timespec before, after;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+
+    EXPECT_EQ(qor_time_que_deque_block(que, 200), nullptr);
+
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+    const int64_t used =
+        (after.tv_sec - before.tv_sec) * 1000000000LL + after.tv_nsec - before.tv_nsec;
+    EXPECT_LT(used, 50 * 1000000LL);
+}
+
+TEST(TimeQue, ABlockedTakerGetsTheNodeThatComes)
+{
+    TimeQue que;
+    std::string name;
+    std::thread taker([&] { name = name_of(qor_time_que_deque_block(que, -1)); });
+
+    arm(que, 'a', 20);
+
+    taker.join();
+    EXPECT_EQ(name, "a");
+}
+
+TEST(TimeQue, AnEarlierNodeOvertakesTheOneThatIsSleptFor)
+{
+    TimeQue que;
+    arm(que, 'b', far_off);
+    std::string name;
+    std::thread taker([&] { name = name_of(qor_time_que_deque_block(que, -1)); });
+
+    arm(que, 'a', 20);
+
+    taker.join();
+    EXPECT_EQ(name, "a");
+}
+
+TEST(TimeQue, AFullQueueRefusesAtOnceAndSilently)
+{
+    TimeQue que(2);
+    arm(que, 'a', 0);
+    arm(que, 'b', 0);
+    qor_time_que_node_t *node = new_time_node('c', 0);
+    Output out;
+
+    EXPECT_EQ(qor_time_que_enque(que, node), -1);
+    EXPECT_EQ(qor_time_que_enque_block(que, node, 0), -1);
+
+    EXPECT_EQ(que->count, 2);
+    EXPECT_TRUE(unlinked(node));
+    EXPECT_EQ(out.printed(), "");
+    qor_time_que_node_destroy(node, nullptr);
+}
+
+TEST(TimeQue, CapacityZeroAcceptsNothing)
+{
+    TimeQue que(0);
+    qor_time_que_node_t *node = new_time_node('a', 0);
+
+    EXPECT_EQ(qor_time_que_enque(que, node), -1);
+
+    qor_time_que_node_destroy(node, nullptr);
+}
+
+TEST(TimeQue, AWaitForRoomEndsOnTime)
+{
+    TimeQue que(0);
+    qor_time_que_node_t *node = new_time_node('a', 0);
+    const int64_t start = util_timestamp();
+
+    EXPECT_EQ(qor_time_que_enque_block(que, node, 30), -1);
+
+    EXPECT_GE(util_timestamp() - start, 30);
+    qor_time_que_node_destroy(node, nullptr);
+}
+
+TEST(TimeQue, ABlockedGiverGetsTheRoomOfATake)
+{
+    TimeQue que(1);
+    arm(que, 'a', 0);
+    std::thread giver(
+        [&] { EXPECT_EQ(qor_time_que_enque_block(que, new_time_node('b', 0), 60000), 0); });
+
+    EXPECT_EQ(name_of(qor_time_que_deque(que)), "a");
+
+    giver.join();
+    EXPECT_EQ(name_of(qor_time_que_deque(que)), "b");
+}
+
+TEST(TimeQue, ABlockedGiverGetsTheRoomOfARemove)
+{
+    TimeQue que(1);
+    arm(que, 'a', far_off);
+    std::thread giver(
+        [&] { EXPECT_EQ(qor_time_que_enque_block(que, new_time_node('b', 0), -1), 0); });
+
+    EXPECT_EQ(name_of(qor_time_que_remove(que, 'a')), "a");
+
+    giver.join();
+}
+
+TEST(TimeQue, RemoveTakesTheEarliestNodeWithTheId)
+{
+    TimeQue que;
+    qor_time_que_node_t *late = new_time_node('a', 2000);
+    qor_time_que_enque(que, late);
+    arm(que, 'b', 1500);
+    arm(que, 'a', 1000);
+
+    qor_time_que_node_t *removed = qor_time_que_remove(que, 'a');
+
+    EXPECT_NE(removed, late);
+    EXPECT_EQ(name_of(removed), "a");
+    EXPECT_EQ(order(que), "ba");
+    EXPECT_EQ(que->count, 2);
+}
+
+TEST(TimeQue, RemoveOfAnUnknownIdIsSilentlyNull)
+{
+    TimeQue que;
+    arm(que, 'a', 0);
+    Output out;
+
+    EXPECT_EQ(qor_time_que_remove(que, 'b'), nullptr);
+
+    EXPECT_EQ(out.printed(), "");
+    EXPECT_EQ(que->count, 1);
+}
+
+TEST(TimeQue, EarlyNeverChangesADueTime)
+{
+    TimeQue que;
+    qor_time_que_node_t *node = new_time_node('b', far_off);
+    const int64_t when = node->when;
+    arm(que, 'a', 1000);
+    qor_time_que_enque(que, node);
+
+    EXPECT_EQ(qor_time_que_early(que, 'b', 0), 0);
+
+    EXPECT_EQ(node->when, when);
+    EXPECT_EQ(order(que), "ab");
+    EXPECT_EQ(que->count, 2);
+}
+
+TEST(TimeQue, EarlyReordersAmongEqualDueTimes)
+{
+    TimeQue que;
+    arm_at(que, "XYZ", util_timestamp() + far_off);
+    ASSERT_EQ(order(que), "XZY");
+
+    EXPECT_EQ(qor_time_que_early(que, 'Y', 0), 0);
+    EXPECT_EQ(order(que), "XYZ");
+    EXPECT_EQ(qor_time_que_early(que, 'X', 0), 0);
+    EXPECT_EQ(order(que), "YXZ");
+}
+
+TEST(TimeQue, EarlySkipsNodesThatAreDueSoonEnough)
+{
+    TimeQue que;
+    const int64_t late = util_timestamp() + far_off;
+    arm(que, 'a', 1000);
+    arm_at(que, "xya", late);
+    ASSERT_EQ(order(que), "axay");
+
+    EXPECT_EQ(qor_time_que_early(que, 'a', 60000), 0);
+
+    EXPECT_EQ(order(que), "axay"); /* taken out behind x and put there again */
+    EXPECT_EQ(que->count, 4);
+}
+
+TEST(TimeQue, EarlyWithNothingDueLaterLeavesTheQueueAlone)
+{
+    TimeQue que;
+    arm_at(que, "XYZ", util_timestamp() + 1000);
+
+    EXPECT_EQ(qor_time_que_early(que, 'Y', far_off), 0);
+
+    EXPECT_EQ(order(que), "XZY");
+    EXPECT_EQ(que->count, 3);
+}
+
+TEST(TimeQue, EarlyWithoutTheIdFailsSilently)
+{
+    TimeQue que;
+    Output out;
+    EXPECT_EQ(qor_time_que_early(que, 'a', 0), -1);
+    arm(que, 'b', far_off);
+
+    EXPECT_EQ(qor_time_que_early(que, 'a', 0), -1);
+
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST(TimeQue, NextDelayCountsDownToTheEarliestNode)
+{
+    TimeQue que;
+    arm(que, 'b', far_off);
+    arm(que, 'a', 60000);
+    int32_t delay = 0;
+
+    EXPECT_EQ(qor_time_que_next_delay(que, &delay), 0);
+
+    EXPECT_LE(delay, 60000);
+    EXPECT_GT(delay, 30000);
+}
+
+TEST(TimeQue, NextDelayOfAnOverdueNodeIsNegative)
+{
+    TimeQue que;
+    arm(que, 'a', -20);
+    int32_t delay = 0;
+
+    EXPECT_EQ(qor_time_que_next_delay(que, &delay), 0);
+
+    EXPECT_LE(delay, -20);
+    EXPECT_GT(delay, -5000);
+}
+
+TEST(TimeQue, NextDelayOfAnEmptyQueueFailsSilently)
+{
+    TimeQue que;
+    Output out;
+    int32_t delay = 4711;
+
+    EXPECT_EQ(qor_time_que_next_delay(que, &delay), -1);
+
+    EXPECT_EQ(delay, 4711);
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST(TimeQue, NextDelayReportsANullResult)
+{
+    TimeQue que;
+    Output out;
+
+    EXPECT_EQ(qor_time_que_next_delay(que, nullptr), -1);
+
+    EXPECT_EQ(out.printed(), line("qor_time_que_next_delay_locked", "!(delay) == true."));
+}
+
+TEST(TimeQue, QuitRecyclesEachNodeOnceEarliestFirst)
+{
+    recycled.clear();
+    TimeQue que(UINT32_MAX, note_recycled);
+    arm(que, 'b', far_off);
+    arm(que, 'c', far_off + 1000);
+    arm(que, 'a', -5);
+
+    qor_time_que_quit(que);
+
+    EXPECT_EQ(recycled, "abc");
+    EXPECT_EQ(que->quitting, 1);
+    EXPECT_EQ(que->count, 0);
+    EXPECT_TRUE(list_empty(&que->head));
+}
+
+TEST(TimeQue, QuitWithoutRecycleFreesTheNodes)
+{
+    TimeQue que;
+    arm(que, 'a', 0);
+
+    qor_time_que_quit(que);
+
+    EXPECT_TRUE(list_empty(&que->head));
+}
+
+TEST(TimeQue, ASecondQuitDoesNothing)
+{
+    recycled.clear();
+    TimeQue que(UINT32_MAX, note_recycled);
+    arm(que, 'a', 0);
+    qor_time_que_quit(que);
+    Output out;
+
+    qor_time_que_quit(que);
+
+    EXPECT_EQ(recycled, "a");
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST(TimeQue, DestroyRecyclesWhatIsLeft)
+{
+    recycled.clear();
+    {
+        TimeQue que(UINT32_MAX, note_recycled);
+        arm(que, 'a', 0);
+    }
+    EXPECT_EQ(recycled, "a");
+}
+
+TEST(TimeQue, AQuittingQueueRefusesSilently)
+{
+    TimeQue que;
+    qor_time_que_quit(que);
+    qor_time_que_node_t *node = new_time_node('a', 0);
+    Output out;
+
+    EXPECT_EQ(qor_time_que_enque(que, node), -1);
+    EXPECT_EQ(qor_time_que_enque_block(que, node, -1), -1);
+    EXPECT_EQ(qor_time_que_deque(que), nullptr);
+    EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr);
+
+    EXPECT_EQ(out.printed(), "");
+    qor_time_que_node_destroy(node, nullptr);
+}
+
+TEST(TimeQue, AQuittingQueueReportsRemoveEarlyAndNextDelay)
+{
+    TimeQue que;
+    qor_time_que_quit(que);
+    Output out;
+
+    EXPECT_EQ(qor_time_que_remove(que, 'a'), nullptr);
+    EXPECT_EQ(qor_time_que_early(que, 'a', 0), -1);
+    EXPECT_EQ(qor_time_que_next_delay(que, nullptr), -1);
+
+    EXPECT_EQ(out.printed(), line("qor_time_que_remove_locked", quits) +
+                                 line("qor_time_que_early_locked", quits) +
+                                 line("qor_time_que_next_delay_locked", quits));
+}
+
+TEST(TimeQue, QuittingHandsOutNothing)
+{
+    recycled.clear();
+    TimeQue que(UINT32_MAX, [](void *body) {
+        note_recycled(body);
+        EXPECT_EQ(qor_time_que_deque(quitting_que), nullptr);
+        EXPECT_EQ(qor_time_que_deque_block(quitting_que, -1), nullptr);
+    });
+    quitting_que = que;
+    arm(que, 'a', -2);
+    arm(que, 'b', -1);
+
+    qor_time_que_quit(que);
+
+    EXPECT_EQ(recycled, "ab");
+}
+
+TEST(TimeQue, QuitReleasesABlockedTaker)
+{
+    TimeQue que;
+    arm(que, 'a', far_off);
+    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
+
+    qor_time_que_quit(que);
+
+    taker.join();
+}
+
+TEST(TimeQue, WaitLockedEndsAfterAChange)
+{
+    TimeQue que;
+    std::thread waiter([&] {
+        qor_time_que_lock(que);
+        while (que->count == 0) {
+            qor_time_que_wait_locked(que);
+        }
+        qor_time_que_unlock(que);
+    });
+
+    arm(que, 'a', far_off);
+
+    waiter.join();
+}
+
+TEST(TimeQue, StepsCombineUnderOneLock)
+{
+    TimeQue que;
+    int32_t delay = 0;
+
+    qor_time_que_lock(que);
+    EXPECT_EQ(qor_time_que_enque_locked(que, new_time_node('a', -1)), 0);
+    EXPECT_EQ(qor_time_que_enque_block_locked(que, new_time_node('b', 60000), -1), 0);
+    EXPECT_EQ(name_of(qor_time_que_deque_block_locked(que, -1)), "a");
+    EXPECT_EQ(qor_time_que_early_locked(que, 'b', 0), 0);
+    EXPECT_EQ(qor_time_que_next_delay_locked(que, &delay), 0);
+    EXPECT_EQ(qor_time_que_deque_locked(que), nullptr);
+    EXPECT_EQ(name_of(qor_time_que_remove_locked(que, 'b')), "b");
+    qor_time_que_unlock(que);
+}
+
+TEST(TimeQue, ManyGiversAndTakersPassEachNodeOnce)
+{
+    constexpr int givers = 3, takers = 3, each = 1000;
+    TimeQue que(8);
+    std::atomic<int> taken{0}, early{0};
+    std::atomic<int64_t> sum{0};
+    std::vector<std::thread> threads;
+    for (int g = 0; g < givers; g++) {
+        threads.emplace_back([&, g] {
+            for (int i = 0; i < each; i++) {
+                const auto id = static_cast<size_t>(g * each + i);
+                ASSERT_EQ(qor_time_que_enque_block(
+                              que, qor_time_que_node_create(id, (i % 50 == 0) ? 2 : 0, 0), -1),
+                          0);
+            }
+        });
+    }
+    for (int t = 0; t < takers; t++) {
+        threads.emplace_back([&, t] {
+            while (taken < givers * each) {
+                qor_time_que_node_t *node = qor_time_que_deque_block(que, t == 0 ? 1 : -1);
+                if (!node) {
+                    continue;
+                }
+                early += node->when > util_timestamp();
+                sum += static_cast<int64_t>(qor_time_que_node_id(node));
+                qor_time_que_node_destroy(node, nullptr);
+                if (++taken == givers * each) {
+                    qor_time_que_quit(que);
+                }
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(taken, givers * each);
+    EXPECT_EQ(early, 0);
+    constexpr int64_t all = givers * each;
+    EXPECT_EQ(sum, all * (all - 1) / 2);
+}
+
+/* What is called with NULL, and which functions say so. */
+struct TimeNullCase {
+    const char *name;
+    std::function<void()> call;
+    std::vector<std::string> functions;
+};
+
+class TimeQueNull : public testing::TestWithParam<TimeNullCase> {};
+
+TEST_P(TimeQueNull, EachStepReportsIt)
+{
+    Output out;
+
+    GetParam().call();
+
+    std::string expected;
+    for (const std::string &function : GetParam().functions) {
+        expected += line("qor_time_que_" + function, null_queue);
+    }
+    EXPECT_EQ(out.printed(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, TimeQueNull,
+    testing::Values(
+        TimeNullCase{"destroy", [] { qor_time_que_destroy(nullptr); }, {"destroy"}},
+        TimeNullCase{"quit", [] { qor_time_que_quit(nullptr); }, {"quit"}},
+        TimeNullCase{"lock", [] { qor_time_que_lock(nullptr); }, {"lock"}},
+        TimeNullCase{"unlock", [] { qor_time_que_unlock(nullptr); }, {"unlock"}},
+        TimeNullCase{"wait_locked", [] { qor_time_que_wait_locked(nullptr); }, {"wait_locked"}},
+        TimeNullCase{
+            "wakeup_locked", [] { qor_time_que_wakeup_locked(nullptr); }, {"wakeup_locked"}},
+        TimeNullCase{"enque_locked",
+                     [] { EXPECT_EQ(qor_time_que_enque_locked(nullptr, nullptr), -1); },
+                     {"enque_locked"}},
+        TimeNullCase{"enque",
+                     [] { EXPECT_EQ(qor_time_que_enque(nullptr, nullptr), -1); },
+                     {"lock", "enque_locked", "unlock"}},
+        TimeNullCase{"enque_block_locked",
+                     [] { EXPECT_EQ(qor_time_que_enque_block_locked(nullptr, nullptr, 0), -1); },
+                     {"enque_block_locked"}},
+        TimeNullCase{"enque_block",
+                     [] { EXPECT_EQ(qor_time_que_enque_block(nullptr, nullptr, 0), -1); },
+                     {"lock", "enque_block_locked", "unlock"}},
+        TimeNullCase{"deque_locked",
+                     [] { EXPECT_EQ(qor_time_que_deque_locked(nullptr), nullptr); },
+                     {"deque_locked"}},
+        TimeNullCase{"deque",
+                     [] { EXPECT_EQ(qor_time_que_deque(nullptr), nullptr); },
+                     {"lock", "deque_locked", "unlock"}},
+        TimeNullCase{"deque_block_locked",
+                     [] { EXPECT_EQ(qor_time_que_deque_block_locked(nullptr, 0), nullptr); },
+                     {"deque_block_locked"}},
+        TimeNullCase{"deque_block",
+                     [] { EXPECT_EQ(qor_time_que_deque_block(nullptr, 0), nullptr); },
+                     {"lock", "deque_block_locked", "unlock"}},
+        TimeNullCase{"remove_locked",
+                     [] { EXPECT_EQ(qor_time_que_remove_locked(nullptr, 1), nullptr); },
+                     {"remove_locked"}},
+        TimeNullCase{"remove",
+                     [] { EXPECT_EQ(qor_time_que_remove(nullptr, 1), nullptr); },
+                     {"lock", "remove_locked", "unlock"}},
+        TimeNullCase{"early_locked",
+                     [] { EXPECT_EQ(qor_time_que_early_locked(nullptr, 1, 0), -1); },
+                     {"early_locked"}},
+        TimeNullCase{"early",
+                     [] { EXPECT_EQ(qor_time_que_early(nullptr, 1, 0), -1); },
+                     {"lock", "early_locked", "unlock"}},
+        TimeNullCase{"next_delay_locked",
+                     [] { EXPECT_EQ(qor_time_que_next_delay_locked(nullptr, nullptr), -1); },
+                     {"next_delay_locked"}},
+        TimeNullCase{"next_delay",
+                     [] { EXPECT_EQ(qor_time_que_next_delay(nullptr, nullptr), -1); },
+                     {"lock", "next_delay_locked", "unlock"}}),
+    case_name<TimeNullCase>);
+
+TEST(TimeQue, ANullNodeIsReportedByEveryInsertion)
+{
+    TimeQue que(0);
+    Output out;
+
+    EXPECT_EQ(qor_time_que_enque(que, nullptr), -1);
+    EXPECT_EQ(qor_time_que_enque_block(que, nullptr, -1), -1);
+
+    EXPECT_EQ(out.printed(), line("qor_time_que_enque_locked", "!(new_node) == true.") +
+                                 line("qor_time_que_enque_block_locked", "!(new_node) == true."));
+}
+
+TEST(TimeQue, DestroyingANullNodeIsReported)
+{
+    recycled.clear();
+    Output out;
+
+    qor_time_que_node_destroy(nullptr, note_recycled);
+
+    EXPECT_EQ(out.printed(), line("qor_time_que_node_destroy", "!(node) == true."));
+    EXPECT_EQ(recycled, "");
+}
