@@ -182,8 +182,6 @@ TEST(TimeQueFaults, ANodeBetweenTwoSleepersWakesTheLongerOne)
     arm(que, 'a', far_off); /* the hasty one looks before it is due, the patient one would not */
 
     hasty.join();
-    qor_time_que_lock(que);
-    qor_time_que_unlock(que);
     EXPECT_TRUE(await([&] { return fault_calls(FAULT_TIMED) >= 2; })) << "sleeps past the node";
     qor_time_que_quit(que);
     patient.join();
