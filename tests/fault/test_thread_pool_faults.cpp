@@ -170,7 +170,9 @@ TEST(ThreadPoolFaults, ATemporaryThreadWhosePriorityIsRefusedIsReportedAndTakenB
 TEST(ThreadPoolFaults, AThreadWithoutAttributeIsReportedAndStaysCounted)
 {
     Output out;
-    fault_arm(FAULT_ATTR, 0);
+    fault_arm(FAULT_ATTR, -1);
+    qor_que_destroy(qor_que_create(1, nullptr));
+    fault_arm(FAULT_ATTR, fault_calls(FAULT_ATTR)); /* behind those of the pool's queue */
 
     qor_thread_pool_t *pool = create(1, 1);
 
