@@ -39,7 +39,8 @@ double lanes_height(const struct telemetry *t)
     return lane_count(t) * LANE_HEIGHT + FOOT;
 }
 
-/* Gathers what is known of a sample. Returns 0 when its request or response is not kept. */
+/* Gathers what is known of a sample. Returns 0 when that is not all: the trace has forgotten it, or
+ * the bus was stopped in a hurry. */
 static int column_find(struct column *column, const struct telemetry *t, int32_t sample)
 {
     *column = (struct column){.sample = sample};
@@ -50,7 +51,8 @@ static int column_find(struct column *column, const struct telemetry *t, int32_t
             column->to_us = run->ended_us > column->to_us ? run->ended_us : column->to_us;
         }
     }
-    if (!column->runs[RUN_PUBLISH] || !column->runs[RUN_REQUEST] || !column->runs[RUN_RESPONSE]) {
+    if (!column->runs[RUN_PUBLISH] || !column->runs[RUN_REQUEST] || !column->runs[RUN_RESPONSE] ||
+        !column->runs[RUN_LISTEN]) {
         return 0;
     }
     column->from_us = column->runs[RUN_PUBLISH]->began_us;
