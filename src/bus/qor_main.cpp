@@ -55,8 +55,17 @@ void main_context_close(qor_context_t *context)
         monitor_module_close(context);
     }
     list_del(&context->node);
-    context->pub_data_recycle(context->pub_data);
+    if (context->pub_data_recycle) {
+        context->pub_data_recycle(context->pub_data);
+    }
     qor_context_destroy(context);
+}
+
+/* A system context that could not be attached is the bus's that came up last. */
+bool main_context_belongs(qor_context_t *context, const qor_bus_t *bus)
+{
+    const qor_bus_t *attached = sched_delegate_bus(context);
+    return attached ? attached == bus : qor_bus_module.arg == bus;
 }
 
 } // namespace
@@ -67,14 +76,16 @@ void main_contexts_close(qor_bus_t *bus)
 {
     util_list_each(context_head, [bus](list_head *link) {
         auto *context = util_container<qor_context_t, offsetof(qor_context_t, node)>(link);
-        if (sched_delegate_bus(context) == bus) {
+        if (main_context_belongs(context, bus)) {
             main_context_close(context);
         }
     });
     core_contexts_free(bus);
     sched_delegates_free(bus);
-    qor_bus_module.arg = nullptr;
-    qor_mng_module.arg = nullptr;
+    if (qor_bus_module.arg == bus) {
+        qor_bus_module.arg = nullptr;
+        qor_mng_module.arg = nullptr;
+    }
 }
 
 void qor_main(qor_bus_t *bus)
