@@ -1,0 +1,406 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+#include "qor_monitor_module.h"
+
+#include <cstdio>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "case_name.hpp"
+#include "output.hpp"
+#include "qor_context.h"
+#include "qor_context_msg.h"
+#include "qor_hal.h"
+#include "qor_time_que.h"
+#include "recording_context.hpp"
+#include "running_bus.hpp"
+
+namespace {
+
+const char warning[] = "[qor_monitor_module][wrn][qor_monitor_module_console]:MONITOR: ";
+
+/* The module in a context of the test's; its console runs where a test runs it. */
+class MonitorModule : public testing::Test {
+protected:
+    MonitorModule()
+    {
+        EXPECT_EQ(qor_monitor_module.init(own.get(), nullptr), 0);
+        que = static_cast<qor_time_que_t *>(qor_context_priv_data_get(own.get()));
+        std::strcpy(report.name, "fetch");
+        qor_context_msg_fill(&msg, 1, QOR_SYS_MONITOR_TASK, &report, sizeof(report));
+    }
+
+    ~MonitorModule() override { qor_time_que_destroy(que); }
+
+    int32_t send(int32_t session, int32_t state)
+    {
+        report.session = session;
+        report.state = state;
+        return qor_monitor_module.handle_message(own.get(), &msg);
+    }
+
+    int32_t start(int32_t session) { return send(session, QOR_SYS_MONITOR_TASK_START); }
+    int32_t over(int32_t session) { return send(session, QOR_SYS_MONITOR_TASK_OVER); }
+
+    /* Watches a task that has been running for five seconds. */
+    void enque_due(int32_t session, const char *name)
+    {
+        qor_time_que_node_t *node = qor_time_que_node_create(session, 0, sizeof(report));
+        qor_sys_monitor_task_t due = {};
+        due.session = session;
+        std::strncpy(due.name, name, sizeof(due.name) - 1);
+        std::memcpy(qor_time_que_node_body(node), &due, sizeof(due));
+        qor_time_que_enque(que, node);
+    }
+
+    std::future<int32_t> console()
+    {
+        return std::async(std::launch::async,
+                          [this] { return qor_monitor_module.console(own.get()); });
+    }
+
+    RecordingContext own;
+    qor_time_que_t *que;
+    qor_sys_monitor_task_t report = {};
+    std::unique_ptr<qor_context_msg_t> held{new qor_context_msg_t}; /* no member: it has a tail */
+    qor_context_msg_t &msg = *held;
+    Output out;
+};
+
+} // namespace
+
+TEST_F(MonitorModule, DescribesASystemModuleWithAConsoleOfHighestPriority)
+{
+    EXPECT_STREQ(qor_monitor_module.name, "qor_monitor_module");
+    EXPECT_EQ(qor_monitor_module.id, 0);
+    EXPECT_EQ(qor_monitor_module.pure, 0u);
+    EXPECT_EQ(qor_monitor_module.refcount, -1);
+    EXPECT_EQ(qor_monitor_module.priority, 99);
+    EXPECT_EQ(qor_monitor_module.stack_size, 4096);
+    EXPECT_EQ(qor_monitor_module.arg, nullptr);
+    EXPECT_EQ(qor_monitor_module.uninit, nullptr);
+    EXPECT_NE(qor_monitor_module.console, nullptr);
+}
+
+TEST_F(MonitorModule, RegSubscribesItsTopic)
+{
+    qor_monitor_module.reg(own.get());
+
+    EXPECT_EQ(own.slots, "subscribe");
+    EXPECT_EQ(own.topic, QOR_SYS_MONITOR_TASK);
+    EXPECT_EQ(own.attr, nullptr);
+}
+
+TEST_F(MonitorModule, UnregUnsubscribesItsTopic)
+{
+    qor_monitor_module.unreg(own.get());
+
+    EXPECT_EQ(own.slots, "unsubscribe");
+    EXPECT_EQ(own.topic, QOR_SYS_MONITOR_TASK);
+}
+
+TEST_F(MonitorModule, InitMakesAQueueWithoutLimitAndRecycle)
+{
+    ASSERT_NE(que, nullptr);
+    EXPECT_EQ(que->max_count, UINT32_MAX);
+    EXPECT_EQ(que->count, 0);
+    EXPECT_EQ(que->recycle, nullptr);
+}
+
+TEST_F(MonitorModule, AStartReportIsWatchedForFiveSeconds)
+{
+    EXPECT_EQ(start(7), 0);
+
+    int32_t delay = 0;
+    EXPECT_EQ(qor_time_que_next_delay(que, &delay), 0);
+    EXPECT_LE(delay, 5000);
+    EXPECT_GT(delay, 4000);
+    qor_time_que_node_t *node = qor_time_que_remove(que, 7);
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(std::memcmp(qor_time_que_node_body(node), &report, sizeof(report)), 0);
+    qor_time_que_node_destroy(node, nullptr);
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST_F(MonitorModule, AnOverReportEndsTheWatch)
+{
+    ASSERT_EQ(start(7), 0);
+    ASSERT_EQ(start(8), 0);
+
+    EXPECT_EQ(over(7), 0);
+
+    EXPECT_EQ(que->count, 1);
+    EXPECT_EQ(qor_time_que_remove(que, 7), nullptr);
+}
+
+TEST_F(MonitorModule, AnyStateButStartIsOver)
+{
+    ASSERT_EQ(start(7), 0);
+
+    EXPECT_EQ(send(7, 22), 0);
+
+    EXPECT_EQ(que->count, 0);
+}
+
+TEST_F(MonitorModule, AnOverReportOfAnUnknownSessionDoesNothing)
+{
+    ASSERT_EQ(start(7), 0);
+
+    EXPECT_EQ(over(8), 0);
+
+    EXPECT_EQ(que->count, 1);
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST_F(MonitorModule, OneOverReportEndsTwoWatchesOfASession)
+{
+    ASSERT_EQ(start(7), 0);
+    ASSERT_EQ(start(7), 0);
+    ASSERT_EQ(start(7), 0);
+
+    EXPECT_EQ(over(7), 0);
+    EXPECT_EQ(que->count, 1);
+
+    EXPECT_EQ(over(7), 0);
+    EXPECT_EQ(que->count, 0);
+}
+
+TEST_F(MonitorModule, AWatchThatWasTakenOutSecondServesALaterTask)
+{
+    ASSERT_EQ(start(7), 0);
+    ASSERT_EQ(start(7), 0);
+    ASSERT_EQ(over(7), 0);
+    std::strcpy(report.name, "later");
+
+    ASSERT_EQ(start(9), 0);
+
+    int32_t delay = 0;
+    EXPECT_EQ(qor_time_que_next_delay(que, &delay), 0);
+    EXPECT_GT(delay, 4000);
+    qor_time_que_node_t *node = qor_time_que_remove(que, 9);
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(std::memcmp(qor_time_que_node_body(node), &report, sizeof(report)), 0);
+    qor_time_que_node_destroy(node, nullptr);
+}
+
+TEST_F(MonitorModule, TheReportNeedNotBeAligned)
+{
+    char buffer[sizeof(report) + 1];
+    report.session = 7;
+    std::memcpy(buffer + 1, &report, sizeof(report));
+    msg.request.buf = buffer + 1;
+
+    EXPECT_EQ(qor_monitor_module.handle_message(own.get(), &msg), 0);
+
+    qor_time_que_node_t *node = qor_time_que_remove(que, 7);
+    ASSERT_NE(node, nullptr);
+    qor_time_que_node_destroy(node, nullptr);
+}
+
+TEST_F(MonitorModule, TheReportsSizeIsNotChecked)
+{
+    msg.request.size = 0;
+
+    EXPECT_EQ(start(7), 0);
+
+    EXPECT_EQ(que->count, 1);
+}
+
+TEST_F(MonitorModule, TheRequestFunctionDoesNotLookAtTheType)
+{
+    msg.type = QOR_CONTEXT_MSG_LISTEN_AFTER;
+
+    EXPECT_EQ(qor_monitor_module_handle_request_message(own.get(), &msg), 0);
+
+    EXPECT_EQ(que->count, 1);
+}
+
+namespace {
+
+struct RefusedCase {
+    const char *name;
+    int32_t type;
+    int32_t topic;
+    const char *function;
+};
+
+const char by_type[] = "qor_monitor_module_handle_message";
+const char by_topic[] = "qor_monitor_module_handle_request_message";
+
+const RefusedCase refused_cases[] = {
+    {"Response", QOR_CONTEXT_MSG_RESPONSE, QOR_SYS_MONITOR_TASK, by_type},
+    {"ListenBefore", QOR_CONTEXT_MSG_LISTEN_BEFORE, QOR_SYS_MONITOR_TASK, by_type},
+    {"ListenAfter", QOR_CONTEXT_MSG_LISTEN_AFTER, QOR_SYS_MONITOR_TASK, by_type},
+    {"FilterBefore", QOR_CONTEXT_MSG_FILTER_BEFORE, QOR_SYS_MONITOR_TASK, by_type},
+    {"FilterAfter", QOR_CONTEXT_MSG_FILTER_AFTER, QOR_SYS_MONITOR_TASK, by_type},
+    {"TypeBeforeTopic", QOR_CONTEXT_MSG_RESPONSE, 99, by_type},
+    {"ManagersTopic", QOR_CONTEXT_MSG_REQUEST, QOR_SYS_MNG_MODULE_REGISTER, by_topic},
+    {"BusModulesTopic", QOR_CONTEXT_MSG_REQUEST, QOR_SYS_BUS_REGISTER, by_topic},
+    {"NegativeTopic", QOR_CONTEXT_MSG_REQUEST, -1, by_topic},
+};
+
+} // namespace
+
+class MonitorModuleRefused : public MonitorModule,
+                             public testing::WithParamInterface<RefusedCase> {};
+
+TEST_P(MonitorModuleRefused, GivesAWarning)
+{
+    msg.type = GetParam().type;
+    msg.topic = GetParam().topic;
+
+    EXPECT_EQ(start(7), -1);
+
+    EXPECT_EQ(que->count, 0);
+    EXPECT_EQ(out.printed(), "[qor_monitor_module][wrn][" + std::string(GetParam().function) +
+                                 "]:not support type.\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, MonitorModuleRefused, testing::ValuesIn(refused_cases),
+                         case_name<RefusedCase>);
+
+/* ---- console ---- */
+
+TEST_F(MonitorModule, TheConsoleReturnsWhenTheQueueQuits)
+{
+    std::future<int32_t> running = console();
+
+    qor_time_que_quit(que);
+
+    EXPECT_EQ(running.get(), 0);
+    EXPECT_EQ(out.printed(), "");
+}
+
+TEST_F(MonitorModule, ATaskThatIsDueIsNamedWithItsSessionAndTheTime)
+{
+    const int64_t before = util_timestamp();
+    enque_due(41, "fetch");
+    std::future<int32_t> running = console();
+
+    ASSERT_TRUE(out.await(warning));
+    qor_time_que_quit(que);
+    running.get();
+
+    int32_t session = 0;
+    long long timestamp = 0;
+    char rest = 0;
+    const std::string line = out.printed();
+    ASSERT_EQ(sscanf(line.c_str(),
+                     "[qor_monitor_module][wrn][qor_monitor_module_console]:MONITOR: fetch, "
+                     "session = %d, timestamp = %lld%c",
+                     &session, &timestamp, &rest),
+              3);
+    EXPECT_EQ(session, 41);
+    EXPECT_GE(timestamp, before);
+    EXPECT_LE(timestamp, util_timestamp());
+    EXPECT_EQ(rest, '\n');
+}
+
+TEST_F(MonitorModule, AWarnedTaskIsWatchedForAnotherSecond)
+{
+    enque_due(41, "fetch");
+    std::future<int32_t> running = console();
+    ASSERT_TRUE(out.await(warning));
+
+    int32_t delay = 0;
+    EXPECT_EQ(qor_time_que_next_delay(que, &delay), 0);
+    EXPECT_LE(delay, 1000);
+    EXPECT_GT(delay, 0);
+    EXPECT_EQ(over(41), 0);
+    EXPECT_EQ(que->count, 0);
+    qor_time_que_quit(que);
+    running.get();
+    EXPECT_EQ(out.count("MONITOR"), 1);
+}
+
+TEST_F(MonitorModule, TheLongestNameFitsTheLine)
+{
+    enque_due(INT32_MAX, std::string(31, 'n').c_str());
+    std::future<int32_t> running = console();
+
+    EXPECT_TRUE(out.await(warning + std::string(31, 'n') + ", session = 2147483647, timestamp = "));
+    qor_time_que_quit(que);
+    running.get();
+}
+
+/* ---- on a bus ---- */
+
+namespace {
+
+/* A task that runs until the test lets it go. */
+struct Work {
+    int64_t posted = 0;
+    int64_t started = 0;
+    Door door;
+
+    void post(const Module &module, const char *name)
+    {
+        posted = util_timestamp();
+        EXPECT_GE(qor_context_run_name(module.context(), name, run, this), 0);
+    }
+
+    static void *run(void *arg)
+    {
+        Work *self = static_cast<Work *>(arg);
+        self->started = util_timestamp();
+        EXPECT_TRUE(self->door.pass());
+        return nullptr;
+    }
+};
+
+/* The moments of a task's warnings. */
+std::vector<int64_t> warnings(const Output &out, const std::string &task)
+{
+    const std::string begin = warning + task + ", session = ";
+    const std::string all = out.printed();
+    std::vector<int64_t> moments;
+    for (size_t at = 0; (at = all.find(begin, at)) != std::string::npos; at += begin.size()) {
+        int32_t session;
+        long long timestamp;
+        EXPECT_EQ(
+            sscanf(all.c_str() + at + begin.size(), "%d, timestamp = %lld", &session, &timestamp),
+            2);
+        moments.push_back(timestamp);
+    }
+    return moments;
+}
+
+void sleep_until(int64_t moment)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(moment - util_timestamp()));
+}
+
+} // namespace
+
+TEST(MonitorModuleOnABus, NamesATaskAfterFiveSixAndSevenSecondsAndAShorterOneNever)
+{
+    Output out;
+    Module slow("slow");
+    Module brisk("brisk");
+    RunningBus bus({&slow, &brisk});
+    ASSERT_TRUE(bus.up());
+    Work tedious;
+    Work shorter;
+    tedious.post(slow, "tedious");
+    shorter.post(brisk, "shorter");
+
+    sleep_until(shorter.posted + 4500);
+    shorter.door.open();
+    sleep_until(tedious.posted + 7500);
+    EXPECT_TRUE(out.await(std::string(warning) + "tedious", 3));
+    tedious.door.open();
+    bus.end(); /* waits for the tasks */
+
+    const std::vector<int64_t> moments = warnings(out, "tedious");
+    ASSERT_EQ(moments.size(), 3u);
+    for (size_t i = 0; i < moments.size(); i++) {
+        const int64_t after = 5000 + 1000 * static_cast<int64_t>(i);
+        EXPECT_GE(moments[i], tedious.posted + after);
+        EXPECT_LT(moments[i], tedious.started + after + 900);
+    }
+    EXPECT_TRUE(warnings(out, "shorter").empty());
+}
