@@ -43,15 +43,20 @@ complaint() {
     [ "$(head -n 1 "$work/err")" = "telemetry: $1" ] || fail "standard error is not '$1'"
 }
 
-# signalled SIGNAL: sent while samples are being taken.
-signalled() {
-    "${program[@]}" --samples 100000 --record "$work/rec" >"$work/out" 2>"$work/err" &
-    local pid=$!
+# start ARGUMENT...: begins a long watch as process $pid and waits until it is up.
+start() {
+    "${program[@]}" --samples 100000 "$@" >"$work/out" 2>"$work/err" &
+    pid=$!
     for ((i = 0; i < 500; i++)); do
         grep -q 'alarm context.*init success' "$work/out" && break
         sleep 0.02
     done
     grep -q 'alarm context.*init success' "$work/out" || fail "the bus does not come up"
+}
+
+# signalled SIGNAL: sent while samples are being taken.
+signalled() {
+    start
     kill -s "$1" "$pid"
     wait "$pid"
     ended $? 0
@@ -177,6 +182,17 @@ telemetry_ends_on_sigterm() {
 
 telemetry_ends_on_sigint() {
     signalled INT
+}
+
+# What is under way is dropped then, and the bus may say so.
+telemetry_ends_at_once_on_a_second_signal() {
+    start --svg "$work/svg"
+    kill -s INT "$pid"
+    kill -s TERM "$pid"
+    wait "$pid"
+    local status=$?
+    [ "$status" = 0 ] || fail "status $status"
+    [ "$(tail -n 1 "$work/svg")" = '</svg>' ] || fail "half a picture"
 }
 
 telemetry_is_watched_by_the_monitor() {
