@@ -4,14 +4,15 @@
 
 #include <time.h>
 
-enum { STEPS = 72 }; /* of 100 ms: a little over 7 s, so that the third warning comes for certain */
+enum { BUSY_MS = 7200 }; /* a little over 7 s, so that the third warning comes for certain */
 
 static void *hog_work(void *arg)
 {
     struct telemetry *t = arg;
     const struct timespec step = {.tv_nsec = 100 * 1000000L};
     const int64_t began = trace_now();
-    for (int i = 0; i < STEPS && atomic_load(&t->stop) != STOP_SIGNAL; i++) {
+    const int64_t until = util_timestamp() + BUSY_MS;
+    while (util_timestamp() < until && atomic_load(&t->stop) != STOP_SIGNAL) {
         nanosleep(&step, NULL);
     }
     trace_add(&t->trace, LANE_HOG, RUN_TASK, -1, began);

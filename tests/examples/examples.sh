@@ -197,7 +197,7 @@ telemetry_ends_at_once_on_a_second_signal() {
 
 telemetry_is_watched_by_the_monitor() {
     run 0 --hog --samples 5
-    [ "$(grep -c 'MONITOR: hog,' "$work/out")" = 3 ] || fail "not three warnings"
+    [ "$(grep -c 'MONITOR: hog,' "$work/out")" -ge 3 ] || fail "not three warnings"
 }
 
 pool_counts_words() {
