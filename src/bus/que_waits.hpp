@@ -19,10 +19,9 @@ struct que_waiters {
 struct que_waits {
     que_waiters takers;
     que_waiters givers;
-    hal_thread_cond_t
-        settled;       /* monotonic; broadcast when a taker begins to wait and one settles */
-    uint32_t settlers; /* threads in que_settle() */
-    uint32_t inside;   /* threads in a wait of any kind; destroy stays until there is none */
+    hal_thread_cond_t settled; /* monotonic; for those in que_settle() */
+    uint32_t settlers;         /* how many they are */
+    uint32_t inside;           /* threads in any wait; destroy stays until there is none */
 };
 
 /* A deadline that is never reached. */
@@ -111,7 +110,7 @@ template <typename Q> void que_wait(Q *que, que_waiters &who, int64_t deadline)
     que_waits &waits = que->priv->waits;
     waits.inside++;
     who.waiting++;
-    if (waits.settlers > 0 && &who == &waits.takers) {
+    if (waits.settlers > 0 && &who == &waits.takers) { /* idle takers are what they wait for */
         pthread_cond_broadcast(&waits.settled);
     }
     if (deadline == que_never) {

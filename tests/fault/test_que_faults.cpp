@@ -17,6 +17,17 @@ namespace {
 
 const std::string create_line = err_line("qor_que", "qor_que_create", "!(_this) == true.");
 
+void expect_creation_to_fail(fault_kind kind, int nth)
+{
+    Output out;
+    fault_arm(kind, nth);
+
+    EXPECT_EQ(qor_que_create(1, nullptr), nullptr);
+
+    EXPECT_EQ(fault_fired(kind), 1);
+    EXPECT_EQ(out.printed(), create_line);
+}
+
 /* Waits until so many waits without limit have begun since fault_arm(). A wait is counted with the
  * lock held, so whoever gets the lock afterwards finds all of them asleep. */
 void await_waits(qor_que_t *que, int waits)
@@ -56,12 +67,7 @@ private:
 
 TEST(QueFaults, CreateWithoutMemoryPrintsTheNullObjectText)
 {
-    Output out;
-    fault_arm(FAULT_ALLOC, 0);
-
-    EXPECT_EQ(qor_que_create(1, nullptr), nullptr);
-
-    EXPECT_EQ(out.printed(), create_line);
+    expect_creation_to_fail(FAULT_ALLOC, 0);
 }
 
 TEST(QueFaults, CreateIsOneAllocation)
@@ -73,28 +79,13 @@ TEST(QueFaults, CreateIsOneAllocation)
     EXPECT_EQ(fault_calls(FAULT_ALLOC), 1);
 }
 
-TEST(QueFaults, CreateWithoutAConditionUndoesItself)
+TEST(QueFaults, CreateWithoutALockUndoesItself)
 {
-    for (int nth = 0; nth < 3; nth++) {
-        Output out;
-        fault_arm(FAULT_COND, nth);
-
-        EXPECT_EQ(qor_que_create(1, nullptr), nullptr);
-
-        EXPECT_EQ(fault_fired(FAULT_COND), 1);
-        EXPECT_EQ(out.printed(), create_line);
+    expect_creation_to_fail(FAULT_MUTEX, 0);
+    for (int nth = 0; nth < 4; nth++) {
+        expect_creation_to_fail(FAULT_ATTR, nth);
+        expect_creation_to_fail(FAULT_COND, nth);
     }
-}
-
-TEST(QueFaults, CreateWithoutAMutexUndoesItself)
-{
-    Output out;
-    fault_arm(FAULT_MUTEX, 0);
-
-    EXPECT_EQ(qor_que_create(1, nullptr), nullptr);
-
-    EXPECT_EQ(fault_fired(FAULT_MUTEX), 1);
-    EXPECT_EQ(out.printed(), create_line);
 }
 
 TEST(QueFaults, NodeWithoutMemoryIsReported)

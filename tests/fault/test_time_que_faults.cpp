@@ -68,11 +68,11 @@ TEST(TimeQueFaults, CreateIsOneAllocation)
 
 TEST(TimeQueFaults, CreateWithoutALockUndoesItself)
 {
-    expect_creation_to_fail(FAULT_ATTR, 0);
-    for (int nth = 0; nth < 3; nth++) {
+    expect_creation_to_fail(FAULT_MUTEX, 0);
+    for (int nth = 0; nth < 4; nth++) {
+        expect_creation_to_fail(FAULT_ATTR, nth);
         expect_creation_to_fail(FAULT_COND, nth);
     }
-    expect_creation_to_fail(FAULT_MUTEX, 0);
 }
 
 TEST(TimeQueFaults, NodeWithoutMemoryIsReported)
