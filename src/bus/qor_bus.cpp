@@ -130,8 +130,9 @@ void *qor_bus_task_loop(void *arg)
     const qor_bus_t *bus = static_cast<const qor_bus_t *>(arg);
     qor_que_t *que = bus->que;
     worked_for = bus;
-    if (bus->thread_priority >= 0) {
-        hal_thread_setpriority(bus->thread_priority);
+    const int32_t priority = hal_load(bus->thread_priority);
+    if (priority >= 0) {
+        hal_thread_setpriority(priority);
     }
     for (;;) {
         qor_que_node_t *node = que_take(que);
@@ -147,12 +148,11 @@ void *qor_bus_task_loop(void *arg)
     }
 }
 
-/* Starts up to thread_num workers and returns how many started: those, and no others, are joined,
- * whatever thread_num is set to meanwhile. */
-uint32_t bus_workers_start(qor_bus_t *bus, hal_thread_t *tid, const hal_thread_attr_t *attr)
+/* Starts up to so many workers and returns how many started: those, and no others, are joined. */
+uint32_t bus_workers_start(qor_bus_t *bus, uint32_t wanted, hal_thread_t *tid,
+                           const hal_thread_attr_t *attr)
 {
     uint32_t started = 0;
-    const uint32_t wanted = bus->thread_num;
     for (uint32_t i = 0; i < wanted; i++) {
         /* A thread that cannot be made is not reported; the bus runs with those it has. */
         if (pthread_create(&tid[started], attr, qor_bus_task_loop, bus) == 0) {
@@ -162,12 +162,17 @@ uint32_t bus_workers_start(qor_bus_t *bus, hal_thread_t *tid, const hal_thread_a
     return started;
 }
 
-/* Posts a timer that has fallen due and frees its node. */
-void bus_timer_expire(qor_bus_t *bus, qor_time_que_node_t *node)
+/* Posts a timer that has fallen due and frees its node. A bus that has been destroyed meanwhile
+ * takes nothing more, and only its private block may be looked at. */
+void bus_timer_expire(qor_bus_t *bus, qor_bus_private &priv, qor_time_que_node_t *node)
 {
     qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_time_que_node_body(node));
     task->delay = 0;
-    const bool posted = qor_bus_post(bus, task) == 0;
+    bool posted = false;
+    {
+        hal_scoped_lock lock(priv.mutex);
+        posted = !priv.gone && qor_bus_post(bus, task) == 0;
+    }
     /* Deliberate: the copy that was posted keeps its recycle, so a timer's recycle runs here,
      * before the task, and again after the task. Test: Bus.ATimerIsRecycledTwice. */
     qor_time_que_node_destroy(node,
@@ -177,8 +182,9 @@ void bus_timer_expire(qor_bus_t *bus, qor_time_que_node_t *node)
 void bus_timers_serve(qor_bus_t *bus)
 {
     qor_time_que_t *time_que = bus->time_que; /* the bus may be destroyed while this waits */
+    qor_bus_private &priv = *bus->priv;
     while (qor_time_que_node_t *node = qor_time_que_deque_block(time_que, -1)) {
-        bus_timer_expire(bus, node);
+        bus_timer_expire(bus, priv, node);
     }
 }
 
@@ -465,13 +471,13 @@ int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session)
 void qor_bus_priority_set(qor_bus_t *_this, int32_t priority)
 {
     QOR_CHECK_VOID(_this);
-    _this->thread_priority = priority;
+    hal_store(_this->thread_priority, priority);
 }
 
 void qor_bus_thread_num_set(qor_bus_t *_this, uint32_t thread_num)
 {
     QOR_CHECK_VOID(_this);
-    _this->thread_num = thread_num;
+    hal_store(_this->thread_num, thread_num);
 }
 
 void qor_bus_thread_stack_size_set(qor_bus_t *_this, uint32_t thread_stack_size)
@@ -483,7 +489,9 @@ void qor_bus_thread_stack_size_set(qor_bus_t *_this, uint32_t thread_stack_size)
 int32_t qor_bus_loop(qor_bus_t *_this)
 {
     QOR_CHECK(_this, -1);
-    hal_thread_t *tid = static_cast<hal_thread_t *>(calloc(_this->thread_num, sizeof(*tid)));
+    /* Read once: a task may set it while the workers are being started. */
+    const uint32_t thread_num = hal_load(_this->thread_num);
+    hal_thread_t *tid = static_cast<hal_thread_t *>(calloc(thread_num, sizeof(*tid)));
     QOR_CHECK(tid, -1);
     hal_thread_attr_t attr;
     pthread_attr_init(&attr);
@@ -500,7 +508,7 @@ int32_t qor_bus_loop(qor_bus_t *_this)
         hal_scoped_lock lock(priv.mutex);
         priv.looping = 1;
     }
-    const uint32_t started = bus_workers_start(_this, tid, &attr);
+    const uint32_t started = bus_workers_start(_this, thread_num, tid, &attr);
     hal_store(priv.workers, started);
     bus_timers_serve(_this);
     for (uint32_t i = 0; i < started; i++) {

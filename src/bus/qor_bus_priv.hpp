@@ -7,7 +7,7 @@
 #include "qor_bus.h"
 
 struct qor_bus_private {
-    hal_thread_mutex_t mutex; /* guards the fields below; a waiter's mutex is taken under it */
+    hal_thread_mutex_t mutex; /* guards the fields below; taken before a waiter's and a queue's */
     int32_t stopping;         /* 1 once qor_bus_quit() has begun; read without the mutex */
     int32_t looping;          /* 1 while qor_bus_loop() runs */
     uint32_t workers;         /* how many have started; stored before the loop first waits */
