@@ -56,8 +56,8 @@ public:
 /* Loops on a thread of its own from start() on, with the system modules brought up. */
 class LoopingBus {
 public:
-    explicit LoopingBus(uint32_t workers = 2, int32_t topics = 4)
-        : bus(qor_bus_create(modules, topics))
+    explicit LoopingBus(uint32_t workers = 2, qor_context_module_t **application = nullptr)
+        : bus(qor_bus_create(application ? application : no_modules, /* topics */ 4))
     {
         qor_bus_thread_num_set(bus, workers);
     }
@@ -85,7 +85,7 @@ public:
         }
     }
 
-    qor_context_module_t *modules[1] = {nullptr};
+    qor_context_module_t *no_modules[1] = {nullptr};
     qor_bus_t *bus;
     std::thread thread;
     int32_t result = -2; /* of the loop, once it has ended */
