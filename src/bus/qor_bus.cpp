@@ -11,9 +11,9 @@
 #include "qor_diag.hpp"
 #include "qor_main.h" /* upward: creating a bus queues the start-up routine as its first task */
 #include "qor_main_priv.hpp" /* upward: closing a bus takes down what start-up brought up */
+#include "qor_own_task.hpp"  /* upward: which tasks are the library's own */
 #include "qor_que_priv.hpp"
 #include "qor_recycle.hpp"
-#include "qor_task_discard.hpp" /* upward: what a task carries is known where it was made */
 #include "qor_time_que_priv.hpp"
 #include "qor_topic_core.h"
 #include "qor_util.hpp"
@@ -120,7 +120,9 @@ qor_que_node_t *bus_task_node(qor_context_task_t *task)
 void bus_task_run(qor_que_node_t *node)
 {
     qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_que_node_body(node));
-    hal_thread_name_set(task->name);
+    if (!own_task_names_itself(task)) {
+        hal_thread_name_set(task->name);
+    }
     qor_context_task_excute(task);
     qor_que_node_destroy(node, recycle_of(qor_context_task_uninit));
 }
@@ -176,7 +178,7 @@ void bus_timer_expire(qor_bus_t *bus, qor_bus_private &priv, qor_time_que_node_t
     /* Deliberate: the copy that was posted keeps its recycle, so a timer's recycle runs here,
      * before the task, and again after the task. Test: Bus.ATimerIsRecycledTwice. */
     qor_time_que_node_destroy(node,
-                              posted ? recycle_of(qor_context_task_uninit) : qor_task_discard);
+                              posted ? recycle_of(qor_context_task_uninit) : own_task_discard);
 }
 
 void bus_timers_serve(qor_bus_t *bus)
@@ -203,9 +205,9 @@ bool bus_is_settled(qor_bus_t *bus)
 /* Recycles what is still queued once the queues have quit. */
 void bus_tasks_discard(qor_bus_t *bus)
 {
-    que_discard_all(bus->que, qor_task_discard);
+    que_discard_all(bus->que, own_task_discard);
     if (bus->time_que) {
-        time_que_discard_all(bus->time_que, qor_task_discard);
+        time_que_discard_all(bus->time_que, own_task_discard);
     }
 }
 
@@ -311,7 +313,7 @@ void qor_bus_uninit(qor_bus_t *_this)
         _this->priv->gone = 1;
     }
     que_quit_begin(_this->que);
-    que_discard_all(_this->que, qor_task_discard);
+    que_discard_all(_this->que, own_task_discard);
     qor_que_destroy(_this->que);
     bus_tables_uninit(_this);
     pthread_mutex_destroy(&_this->session_mutex);
@@ -464,7 +466,7 @@ int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session)
     if (!node || static_cast<void *>(node) == static_cast<void *>(_this->que)) {
         return -1;
     }
-    qor_que_node_destroy(node, qor_task_discard);
+    qor_que_node_destroy(node, own_task_discard);
     return 0;
 }
 

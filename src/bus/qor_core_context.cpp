@@ -13,9 +13,9 @@
 #include "qor_context_task.h"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
+#include "qor_own_task.hpp"
 #include "qor_recycle.hpp"
 #include "qor_sched_delegate_priv.hpp"
-#include "qor_task_discard.hpp"
 #include "qor_time_que_priv.hpp"
 #include "qor_util.hpp"
 
@@ -70,7 +70,7 @@ void core_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
     if (!task->async) {
         qor_core_context_task_node_deal(&core->base, task->session, node);
     } else if (qor_context_runx(&core->base, qor_core_context_task_node_deal, node) < 0) {
-        qor_time_que_node_destroy(node, qor_task_discard); /* the bus quits */
+        qor_time_que_node_destroy(node, own_task_discard); /* the bus quits */
     }
 }
 
@@ -185,7 +185,7 @@ int32_t core_task_cancel(qor_core_context_t *core, int32_t session)
     if (!node) {
         return -1;
     }
-    qor_time_que_node_destroy(node, qor_task_discard);
+    qor_time_que_node_destroy(node, own_task_discard);
     return 0;
 }
 
@@ -361,7 +361,7 @@ void qor_core_context_destroy(qor_context_t *context)
         return;
     }
     time_que_quit_begin(core->que);
-    time_que_discard_all(core->que, qor_task_discard);
+    time_que_discard_all(core->que, own_task_discard);
     qor_bus_t *bus = sched_delegate_bus(context);
     if (!bus) {
         /* Deliberate: the inner context stays; its maker may still name it.
@@ -459,6 +459,11 @@ qor_context_cls_t qor_core_context_class = {
 qor_context_runx_t core_context_node_run()
 {
     return qor_core_context_task_node_deal;
+}
+
+qor_context_run_t core_context_loop_run()
+{
+    return run_of(qor_core_context_loop);
 }
 
 void core_context_close(qor_context_t *context)

@@ -9,6 +9,9 @@
  * destroys itself, so the task has no recycle: whoever discards it destroys the node. */
 qor_context_runx_t core_context_node_run();
 
+/* The function of a task that drains a private queue. */
+qor_context_run_t core_context_loop_run();
+
 /* Takes a context down in the order of the lifecycle, whatever it has reached. */
 void core_context_close(qor_context_t *context);
 

@@ -20,7 +20,7 @@ RANKS = [
     " qor_context_forward",                                   # 5 context model
     "qor_topic_core qor_bus qor_sched_delegate",              # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_impl_context"
-    " qor_task_discard",                                      # 7 context kinds
+    " qor_own_task",                                          # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
     "qor_main",                                               # 9 start-up
     "qor",                                                    # everything, for applications
@@ -32,7 +32,7 @@ SIDEWAYS = {
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),
     ("qor_bus.cpp", "qor_main_priv.hpp"),
-    ("qor_bus.cpp", "qor_task_discard.hpp"),
+    ("qor_bus.cpp", "qor_own_task.hpp"),
     ("qor_context_core.cpp", "qor_impl_context.h"),
 }
 RANK = {name: rank for rank, names in enumerate(RANKS) for name in names.split()}
