@@ -90,11 +90,25 @@ def built():
 
 
 def listed():
-    """src/README.md lists every source of the library; what is private to an object goes with it."""
+    """src/README.md lists every source of the library; what is private to an object goes with it.
+
+    The tests that it names exist.
+    """
     page = (ROOT / "src/README.md").read_text()
+    for name in re.findall(r"`(test_\w+\.cpp)`", page):
+        if not any((ROOT / "tests").rglob(name)):
+            yield f"src/README.md: there is no {name}"
     for path in files("src", kinds={".cpp", ".hpp"}):
         if not path.stem.endswith("_priv") and f"`{path.relative_to(ROOT / 'src')}`" not in page:
             yield f"src/README.md: does not list {path.relative_to(ROOT / 'src')}"
+
+
+def links():
+    """What a page links to is there."""
+    for page in [*ROOT.glob("*.md"), *files("docs", "src", "examples", "bench", kinds={".md"})]:
+        for target in re.findall(r"\]\(([^)#:]+)\)", page.read_text()):
+            if not (page.parent / target).exists():
+                yield f"{short(page)}: {target} does not exist"
 
 
 complaints = list(globals()[sys.argv[3]]())
