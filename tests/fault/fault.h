@@ -28,6 +28,8 @@ FAULT_API void fault_arm(fault_kind kind, int after);
 /* How many calls the library has made, and how many were made to fail, since fault_arm(). */
 FAULT_API int fault_calls(fault_kind kind);
 FAULT_API int fault_fired(fault_kind kind);
+/* Blocks that the library holds more (or fewer) than at fault_arm(FAULT_ALLOC, ...). */
+FAULT_API int fault_live(void);
 /* The priority that the library last put into a thread attribute. */
 FAULT_API int fault_sched_priority(void);
 
