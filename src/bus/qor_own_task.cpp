@@ -16,11 +16,10 @@ bool own_task_names_itself(const qor_context_task_t *task)
 void own_task_discard(void *task)
 {
     qor_context_task_t *discarded = static_cast<qor_context_task_t *>(task);
-    if (discarded->fun_type == QOR_CONTEXT_FUN_RUN) {
-        qor_context_task_uninit(discarded);
-    } else if (discarded->fun.runx == sched_delegate_relay()) {
+    const bool runx = discarded->fun_type != QOR_CONTEXT_FUN_RUN;
+    if (runx && discarded->fun.runx == sched_delegate_relay()) {
         qor_context_msg_destroy(static_cast<qor_context_msg_t *>(discarded->arg));
-    } else if (discarded->fun.runx == core_context_node_run()) {
+    } else if (runx && discarded->fun.runx == core_context_node_run()) {
         qor_time_que_node_destroy(static_cast<qor_time_que_node_t *>(discarded->arg),
                                   own_task_discard);
     } else {
