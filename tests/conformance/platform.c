@@ -1,0 +1,49 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Output, names, clock and list. */
+#include "check.h"
+#include "qor_hal.h"
+
+static int format(char *text, int size, const char *how, ...)
+{
+    va_list values;
+    va_start(values, how);
+    const int length = hal_vsnprintf(text, size, how, values);
+    va_end(values);
+    return length;
+}
+
+static void check_list(void)
+{
+    list_head head, first, second;
+    INIT_LIST_HEAD(&head);
+    check("a new list is empty", list_empty(&head));
+    list_add(&second, &head);
+    list_add(&first, &head);
+    check("list_add puts in front", head.next == &first && first.next == &second);
+    list_del(&first);
+    check("list_del unlinks", head.next == &second && !first.next && !first.prev);
+    list_add_tail(&first, &head);
+    check("list_add_tail appends", head.prev == &first);
+}
+
+void check_platform(void)
+{
+    char text[16] = "";
+    struct timespec moment;
+
+    hal_printf("%s\n", "conformance");
+    check("hal_snprintf gives the whole length", hal_snprintf(text, 4, "%d", 12345) == 5);
+    check("hal_snprintf cuts and terminates", strcmp(text, "123") == 0);
+    check("hal_vsnprintf formats", format(text, sizeof(text), "%s-%d", "a", 7) == 3);
+    check("hal_vsnprintf writes", strcmp(text, "a-7") == 0);
+
+    check("a thread takes a name", hal_thread_name_set("conformance") == 0);
+    check("the kernel has the name",
+          prctl(PR_GET_NAME, text) == 0 && strcmp(text, "conformance") == 0);
+
+    check("the clock runs", util_timestamp() > 0);
+    util_timespec(1234567, &moment);
+    check("milliseconds become seconds", moment.tv_sec == 1234);
+    check("and nanoseconds", moment.tv_nsec == 567000000);
+    check_list();
+}
