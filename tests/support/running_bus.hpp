@@ -181,6 +181,9 @@ public:
         return now >= QOR_USER_CONTEXT_LIFECYCLE_START && now <= QOR_USER_CONTEXT_LIFECYCLE_PAUSE;
     }
 
+    /* Its contexts went with the bus that made them. */
+    void forget() { context_.store(nullptr); }
+
     static Module &of(qor_context_t *context)
     {
         return *static_cast<Module *>(context->module->arg);
@@ -227,6 +230,9 @@ public:
     RunningBus(const std::vector<Module *> &modules, int32_t topics, uint32_t workers = 0)
         : modules_(modules), table_(table_of(modules)), bus_(qor_bus_create(table_.data(), topics))
     {
+        for (Module *module : modules_) {
+            module->forget();
+        }
         if (workers) {
             qor_bus_thread_num_set(bus_, workers);
         }
