@@ -66,7 +66,7 @@ def keys():
 def table():
     assert verification_value() == VERIFICATION_VALUE, hex(verification_value())
     assert read_without_first_byte(bytes([1, 2, 3, 4])) == 0x02030400
-    lines = ["/* SPDX-License-Identifier: Apache-2.0 */",
+    lines = ["/* SPDX-License-" "Identifier: Apache-2.0 */",
              "/* Made by tests/support/hash_answers.py: bytes, seed, hash. */"]
     for key in keys():
         for seed in (0, STRING_SEED):
