@@ -18,8 +18,10 @@ void telemetry_done(struct telemetry *t)
 
 void telemetry_fail(struct telemetry *t)
 {
-    atomic_store(&t->failed, 1);
-    qor_bus_quit(t->bus);
+    if (qor_bus_quitting(t->bus) == 0) { /* one that quits refuses what is sent: no failure */
+        atomic_store(&t->failed, 1);
+        qor_bus_quit(t->bus);
+    }
 }
 
 static int copy(void *to, int32_t room, const void *from, int32_t size)
