@@ -5,5 +5,9 @@
 set -eu
 export LC_ALL=C
 # A variable is defined here too where the program has a copy of it.
-nm -D "$1" | awk '{ sub(/@.*/, "", $NF); print $NF }' | sort -u |
-  comm -13 - "$2" | sed 's/$/: not used/' | { ! grep .; }
+unused=$(nm -D "$1" | awk '{ sub(/@.*/, "", $NF); print $NF }' | sort -u | comm -13 - "$2")
+[ -z "$unused" ] || {
+  # shellcheck disable=SC2086 # a name a line
+  printf 'not used: %s\n' $unused >&2
+  exit 1
+}

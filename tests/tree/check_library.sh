@@ -1,11 +1,13 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 # What the built shared library needs, exports, and must not contain.
-#   usage: check_library.sh LIBRARY EXPORTS
-# EXPORTS has one name a line, sorted in the C locale; it is compared both ways.
+#   usage: check_library.sh LIBRARY EXPORTS [LIBC]
+# EXPORTS has one name a line, sorted in the C locale; it is compared both ways. LIBC is the only
+# library that may be needed.
 set -eu
 library=$1
 exports=$2
+libc=${3:-libc\.so\.6|ld-linux-(armhf|aarch64)\.so\.[0-9]}
 export LC_ALL=C
 have=$(mktemp)
 trap 'rm -f "$have"' EXIT
@@ -15,10 +17,10 @@ bad() {
   status=1
 }
 
-# ld-linux-armhf comes in with the compiler's own start files on 32-bit ARM.
+# ld-linux comes in with the compiler's own start files on ARM.
 needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
 [ -n "$needed" ] || bad 'needs no library at all: is a static C library linked in?'
-extra=$(printf '%s\n' "$needed" | grep -Evx 'libc\.so(\.6)?|ld-linux-armhf\.so\.3' || true)
+extra=$(printf '%s\n' "$needed" | grep -Evx "$libc" || true)
 [ -z "$extra" ] || bad "needs $extra"
 readelf -d "$library" | grep -q 'SONAME.*\[libqor_bus\.so\.1\]' || bad 'is not named libqor_bus.so.1'
 
