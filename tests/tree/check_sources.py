@@ -32,7 +32,7 @@ def licence():
     """Each file names its licence at the top; LICENSE is the Apache licence, version 2.0."""
     folders = ("include", "src", "tests", "examples", "bench", "cmake", "tools")
     for path in files(*folders, kinds=CODE | SCRIPTS) + [ROOT / "CMakeLists.txt", ROOT / "dev"]:
-        if "SPDX-License-Identifier: Apache-2.0" not in "".join(path.read_text().splitlines(True)[:4]):
+        if "SPDX-License-" "Identifier: Apache-2.0" not in "".join(path.read_text().splitlines(True)[:4]):
             yield f"{short(path)}: no SPDX line at the top"
     if "Apache License\n                           Version 2.0" not in (ROOT / "LICENSE").read_text():
         yield "LICENSE: not the Apache licence, version 2.0"
