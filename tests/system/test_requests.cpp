@@ -83,6 +83,7 @@ protected:
 
     Output out;
     Journal journal;
+    Door door; /* outlives the bus, whose workers may stand at it */
     std::mutex mutex;
     int32_t session = -1; /* of the last response, like the following */
     int32_t ret = -1;
@@ -364,8 +365,7 @@ TEST_F(Requests, AListenerHearsTheResultAndTheResponseAfterwards)
 
 TEST_F(Requests, AListenerThatIsHeldUpDoesNotDelayTheResponse)
 {
-    Door door;
-    observer.handle = [&](qor_context_t *, qor_context_msg_t *) { return door.pass() ? 0 : -1; };
+    observer.handle = [this](qor_context_t *, qor_context_msg_t *) { return door.pass() ? 0 : -1; };
     be_up();
     ASSERT_EQ(qor_context_listen(observer.context(), topic, nullptr), 0);
 
