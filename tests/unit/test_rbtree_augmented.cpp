@@ -158,7 +158,7 @@ template <typename Record, typename Check> void change_at_random(int steps, Chec
     AugmentedTree<Record> tree;
     std::map<int, Record *> reference;
     size_t goal = 300;
-    for (int step = 0; step < steps; step++) {
+    for (int step = 0; step < steps;) {
         const int key = static_cast<int>(random() % 1000);
         const auto at = reference.lower_bound(key);
         if (reference.size() == goal) {
@@ -172,7 +172,10 @@ template <typename Record, typename Check> void change_at_random(int steps, Chec
             reference.erase(victim);
         } else if (!reference.count(key)) {
             reference[key] = tree.insert(Record::make(key, random()));
+        } else {
+            continue;
         }
+        step++;
 
         ASSERT_EQ(rb_faults(tree.root), "") << "step " << step;
         ASSERT_TRUE(tree.is_up_to_date()) << "step " << step;

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "await.hpp"
 #include "case_name.hpp"
 #include "hal_sync.hpp"
 #include "output.hpp"
@@ -24,18 +25,6 @@ constexpr int32_t stack_size = 64 * 1024;
 constexpr int32_t unbounded = -1;
 constexpr int32_t no_priority = -1;
 constexpr int32_t stays_long = 60000;
-
-/* Waits until a condition holds; false after ten seconds. */
-bool await(const std::function<bool()> &condition)
-{
-    for (int tries = 0; tries < 10000; tries++) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
 
 std::string thread_name()
 {
