@@ -224,6 +224,9 @@ struct Registration {
     int32_t (*remove)(qor_context_t *, qor_context_topic_t);
     list_head qor_topic_t::*of_topic;
     list_head qor_sched_delegate_t::*of_delegate;
+    hal_thread_mutex_t qor_sched_delegate_t::*mutex;
+    int32_t (*someone)(qor_topic_core_t *, qor_context_topic_t);
+    void (*remove_from_table)(qor_topic_core_t *, qor_context_t *, qor_context_topic_t);
 };
 
 void PrintTo(const Registration &registration, std::ostream *os)
@@ -254,16 +257,20 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(
     All, SchedDelegateRegistration,
-    testing::Values(Registration{"Subscribe", "subscribe", "unsubscribe",
-                                 qor_context_handler_subscribe, qor_context_handler_unsubscribe,
-                                 &qor_topic_t::subscriber_head,
-                                 &qor_sched_delegate_t::subscriber_head},
-                    Registration{"Listen", "listen", "unlisten", qor_context_handler_listen,
-                                 qor_context_handler_unlisten, &qor_topic_t::listener_head,
-                                 &qor_sched_delegate_t::listener_head},
-                    Registration{"Filter", "filter", "unfilter", qor_context_handler_filter,
-                                 qor_context_handler_unfilter, &qor_topic_t::filter_head,
-                                 &qor_sched_delegate_t::filter_head}),
+    testing::Values(
+        Registration{"Subscribe", "subscribe", "unsubscribe", qor_context_handler_subscribe,
+                     qor_context_handler_unsubscribe, &qor_topic_t::subscriber_head,
+                     &qor_sched_delegate_t::subscriber_head,
+                     &qor_sched_delegate_t::subscriber_mutex, qor_topic_core_someone_subscribed,
+                     qor_topic_core_unsubscribe},
+        Registration{"Listen", "listen", "unlisten", qor_context_handler_listen,
+                     qor_context_handler_unlisten, &qor_topic_t::listener_head,
+                     &qor_sched_delegate_t::listener_head, &qor_sched_delegate_t::listener_mutex,
+                     qor_topic_core_someone_listened, qor_topic_core_unlisten},
+        Registration{"Filter", "filter", "unfilter", qor_context_handler_filter,
+                     qor_context_handler_unfilter, &qor_topic_t::filter_head,
+                     &qor_sched_delegate_t::filter_head, &qor_sched_delegate_t::filter_mutex,
+                     qor_topic_core_someone_filtered, qor_topic_core_unfilter}),
     case_name<Registration>);
 
 } // namespace
@@ -362,6 +369,22 @@ TEST_P(SchedDelegateRegistration, OnABadTopicEndsWithTheTablesLine)
     EXPECT_EQ(kind.remove(a.get(), -1), 0);
 
     EXPECT_EQ(out.printed(), bad_topic_line());
+}
+
+TEST_P(SchedDelegateRegistration, ThatIsRemovedBeforeItIsFiledIsNotFiled)
+{
+    hal_thread_mutex_t &mutex = a.delegate()->*kind.mutex;
+    pthread_mutex_lock(&mutex);
+    std::thread registering([&] { EXPECT_EQ(kind.add(a.get(), topic, nullptr), 0); });
+    const bool in_the_table = await([&] { return kind.someone(user, topic) != 0; });
+
+    kind.remove_from_table(user, a.get(), topic);
+    pthread_mutex_unlock(&mutex);
+    registering.join();
+
+    EXPECT_TRUE(in_the_table);
+    EXPECT_EQ(in_topic(user), 0);
+    EXPECT_EQ(length(a.delegate()->*kind.of_delegate), 0);
 }
 
 TEST_P(SchedDelegateRegistration, WithoutDelegateIsReported)
