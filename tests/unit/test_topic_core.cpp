@@ -300,6 +300,24 @@ TEST_F(TopicCore, WalkEndsWhenNothingIsLeftBehindARemovedNode)
     EXPECT_EQ(qor_topic_core_someone_filtered(on.bus.get()->user_topic_core, 0), 0);
 }
 
+TEST_F(TopicCore, WalkDoesNotTurnBackToWhoeverRegistersMeanwhile)
+{
+    Publication on;
+    qor_context_filter(on.a.get(), 0, &on.before);
+    qor_context_filter(on.b.get(), 0, &on.before);
+    on.b.on_message = [&](qor_context_msg_t *) {
+        qor_context_filter(on.c.get(), 0, &on.before);
+        qor_context_unfilter(on.b.get(), 0);
+        return qor_context_unfilter(on.a.get(), 0);
+    };
+
+    on.publish();
+    EXPECT_EQ(on.journal.text(), "b:FILTER_BEFORE");
+
+    on.publish();
+    EXPECT_EQ(on.journal.text(), "b:FILTER_BEFORE c:FILTER_BEFORE");
+}
+
 TEST_F(TopicCore, WalkGoesOnFromANodeThatAnotherThreadRemoves)
 {
     Publication on;
