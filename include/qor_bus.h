@@ -72,7 +72,8 @@ QOR_API void qor_bus_destroy(qor_bus_t *bus);
  *
  * Queued tasks are recycled and waiting workers end, but none is joined; a worker that is inside a
  * task must not come back to the bus. The timer queue and head stay, so a running qor_bus_loop()
- * goes on waiting until somebody quits the timer queue. Contexts and delegates stay as well.
+ * goes on waiting until somebody quits the timer queue, and recycles the timers that fall due
+ * without running them. Contexts and delegates stay as well.
  */
 QOR_API void qor_bus_uninit(qor_bus_t *_this);
 

@@ -154,7 +154,9 @@ QOR_API qor_topic_node_t *qor_topic_core_filter_node_next(qor_topic_core_t *core
  * @param topic    the topic it is for
  * @param context  the context; not owned
  * @param attr     copied as it is; NULL gives mask POINT, point AROUND, priority 0
- * @return         the node, released with qor_topic_node_destroy(), or NULL
+ * @return         the node, released with qor_topic_node_destroy(), or NULL. A caller that links it
+ * into a topic's list under that list's mutex may remove it like any other; it is then freed at
+ * once, so nobody may walk the list.
  *
  * Prints "malloc "qor_topic_node_t" failed." and an empty line.
  */
