@@ -473,8 +473,12 @@ void core_context_close(qor_context_t *context)
         qor_core_context_lifecycle_change(core, QOR_USER_CONTEXT_LIFECYCLE_PAUSE);
     }
     qor_context_unregister(context);
+    /* The inner context alone is stopped, which joins the console whatever the lifecycle says, and
+     * the wrapper does not wait for PAUSE again: the console of a module that goes down later may
+     * have entered it since with a request. */
+    qor_context_stop(core->context);
     if (hal_load(core->lifecycle) < QOR_USER_CONTEXT_LIFECYCLE_STOP) {
-        qor_context_stop(context);
+        qor_core_context_lifecycle_change(core, QOR_USER_CONTEXT_LIFECYCLE_STOP);
     }
     qor_context_uninit(context);
     qor_context_destroy(context);
