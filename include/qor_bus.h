@@ -104,9 +104,9 @@ QOR_API int32_t qor_bus_quitting(qor_bus_t *_this);
  * @return           0, or -1 when the wait is over or the bus quits. Before qor_bus_loop() runs the
  *                   start-up task is queued, so there is something to wait for.
  *
- * Prints "!(_this) == true."; called from a task of this bus it prints "a task of the bus would
- * wait for itself." and returns -1. Other threads may go on posting: 0 says what was so at one
- * moment.
+ * Prints "!(_this) == true."; called from a task of this bus, or from a recycle that its loop
+ * calls, it prints "a task of the bus would wait for itself." and returns -1. Other threads may go
+ * on posting: 0 says what was so at one moment.
  */
 QOR_API int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time);
 
@@ -118,7 +118,9 @@ QOR_API int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time);
  * that failed to come up are freed too. The process can create and run another bus afterwards.
  *
  * Prints "!(_this) == true."; called while the loop runs it prints "the loop is running." and
- * changes nothing. A module with a console must let it return when its unreg is called.
+ * changes nothing. A module with a console must let it return when its unreg is called. Waits for
+ * threads that are inside qor_bus_drain(), which the quit sends away; no other thread of the
+ * application's may use the bus or its contexts any more.
  */
 QOR_API void qor_bus_close(qor_bus_t *_this);
 

@@ -24,7 +24,8 @@ constexpr char file_tag[] = "qor_bus";
 constexpr size_t module_limit = 1024;
 constexpr uint32_t page_size = 4096;
 
-/* The bus that the calling thread works for; a worker's drain would wait for itself. */
+/* The bus that the calling thread works for; a worker's drain would wait for itself, and so would
+ * one by a recycle that the loop calls. */
 __attribute__((tls_model("initial-exec"))) thread_local const qor_bus_t *worked_for;
 
 /* The private block lives behind the reserved list head: like that, it outlives qor_bus_uninit(),
@@ -51,6 +52,7 @@ int32_t bus_head_init(qor_bus_t *bus)
     }
     INIT_LIST_HEAD(&block->head);
     pthread_mutex_init(&block->priv.mutex, nullptr);
+    pthread_cond_init(&block->priv.drained, nullptr);
     INIT_LIST_HEAD(&block->priv.waiters);
     INIT_LIST_HEAD(&block->priv.delegates);
     INIT_LIST_HEAD(&block->priv.failed);
@@ -61,6 +63,7 @@ int32_t bus_head_init(qor_bus_t *bus)
 
 void bus_head_uninit(qor_bus_t *bus)
 {
+    pthread_cond_destroy(&bus->priv->drained);
     pthread_mutex_destroy(&bus->priv->mutex);
     free(bus->head); /* first field of the block */
 }
@@ -200,6 +203,37 @@ bool bus_is_settled(qor_bus_t *bus)
     }
     hal_scoped_lock tasks(bus->que->mutex);
     return que_is_settled_locked(bus->que, hal_load(bus->priv->workers));
+}
+
+/* A thread inside qor_bus_drain(), from construction to destruction. */
+class bus_drain {
+public:
+    explicit bus_drain(qor_bus_private &priv) : priv_(priv)
+    {
+        hal_scoped_lock lock(priv_.mutex);
+        priv_.drains++;
+    }
+    ~bus_drain()
+    {
+        hal_scoped_lock lock(priv_.mutex);
+        if (--priv_.drains == 0) {
+            pthread_cond_broadcast(&priv_.drained);
+        }
+    }
+    bus_drain(const bus_drain &) = delete;
+    bus_drain &operator=(const bus_drain &) = delete;
+
+private:
+    qor_bus_private &priv_;
+};
+
+/* Quit has sent them away, but they may still be about to look at the bus. */
+void bus_drains_await(qor_bus_private &priv)
+{
+    hal_scoped_lock lock(priv.mutex);
+    while (priv.drains > 0) {
+        pthread_cond_wait(&priv.drained, &priv.mutex);
+    }
 }
 
 /* Recycles what is still queued once the queues have quit. */
@@ -351,6 +385,7 @@ int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time)
         return -1;
     }
     QOR_CHECK(_this->time_que, -1);
+    bus_drain under_way(*_this->priv);
     const int64_t deadline = wait_time < 0 ? INT64_MAX : util_timestamp() + wait_time;
     while (!bus_stopping(_this)) {
         if (bus_is_settled(_this)) {
@@ -377,6 +412,7 @@ void qor_bus_close(qor_bus_t *_this)
         }
     }
     qor_bus_quit(_this); /* what modules post while they go down is refused */
+    bus_drains_await(*_this->priv);
     bus_tasks_discard(_this);
     main_contexts_close(_this);
     if (_this->time_que) {
@@ -512,11 +548,13 @@ int32_t qor_bus_loop(qor_bus_t *_this)
     }
     const uint32_t started = bus_workers_start(_this, thread_num, tid, &attr);
     hal_store(priv.workers, started);
+    worked_for = _this;
     bus_timers_serve(_this);
     for (uint32_t i = 0; i < started; i++) {
         pthread_join(tid[i], nullptr);
     }
     bus_loop_leave(_this, priv);
+    worked_for = nullptr;
     pthread_attr_destroy(&attr);
     free(tid);
     return 0;

@@ -12,9 +12,11 @@ struct qor_bus_private {
     int32_t looping;          /* 1 while qor_bus_loop() runs */
     uint32_t workers;         /* how many have started; stored before the loop first waits */
     int32_t gone;             /* 1 once qor_bus_uninit() has run: the loop leaves the bus alone */
-    list_head waiters;        /* bus_waiter::link */
-    list_head delegates;      /* every delegate made for the bus; freed by qor_bus_close() */
-    list_head failed; /* user contexts that were destroyed while others may still name them */
+    uint32_t drains;          /* threads inside qor_bus_drain(); close waits for the last */
+    hal_thread_cond_t drained;
+    list_head waiters;   /* bus_waiter::link */
+    list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
+    list_head failed;    /* user contexts that were destroyed while others may still name them */
 };
 
 /* Tells whether the bus has been asked to end; false for NULL. */

@@ -25,6 +25,7 @@
 #include "qor_main.h"
 #include "qor_mng_module.h"
 #include "running_bus.hpp"
+#include "sleeper.hpp"
 
 namespace {
 
@@ -118,4 +119,67 @@ TEST_F(Stop, AConsoleIsAwaitedWhateverTheModuleHasMadeOfItsLifecycle)
     bus.end();
 
     EXPECT_TRUE(ended);
+}
+
+/* ---- drain ---- */
+
+TEST_F(Stop, ADrainUnderWayLeavesBeforeTheBusIsFreed)
+{
+    for (int round = 0; round < 100; round++) {
+        Module module("module");
+        RunningBus bus({&module});
+        ASSERT_TRUE(bus.up());
+        Door door;
+        ledger.run(bus.get(), [&] { door.pass(); });
+        ASSERT_TRUE(door.await(1));
+        qor_bus_t *const raw = bus.get();
+        Sleeper sleepers[3];
+        std::vector<std::thread> drains;
+        for (Sleeper &sleeper : sleepers) {
+            drains.emplace_back([&] {
+                sleeper.here();
+                EXPECT_EQ(qor_bus_drain(raw, -1), -1);
+            });
+        }
+        for (Sleeper &sleeper : sleepers) {
+            ASSERT_TRUE(await([&] { return sleeper.sleeps(); }));
+        }
+        qor_bus_quit(bus.get());
+        door.open();
+
+        bus.end(); /* a drain that still looks at the bus is reported by the sanitizers */
+
+        for (std::thread &drain : drains) {
+            drain.join();
+        }
+    }
+}
+
+TEST_F(Stop, ADrainByARecycleIsRefusedOnTheLoopThreadToo)
+{
+    struct Timed {
+        qor_bus_t *bus;
+        std::atomic<int> refused, recycles;
+    };
+    Module module("module");
+    RunningBus bus({&module});
+    ASSERT_TRUE(bus.up());
+    Timed timed = {bus.get(), {0}, {0}};
+    qor_context_task_t timer = {};
+    qor_context_task_init(
+        &timer, nullptr, nullptr, 1, [](void *) -> void * { return nullptr; }, &timed);
+    timer.delay = 1;
+    timer.recycle = [](void *arg) {
+        Timed &self = *static_cast<Timed *>(arg);
+        self.refused += qor_bus_drain(self.bus, 2000) < 0;
+        self.recycles++;
+    };
+    const auto begun = std::chrono::steady_clock::now();
+
+    ASSERT_EQ(qor_bus_timer_post(bus.get(), &timer), 0);
+
+    EXPECT_TRUE(await([&] { return timed.recycles == 2; })); /* the loop's, and the worker's */
+    EXPECT_EQ(timed.refused, 2);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
+    EXPECT_EQ(out.count("a task of the bus would wait for itself."), 2);
 }

@@ -30,6 +30,7 @@
 #include "qor_main.h"
 #include "qor_mng_module.h"
 #include "qor_topic_core.h"
+#include "sleeper.hpp"
 #include "test_bus.hpp"
 
 namespace {
@@ -1052,26 +1053,6 @@ module_ptr noting_module(const char *name, Journal &journal)
     module->uninit = [](qor_context_t *context) { note(context, "uninit"); };
     return module;
 }
-
-/* Lets a test wait until another thread sleeps. */
-class Sleeper {
-public:
-    void here() { id_ = gettid(); }
-    bool sleeps() const
-    {
-        if (id_ == 0) {
-            return false;
-        }
-        std::ifstream stat("/proc/self/task/" + std::to_string(id_) + "/stat");
-        std::string text;
-        std::getline(stat, text);
-        const size_t name_end = text.rfind(") ");
-        return name_end != std::string::npos && text[name_end + 2] == 'S';
-    }
-
-private:
-    std::atomic<int> id_{0};
-};
 
 } // namespace
 
