@@ -13,6 +13,7 @@
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
 #include "qor_context_msg.h"
+#include "qor_context_task.h"
 #include "running_bus.hpp"
 
 namespace {
@@ -116,6 +117,44 @@ TEST_F(Fire, AModuleFailsWhileItIsAsked)
         EXPECT_TRUE(
             await([&] { return failing.lifecycle() == QOR_USER_CONTEXT_LIFECYCLE_DESTROY; }));
         cease();
+    }
+}
+
+TEST_F(Fire, AModuleFailsWithRequestsTasksAndTimersUnderWay)
+{
+    static std::atomic<int> recycled;
+    recycled = 0;
+    for (int round = 1; round <= 10; round++) {
+        Module server("server"), failing("failing");
+        server.reg = join;
+        failing.init = [&](qor_context_t *context) {
+            if (!await([&] { return server.started(); })) {
+                return -2;
+            }
+            for (int i = 0; i < 20; i++) {
+                qor_context_req_ret(context, topic, payload, sizeof(payload), 8);
+            }
+            for (int i = 0; i < 70; i++) { /* more than its queue takes */
+                qor_context_task_t task = {};
+                qor_context_task_init(
+                    &task, context, "t", 100000 + i, [](void *arg) { return arg; }, nullptr);
+                task.async = i % 2;
+                task.delay = i % 3; /* at once, or in 1 or 2 ms */
+                task.recycle = [](void *) { recycled++; };
+                EXPECT_EQ(qor_context_handler_post(context, &task), 0);
+            }
+            return -1;
+        };
+        RunningBus bus({&server, &failing});
+
+        EXPECT_TRUE(
+            await([&] { return failing.lifecycle() == QOR_USER_CONTEXT_LIFECYCLE_DESTROY; }));
+        if (round % 2) { /* at times nothing is left by the end, at times something is */
+            EXPECT_TRUE(await([&] { return recycled == 70 * round; }));
+        }
+        bus.end();
+
+        EXPECT_EQ(recycled, 70 * round);
     }
 }
 

@@ -275,6 +275,16 @@ TEST_F(MonitorModule, TheConsoleReturnsWhenTheQueueQuits)
     EXPECT_EQ(out.printed(), "");
 }
 
+TEST_F(MonitorModule, AStartReportAfterTheQuitIsForgotten)
+{
+    qor_time_que_quit(que);
+
+    EXPECT_EQ(start(7), 0);
+
+    EXPECT_EQ(que->count, 0);
+    EXPECT_EQ(out.printed(), "");
+}
+
 TEST_F(MonitorModule, ATaskThatIsDueIsNamedWithItsSessionAndTheTime)
 {
     const int64_t before = util_timestamp();
