@@ -126,9 +126,9 @@ int32_t core_task_bypass(qor_core_context_t *core, qor_time_que_node_t *node, in
 
 /* No run could be scheduled for a node that has just been enqueued: the task is refused, unless a
  * run that was under way has taken it in the meantime. */
-int32_t core_task_take_back(qor_core_context_t *core, qor_time_que_node_t *node)
+int32_t core_task_take_back(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session)
 {
-    if (!time_que_take_back(core->que, node)) {
+    if (!time_que_take_back(core->que, node, static_cast<size_t>(session))) {
         return 0;
     }
     qor_time_que_node_destroy(node, nullptr);
@@ -163,7 +163,7 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
     if (delay > 0) {
         const int32_t timer =
             qor_context_timer(context, run_of(qor_core_context_loop), context, delay);
-        return timer < 0 ? core_task_take_back(core, node) : 0;
+        return timer < 0 ? core_task_take_back(core, node, session) : 0;
     }
     if (!slot) {
         return 0; /* a run that has a slot will take it */
@@ -172,7 +172,7 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
         qor_time_que_lock(core->que);
         slot_give_back_locked(core);
         qor_time_que_unlock(core->que);
-        return core_task_take_back(core, node);
+        return core_task_take_back(core, node, session);
     }
     return 0;
 }

@@ -14,9 +14,9 @@ void time_que_quit_begin(qor_time_que_t *que);
 void time_que_discard_all(qor_time_que_t *que, qor_time_que_node_recycle_t recycle);
 
 /* Takes one particular node out again: 1 when it was still queued and so is the caller's now, else
- * 0. Only its address is looked at, so a node that has long been taken and freed does no harm.
- * Takes the lock; works on a quitting queue too. */
-int32_t time_que_take_back(qor_time_que_t *que, qor_time_que_node_t *node);
+ * 0. The node may long have been taken and freed, and its memory may serve another one that is
+ * queued: that one has another id. Takes the lock; works on a quitting queue too. */
+int32_t time_que_take_back(qor_time_que_t *que, qor_time_que_node_t *node, size_t id);
 
 /* Whether nothing is due and a taker waits. The caller holds the lock. */
 bool time_que_is_settled_locked(const qor_time_que_t *que);

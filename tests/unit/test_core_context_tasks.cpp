@@ -322,6 +322,23 @@ TEST_F(CoreContext, ATaskTakenBeforeTheRefusalCountsAsAccepted)
     EXPECT_EQ(recycled, 1);
 }
 
+TEST_F(CoreContext, ARefusalLeavesATaskThatCameIntoTheNodesPlace)
+{
+    behind.on_post = [this] {
+        behind.on_post = nullptr;
+        loop();                              /* another run takes the node and frees it ... */
+        EXPECT_EQ(post(task("next", 8)), 0); /* ... and its memory serves the next task */
+        return -1;
+    };
+
+    EXPECT_EQ(post(task("t", 7)), 0);
+
+    EXPECT_EQ(core->que->count, 1);
+    behind.run_all();
+    EXPECT_EQ(behind.happened, "start 7 over start 8 over ");
+    EXPECT_EQ(recycled, 2);
+}
+
 /* ---- running ---- */
 
 TEST_F(CoreContext, AnAsyncTaskIsHandedToARunOfItsOwn)
