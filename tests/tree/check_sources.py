@@ -105,7 +105,7 @@ def listed():
 
 def links():
     """What a page links to is there."""
-    for page in [*ROOT.glob("*.md"), *files("docs", "src", "examples", "bench", kinds={".md"})]:
+    for page in [*ROOT.glob("*.md"), *files("docs", "src", "examples", "bench", "packaging", kinds={".md"})]:
         for target in re.findall(r"\]\(([^)#:]+)\)", page.read_text()):
             if not (page.parent / target).exists():
                 yield f"{short(page)}: {target} does not exist"
