@@ -342,7 +342,7 @@ void qor_thread_pool_quit(qor_thread_pool_t *_this)
     qor_que_quit(_this->que);
     hal_scoped_lock lock(_this->que->mutex);
     if (!pool_runs_caller_locked(_this)) {
-        while (_this->thread_num > 0) {
+        while (_this->priv->started > 0) {
             qor_que_wait_locked(_this->que);
         }
     }
