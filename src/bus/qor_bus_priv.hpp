@@ -22,6 +22,13 @@ struct qor_bus_private {
 /* Tells whether the bus has been asked to end; false for NULL. */
 bool bus_stopping(const qor_bus_t *bus);
 
+/* Waits until no thread is inside qor_bus_drain(): quit has sent them away, but they may still be
+ * about to look at the bus. */
+void bus_drains_await(qor_bus_private &priv);
+
+/* Recycles what is still queued once the queues have quit. */
+void bus_tasks_discard(qor_bus_t *bus);
+
 /* A thread that waits on a condition of a context's, from construction to destruction: quit
  * broadcasts the condition, so a waiting loop that also tests bus_stopping() ends. Made before the
  * mutex is taken. A NULL bus is let pass. */

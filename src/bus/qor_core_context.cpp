@@ -1,9 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* User context: the private queue with the runs that drain it, the table that leads the module's
- * calls to the wrapper, and the operations of the class. */
+/* User context: the table that leads the module's calls to the wrapper, and the operations of the
+ * class. Lifecycle and private queue have sources of their own. */
 #include "qor_core_context.h"
-
-#include <string.h>
 
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
@@ -32,164 +30,6 @@ struct core_block {
     qor_core_context_t core;
     qor_core_context_private priv;
 };
-
-qor_context_task_t *task_of(qor_time_que_node_t *node)
-{
-    return static_cast<qor_context_task_t *>(qor_time_que_node_body(node));
-}
-
-/* ---- private queue ---- */
-
-/* Tells the monitor that a task starts or is over. */
-void monitor_report(qor_context_t *context, qor_sys_monitor_task_t *report, int32_t state)
-{
-    report->state = state;
-    qor_context_sysx_req(context, QOR_SYS_MONITOR_TASK, report, sizeof(*report));
-}
-
-void *qor_core_context_task_node_deal(qor_context_t *context, int32_t, void *arg)
-{
-    qor_time_que_node_t *node = static_cast<qor_time_que_node_t *>(arg);
-    qor_context_task_t *task = task_of(node);
-    qor_sys_monitor_task_t report = {};
-    report.session = task->session;
-    strncpy(report.name, task->name, sizeof(report.name) - 1);
-    monitor_report(context, &report, QOR_SYS_MONITOR_TASK_START);
-    /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
-     * Test: CoreContext.ATasksNameStaysOnTheThread. */
-    hal_thread_name_set(task->name);
-    void *result = qor_context_task_excute(task);
-    monitor_report(context, &report, QOR_SYS_MONITOR_TASK_OVER);
-    qor_time_que_node_destroy(node, recycle_of(qor_context_task_uninit));
-    return result;
-}
-
-void core_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
-{
-    const qor_context_task_t *task = task_of(node);
-    if (!task->async) {
-        qor_core_context_task_node_deal(&core->base, task->session, node);
-    } else if (qor_context_runx(&core->base, qor_core_context_task_node_deal, node) < 0) {
-        qor_time_que_node_destroy(node, own_task_discard); /* the bus quits */
-    }
-}
-
-/* Never below 0: runs that timers start give back slots that they have not taken. The caller holds
- * the queue's lock. */
-void slot_give_back_locked(qor_core_context_t *core)
-{
-    if (core->refcount > 0) {
-        core->refcount--;
-    }
-}
-
-/* A loop run. Returns with the queue drained of what is due, or early when the bus quits: a module
- * that keeps posting to itself must not keep its worker. */
-int32_t qor_core_context_loop(qor_context_t *context)
-{
-    qor_core_context_t *core = qor_core_context_type(context);
-    qor_time_que_lock(core->que);
-    while (!bus_stopping(sched_delegate_bus(context))) {
-        qor_time_que_node_t *node = qor_time_que_deque_locked(core->que);
-        if (!node) {
-            break;
-        }
-        qor_time_que_unlock(core->que);
-        core_task_run(core, node);
-        qor_time_que_lock(core->que);
-    }
-    /* Still under the lock that the queue was found empty under: a poster either enqueued before
-     * and was served, or finds the slot free. */
-    /* Deliberate: a run that a timer started took no slot, but gives one back as well.
-     * Test: CoreContext.ARunStartedByATimerGivesASlotBack. */
-    slot_give_back_locked(core);
-    /* Deliberate: nobody looks here when the next node will be due: each delayed task has a timer.
-     * Test: CoreContext.ADelayedTaskIsReachedByItsOwnTimer. */
-    qor_time_que_unlock(core->que);
-    return 0;
-}
-
-/* The queue is full or quits: the task goes to the bus under its own session. */
-int32_t core_task_bypass(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session,
-                         int32_t delay)
-{
-    qor_context_t *wrapper = &core->base;
-    const int32_t posted =
-        delay > 0
-            ? qor_context_timerx_s(wrapper, session, qor_core_context_task_node_deal, node, delay)
-            : qor_context_runx_s(wrapper, session, qor_core_context_task_node_deal, node);
-    if (posted < 0) {
-        qor_time_que_node_destroy(node, nullptr);
-    }
-    return posted;
-}
-
-/* No run could be scheduled for a node that has just been enqueued: the task is refused, unless a
- * run that was under way has taken it in the meantime. */
-int32_t core_task_take_back(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session)
-{
-    if (!time_que_take_back(core->que, node, static_cast<size_t>(session))) {
-        return 0;
-    }
-    qor_time_que_node_destroy(node, nullptr);
-    return -1;
-}
-
-int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t *task)
-{
-    qor_core_context_t *core = qor_core_context_type(context);
-    QOR_CHECK(task, -1);
-    const int32_t session = task->session;
-    const int32_t delay = task->delay;
-    qor_time_que_node_t *node =
-        qor_time_que_node_create(static_cast<size_t>(session), delay, sizeof(qor_context_task_t));
-    if (!node) {
-        QOR_ERR("malloc \"que_node\" failed.");
-        return -1;
-    }
-    qor_context_task_copy(task_of(node), task);
-    qor_time_que_lock(core->que);
-    if (qor_time_que_enque_locked(core->que, node) < 0) {
-        qor_time_que_unlock(core->que);
-        /* Deliberate: past 50 nodes a task is neither refused nor delayed, it overtakes the queue.
-         * Test: CoreContext.TheFiftyFirstTaskGoesStraightToTheBus. */
-        return core_task_bypass(core, node, session, delay);
-    }
-    const bool slot = static_cast<uint32_t>(core->refcount) < core->refcount_max && delay <= 0;
-    if (slot) {
-        core->refcount++;
-    }
-    qor_time_que_unlock(core->que);
-    if (delay > 0) {
-        const int32_t timer =
-            qor_context_timer(context, run_of(qor_core_context_loop), context, delay);
-        return timer < 0 ? core_task_take_back(core, node, session) : 0;
-    }
-    if (!slot) {
-        return 0; /* a run that has a slot will take it */
-    }
-    if (qor_context_run(context, run_of(qor_core_context_loop), context) < 0) {
-        qor_time_que_lock(core->que);
-        slot_give_back_locked(core);
-        qor_time_que_unlock(core->que);
-        return core_task_take_back(core, node, session);
-    }
-    return 0;
-}
-
-/* Takes a task out of the private queue; 0 when it was there. Its loop run or timer stays, and
- * finds nothing then. */
-int32_t core_task_cancel(qor_core_context_t *core, int32_t session)
-{
-    qor_time_que_node_t *node = qor_time_que_remove(core->que, static_cast<size_t>(session));
-    if (!node) {
-        return -1;
-    }
-    qor_time_que_node_destroy(node, own_task_discard);
-    return 0;
-}
-
-/* ---- the module's way to the wrapper ---- */
 
 qor_context_t *wrapper_of(qor_context_t *inner)
 {
@@ -291,8 +131,6 @@ qor_context_handler_t qor_core_context_handler = {
     /* 14 cancel */ qor_core_context_cancel,
     /* 15 cancelx */ qor_core_context_cancelx,
 };
-
-/* ---- class operations ---- */
 
 int32_t qor_core_context_constructor(qor_core_context_t *core, qor_context_module_t *module)
 {
@@ -455,16 +293,6 @@ qor_context_cls_t qor_core_context_class = {
     /* 12 handle_task */ qor_core_context_handle_task,
     /* 13 loop */ qor_core_context_loop,
 };
-
-qor_context_runx_t core_context_node_run()
-{
-    return qor_core_context_task_node_deal;
-}
-
-qor_context_run_t core_context_loop_run()
-{
-    return run_of(qor_core_context_loop);
-}
 
 void core_context_close(qor_context_t *context)
 {

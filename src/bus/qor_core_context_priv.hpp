@@ -5,6 +5,18 @@
 
 #include "qor_core_context.h"
 
+/* The class's handle_task: queues a copy of the task and schedules a run for it. */
+int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t *task);
+
+/* The class's loop, and a task's function: a loop run. Returns with the queue drained of what is
+ * due, or early when the bus quits: a module that keeps posting to itself must not keep its worker.
+ */
+int32_t qor_core_context_loop(qor_context_t *context);
+
+/* Takes a task out of the private queue and discards it; 0 when it was there. Its loop run or timer
+ * stays, and finds nothing then. */
+int32_t core_task_cancel(qor_core_context_t *core, int32_t session);
+
 /* The function of a task that runs a node of a private queue. Its argument is that node, which it
  * destroys itself, so the task has no recycle: whoever discards it destroys the node. */
 qor_context_runx_t core_context_node_run();

@@ -16,11 +16,6 @@
 #include "qor_topic_core_priv.hpp"
 #include "qor_util.hpp"
 
-struct qor_sched_delegate_private {
-    list_head link; /* in the bus's list of delegates */
-    int32_t closed; /* 1 once destroyed: registrations are refused; read without a common lock */
-};
-
 namespace {
 
 constexpr char file_tag[] = "qor_sched_delegate";
@@ -30,106 +25,9 @@ struct delegate_block {
     qor_sched_delegate_private priv;
 };
 
-/* What the three kinds of registration differ in. */
-struct delegate_kind {
-    list_head qor_sched_delegate_t::*head;
-    hal_thread_mutex_t qor_sched_delegate_t::*mutex;
-    qor_topic_node_t *(*add)(qor_topic_core_t *, qor_context_t *, qor_context_topic_t,
-                             qor_context_topic_attr_t *);
-    void (*remove)(qor_topic_core_t *, qor_context_t *, qor_context_topic_t);
-    void (*remove_node)(qor_topic_core_t *, qor_topic_node_t *);
-};
-
-constexpr delegate_kind subscribers = {
-    &qor_sched_delegate_t::subscriber_head, &qor_sched_delegate_t::subscriber_mutex,
-    qor_topic_core_subscribe, qor_topic_core_unsubscribe, qor_topic_core_unsubscribe_by_node};
-constexpr delegate_kind listeners = {&qor_sched_delegate_t::listener_head,
-                                     &qor_sched_delegate_t::listener_mutex, qor_topic_core_listen,
-                                     qor_topic_core_unlisten, qor_topic_core_unlisten_by_node};
-constexpr delegate_kind filters = {&qor_sched_delegate_t::filter_head,
-                                   &qor_sched_delegate_t::filter_mutex, qor_topic_core_filter,
-                                   qor_topic_core_unfilter, qor_topic_core_unfilter_by_node};
-
-qor_sched_delegate_t *delegate_of(const qor_context_t *context)
-{
-    return static_cast<qor_sched_delegate_t *>(context->pub_data);
-}
-
-qor_topic_core_t *delegate_table(const qor_sched_delegate_t *delegate)
-{
-    return qor_bus_topic_core_get(delegate->bus, delegate->role);
-}
-
 const char *name_of(qor_context_t *context)
 {
     return qor_context_module_name_get(context);
-}
-
-/* The context's delegate; without one, NULL and the calling operation's line. */
-qor_sched_delegate_t *delegate_checked(const qor_context_t *context, const char *func)
-{
-    qor_sched_delegate_t *delegate = delegate_of(context);
-    if (!delegate) {
-        qor_check_failed(file_tag, func, __LINE__, "_this");
-    }
-    return delegate;
-}
-
-/* The printed name is the calling operation's. */
-int32_t delegate_register(const delegate_kind &kind, qor_context_t *context,
-                          qor_context_topic_t topic, qor_context_topic_attr_t *attr,
-                          const char *func)
-{
-    qor_sched_delegate_t *_this = delegate_checked(context, func);
-    if (!_this) {
-        return -1;
-    }
-    qor_topic_core_t *table = delegate_table(_this);
-    /* Another thread may remove the node between the two steps. */
-    topic_dispatch under_way(table, topic);
-    qor_topic_node_t *node = kind.add(table, context, topic, attr);
-    if (!node) {
-        QOR_LINE("err", func, "create node failed.");
-        return -1;
-    }
-    hal_scoped_lock lock(_this->*kind.mutex);
-    if (topic_node_removed(node)) {
-        return 0;
-    }
-    if (hal_load(_this->priv->closed)) {
-        kind.remove_node(table, node);
-        QOR_LINE("err", func, "create node failed.");
-        return -1;
-    }
-    list_add_tail(&node->context_node, &(_this->*kind.head));
-    return 0;
-}
-
-int32_t delegate_unregister(const delegate_kind &kind, qor_context_t *context,
-                            qor_context_topic_t topic, const char *func)
-{
-    qor_sched_delegate_t *_this = delegate_checked(context, func);
-    if (!_this) {
-        return -1;
-    }
-    hal_scoped_lock lock(_this->*kind.mutex);
-    kind.remove(delegate_table(_this), context, topic);
-    return 0;
-}
-
-/* Both locks are held together, delegate first, so that no unregistering finds the node in between.
- */
-void delegate_unregister_all(const delegate_kind &kind, qor_sched_delegate_t *delegate)
-{
-    hal_scoped_lock lock(delegate->*kind.mutex);
-    list_head &head = delegate->*kind.head;
-    while (!list_empty(&head)) {
-        list_head *link = head.next;
-        list_del(link);
-        kind.remove_node(
-            delegate_table(delegate),
-            util_container<qor_topic_node_t, offsetof(qor_topic_node_t, context_node)>(link));
-    }
 }
 
 /* Enters and returns the context of a topic's newest subscriber, or NULL. */
@@ -312,39 +210,6 @@ int32_t qor_sched_delegate_session(qor_context_t *context, int32_t *session)
     return 0;
 }
 
-int32_t qor_sched_delegate_subscribe(qor_context_t *context, qor_context_topic_t topic,
-                                     qor_context_topic_attr_t *attr)
-{
-    return delegate_register(subscribers, context, topic, attr, __func__);
-}
-
-int32_t qor_sched_delegate_unsubscribe(qor_context_t *context, qor_context_topic_t topic)
-{
-    return delegate_unregister(subscribers, context, topic, __func__);
-}
-
-int32_t qor_sched_delegate_listen(qor_context_t *context, qor_context_topic_t topic,
-                                  qor_context_topic_attr_t *attr)
-{
-    return delegate_register(listeners, context, topic, attr, __func__);
-}
-
-int32_t qor_sched_delegate_unlisten(qor_context_t *context, qor_context_topic_t topic)
-{
-    return delegate_unregister(listeners, context, topic, __func__);
-}
-
-int32_t qor_sched_delegate_filter(qor_context_t *context, qor_context_topic_t topic,
-                                  qor_context_topic_attr_t *attr)
-{
-    return delegate_register(filters, context, topic, attr, __func__);
-}
-
-int32_t qor_sched_delegate_unfilter(qor_context_t *context, qor_context_topic_t topic)
-{
-    return delegate_unregister(filters, context, topic, __func__);
-}
-
 /* Both publications begin with this; the printed name is theirs. */
 int32_t message_check(qor_context_t *publisher, const qor_context_msg_t *msg, const char *func)
 {
@@ -498,6 +363,25 @@ qor_context_handler_t qor_sched_delegate_handler = {
 
 } // namespace
 
+qor_sched_delegate_t *delegate_of(const qor_context_t *context)
+{
+    return static_cast<qor_sched_delegate_t *>(context->pub_data);
+}
+
+qor_sched_delegate_t *delegate_checked(const qor_context_t *context, const char *func)
+{
+    qor_sched_delegate_t *delegate = delegate_of(context);
+    if (!delegate) {
+        qor_check_failed(file_tag, func, __LINE__, "_this");
+    }
+    return delegate;
+}
+
+qor_topic_core_t *delegate_table(const qor_sched_delegate_t *delegate)
+{
+    return qor_bus_topic_core_get(delegate->bus, delegate->role);
+}
+
 qor_bus_t *sched_delegate_bus(const qor_context_t *context)
 {
     return context->handler == &qor_sched_delegate_handler ? delegate_of(context)->bus : nullptr;
@@ -554,8 +438,5 @@ void qor_sched_delegate_destroy(qor_sched_delegate_t *_this)
     QOR_CHECK_VOID(_this);
     /* Deliberate: the record and its locks stay, a task that is still queued may name them.
      * Test: SchedDelegate.DestroyLeavesTheRecord. */
-    hal_store(_this->priv->closed, 1); /* a registration under way takes itself back */
-    delegate_unregister_all(subscribers, _this);
-    delegate_unregister_all(listeners, _this);
-    delegate_unregister_all(filters, _this);
+    delegate_unregister_all(_this);
 }

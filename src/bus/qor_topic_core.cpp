@@ -6,40 +6,20 @@
 #include "hal_sync.hpp"
 #include "qor_diag.hpp"
 #include "qor_topic_core_priv.hpp"
+#include "qor_topic_epoch.hpp"
 #include "qor_util.hpp"
 
-struct qor_topic_core_private;
-
 namespace {
+
+constexpr char file_tag[] = "qor_topic_core";
 
 /* What a registration has behind its public fields. */
 struct topic_node {
     qor_topic_node_t node;
     qor_topic_core_private *home; /* of its topic; NULL for a node that the table did not link */
     int32_t removed;              /* written under the list's mutex, read without it */
-    topic_node *retired;          /* the next node that waits to be freed */
+    topic_retired retired;        /* while it waits to be freed */
 };
-
-} // namespace
-
-/* One per topic. Dispatches count themselves into one of two epochs. Nodes that are removed in the
- * current epoch wait until it can be closed, which needs the older one to be empty; they are freed
- * when the last dispatch of the closed epoch has left. So a topic that is never quiet still gives
- * memory back. */
-struct qor_topic_core_private {
-    hal_thread_mutex_t mutex; /* guards what follows, but for entered and left */
-    uint32_t entered;         /* bit 0: the current epoch; above: entries into it, modulo 2^31 */
-    uint32_t left[2];         /* exits from either epoch, modulo 2^32 */
-    uint32_t closed;          /* entries into the older epoch when it was closed, modulo 2^31 */
-    int32_t pending;          /* nodes wait to be freed; read without the mutex at each exit */
-    topic_node *waiting;      /* removed in the current epoch */
-    topic_node *closing;      /* removed before: the older epoch's dispatches may stand on them */
-};
-
-namespace {
-
-constexpr char file_tag[] = "qor_topic_core";
-constexpr uint32_t entries_mask = UINT32_MAX >> 1;
 
 qor_topic_node_t *node_of(list_head *link)
 {
@@ -51,61 +31,17 @@ topic_node *whole_node(qor_topic_node_t *node)
     return reinterpret_cast<topic_node *>(node); /* the public part is the first field */
 }
 
-void topic_nodes_free(topic_node *first)
-{
-    for (topic_node *next; first; first = next) {
-        next = first->retired;
-        free(first);
-    }
-}
-
-/* Closes the current epoch as often as the older one is empty, and frees what nobody can stand on.
- */
-void topic_reclaim(qor_topic_core_private &topic)
-{
-    topic_node *unreachable = nullptr;
-    {
-        hal_scoped_lock lock(topic.mutex);
-        uint32_t older = ~__atomic_load_n(&topic.entered, __ATOMIC_SEQ_CST) & 1;
-        while ((__atomic_load_n(&topic.left[older], __ATOMIC_SEQ_CST) & entries_mask) ==
-               topic.closed) {
-            for (topic_node *node; (node = topic.closing) != nullptr;) {
-                topic.closing = node->retired;
-                node->retired = unreachable;
-                unreachable = node;
-            }
-            if (!topic.waiting) {
-                __atomic_store_n(&topic.pending, 0, __ATOMIC_SEQ_CST);
-                break;
-            }
-            topic.closing = topic.waiting;
-            topic.waiting = nullptr;
-            __atomic_store_n(&topic.left[older], 0, __ATOMIC_SEQ_CST);
-            topic.closed = __atomic_exchange_n(&topic.entered, older, __ATOMIC_SEQ_CST) >> 1;
-            older ^= 1;
-        }
-    }
-    topic_nodes_free(unreachable);
-}
-
 /* Hands a node that has left its lists over to be freed. One that its maker linked, not the table,
  * is freed at once: its maker knows who walks it. */
 void topic_node_retire(qor_topic_node_t *node)
 {
-    if (!whole_node(node)->home) {
-        free(node);
+    topic_node *whole = whole_node(node);
+    if (!whole->home) {
+        free(whole);
         return;
     }
-    qor_topic_core_private &topic = *whole_node(node)->home;
-    {
-        hal_scoped_lock lock(topic.mutex);
-        whole_node(node)->retired = topic.waiting;
-        topic.waiting = whole_node(node);
-        /* Before the epoch is closed: a dispatch that leaves too late to be counted by
-         * topic_reclaim() below sees this and reclaims itself. */
-        __atomic_store_n(&topic.pending, 1, __ATOMIC_SEQ_CST);
-    }
-    topic_reclaim(topic);
+    whole->retired.block = whole;
+    topic_epoch_retire(*whole->home, &whole->retired);
 }
 
 /* Takes a node out of both lists. The caller holds the topic list's mutex, and the delegate's when
@@ -269,7 +205,7 @@ void topic_init(qor_topic_t &topic, qor_topic_core_private &priv, int32_t number
     pthread_mutex_init(&topic.subscriber_mutex, nullptr);
     pthread_mutex_init(&topic.listener_mutex, nullptr);
     pthread_mutex_init(&topic.filter_mutex, nullptr);
-    pthread_mutex_init(&priv.mutex, nullptr);
+    topic_epoch_init(priv);
 }
 
 void topic_uninit(qor_topic_t &topic, qor_topic_core_private &priv)
@@ -277,9 +213,7 @@ void topic_uninit(qor_topic_t &topic, qor_topic_core_private &priv)
     pthread_mutex_destroy(&topic.subscriber_mutex);
     pthread_mutex_destroy(&topic.listener_mutex);
     pthread_mutex_destroy(&topic.filter_mutex);
-    pthread_mutex_destroy(&priv.mutex);
-    topic_nodes_free(priv.waiting);
-    topic_nodes_free(priv.closing);
+    topic_epoch_uninit(priv);
 }
 
 } // namespace
@@ -288,18 +222,14 @@ topic_dispatch::topic_dispatch(qor_topic_core_t *core, qor_context_topic_t topic
     : topic_(topic >= 0 && topic < core->id_max ? &core->priv[topic] : nullptr), epoch_(0)
 {
     if (topic_) {
-        epoch_ = __atomic_fetch_add(&topic_->entered, 2, __ATOMIC_SEQ_CST) & 1;
+        epoch_ = topic_epoch_enter(*topic_);
     }
 }
 
 topic_dispatch::~topic_dispatch()
 {
-    if (!topic_) {
-        return;
-    }
-    __atomic_fetch_add(&topic_->left[epoch_], 1, __ATOMIC_SEQ_CST);
-    if (__atomic_load_n(&topic_->pending, __ATOMIC_SEQ_CST)) {
-        topic_reclaim(*topic_);
+    if (topic_) {
+        topic_epoch_leave(*topic_, epoch_);
     }
 }
 

@@ -18,8 +18,8 @@ RANKS = [
     "qor_context_msg qor_context_task qor_recycle qor_thread_pool",  # 4 records, pool
     "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
     " qor_context_forward",                                   # 5 context model
-    "qor_topic_core qor_bus qor_sched_delegate",              # 6 dispatch
-    "qor_core_context qor_core_context_lifecycle qor_impl_context"
+    "qor_topic_epoch qor_topic_core qor_bus qor_bus_loop qor_sched_register qor_sched_delegate",              # 6 dispatch
+    "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
     " qor_own_task",                                          # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
     "qor_main",                                               # 9 start-up
@@ -33,6 +33,7 @@ UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),
     ("qor_bus.cpp", "qor_main_priv.hpp"),
     ("qor_bus.cpp", "qor_own_task.hpp"),
+    ("qor_bus_loop.cpp", "qor_own_task.hpp"),
     ("qor_context_core.cpp", "qor_impl_context.h"),
 }
 RANK = {name: rank for rank, names in enumerate(RANKS) for name in names.split()}
