@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The private queue of a user context: takes tasks, and the runs on the bus's workers drain it. */
+#include <stdlib.h>
 #include <string.h>
 
 #include "qor_bus_priv.hpp"
@@ -65,7 +66,10 @@ void slot_give_back_locked(qor_core_context_t *core)
     }
 }
 
-/* The queue is full or quits: the task goes to the bus under its own session. */
+/* The queue is full or quits: the task goes to the bus under its own session.
+ *
+ * Deliberate: past 50 nodes a task is neither refused nor delayed, it overtakes the queue.
+ * Test: CoreContext.TheFiftyFirstTaskGoesStraightToTheBus. */
 int32_t core_task_bypass(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session,
                          int32_t delay)
 {
@@ -91,6 +95,74 @@ int32_t core_task_take_back(qor_core_context_t *core, qor_time_que_node_t *node,
     return -1;
 }
 
+/* A task that is due needs a loop run when a slot is free. Its memory is had before the task is
+ * enqueued: once it is, others rely on that run. A context that is not attached to a bus has its
+ * run posted by whatever handler table it has. */
+struct loop_run {
+    bool needed;
+    qor_que_node_t *node; /* NULL when not needed, or not attached */
+};
+
+/* The caller holds the queue's lock. -1 without memory. */
+int32_t loop_run_reserve_locked(qor_core_context_t *core, loop_run *run)
+{
+    run->needed = static_cast<uint32_t>(core->refcount) < core->refcount_max;
+    if (run->needed && sched_delegate_bus(&core->base)) {
+        run->node = sched_delegate_run_node();
+        return run->node ? 0 : -1;
+    }
+    return 0;
+}
+
+int32_t loop_run_post(qor_core_context_t *core, const loop_run *run)
+{
+    qor_context_t *wrapper = &core->base;
+    const qor_context_run_t loop = run_of(qor_core_context_loop);
+    const int32_t posted = run->node ? sched_delegate_run_post(wrapper, run->node, loop)
+                                     : qor_context_run(wrapper, loop, wrapper);
+    if (posted < 0) {
+        qor_time_que_lock(core->que);
+        slot_give_back_locked(core);
+        qor_time_que_unlock(core->que);
+    }
+    return posted;
+}
+
+/* Queues a task that is due, and a run for it unless one that has a slot will take it. */
+int32_t core_task_now(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session)
+{
+    loop_run run = {};
+    qor_time_que_lock(core->que);
+    if (loop_run_reserve_locked(core, &run) < 0) {
+        qor_time_que_unlock(core->que);
+        qor_time_que_node_destroy(node, nullptr);
+        return -1;
+    }
+    if (qor_time_que_enque_locked(core->que, node) < 0) {
+        qor_time_que_unlock(core->que);
+        free(run.node);
+        return core_task_bypass(core, node, session, 0);
+    }
+    core->refcount += run.needed;
+    qor_time_que_unlock(core->que);
+    if (run.needed && loop_run_post(core, &run) < 0) {
+        return core_task_take_back(core, node, session);
+    }
+    return 0;
+}
+
+/* Queues a task that is due later, and a timer that starts a run then, slot or no slot. */
+int32_t core_task_later(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session,
+                        int32_t delay)
+{
+    if (qor_time_que_enque(core->que, node) < 0) {
+        return core_task_bypass(core, node, session, delay);
+    }
+    qor_context_t *wrapper = &core->base;
+    const int32_t timer = qor_context_timer(wrapper, run_of(qor_core_context_loop), wrapper, delay);
+    return timer < 0 ? core_task_take_back(core, node, session) : 0;
+}
+
 } // namespace
 
 int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t *task)
@@ -106,33 +178,8 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
         return -1;
     }
     qor_context_task_copy(task_of(node), task);
-    qor_time_que_lock(core->que);
-    if (qor_time_que_enque_locked(core->que, node) < 0) {
-        qor_time_que_unlock(core->que);
-        /* Deliberate: past 50 nodes a task is neither refused nor delayed, it overtakes the queue.
-         * Test: CoreContext.TheFiftyFirstTaskGoesStraightToTheBus. */
-        return core_task_bypass(core, node, session, delay);
-    }
-    const bool slot = static_cast<uint32_t>(core->refcount) < core->refcount_max && delay <= 0;
-    if (slot) {
-        core->refcount++;
-    }
-    qor_time_que_unlock(core->que);
-    if (delay > 0) {
-        const int32_t timer =
-            qor_context_timer(context, run_of(qor_core_context_loop), context, delay);
-        return timer < 0 ? core_task_take_back(core, node, session) : 0;
-    }
-    if (!slot) {
-        return 0; /* a run that has a slot will take it */
-    }
-    if (qor_context_run(context, run_of(qor_core_context_loop), context) < 0) {
-        qor_time_que_lock(core->que);
-        slot_give_back_locked(core);
-        qor_time_que_unlock(core->que);
-        return core_task_take_back(core, node, session);
-    }
-    return 0;
+    return delay > 0 ? core_task_later(core, node, session, delay)
+                     : core_task_now(core, node, session);
 }
 
 int32_t qor_core_context_loop(qor_context_t *context)

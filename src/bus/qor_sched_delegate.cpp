@@ -313,6 +313,14 @@ int32_t qor_sched_delegate_syscall(qor_context_t *context, qor_context_msg_t *ms
     return handed;
 }
 
+void post_refused(qor_context_t *context, const qor_context_task_t *task, const char *func)
+{
+    /* Deliberate: one text for tasks and timers, even when no timer was asked for.
+     * Test: SchedDelegate.ARefusedPostSpeaksOfATimer. */
+    QOR_LINE("err", func, "create a timer failed, source:%s, task:%s, session=%d", name_of(context),
+             task->name, task->session);
+}
+
 int32_t qor_sched_delegate_post(qor_context_t *context, qor_context_task_t *task)
 {
     qor_sched_delegate_t *_this = delegate_of(context);
@@ -321,10 +329,7 @@ int32_t qor_sched_delegate_post(qor_context_t *context, qor_context_task_t *task
     const int32_t posted =
         task->delay < 1 ? qor_bus_post(_this->bus, task) : qor_bus_timer_post(_this->bus, task);
     if (posted < 0) {
-        /* Deliberate: one text for both, even when no timer was asked for.
-         * Test: SchedDelegate.ARefusedPostSpeaksOfATimer. */
-        QOR_ERR("create a timer failed, source:%s, task:%s, session=%d", name_of(context),
-                task->name, task->session);
+        post_refused(context, task, __func__);
         return -1;
     }
     return 0;
@@ -385,6 +390,25 @@ qor_topic_core_t *delegate_table(const qor_sched_delegate_t *delegate)
 qor_bus_t *sched_delegate_bus(const qor_context_t *context)
 {
     return context->handler == &qor_sched_delegate_handler ? delegate_of(context)->bus : nullptr;
+}
+
+qor_que_node_t *sched_delegate_run_node()
+{
+    return qor_que_node_create(0, sizeof(qor_context_task_t));
+}
+
+int32_t sched_delegate_run_post(qor_context_t *context, qor_que_node_t *node, qor_context_run_t run)
+{
+    qor_bus_t *bus = delegate_of(context)->bus;
+    qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_que_node_body(node));
+    qor_context_task_init(task, context, nullptr, qor_bus_session(bus), run, context);
+    node->id = static_cast<size_t>(task->session);
+    if (qor_que_enque(bus->que, node) < 0) {
+        post_refused(context, task, "qor_sched_delegate_post");
+        qor_que_node_destroy(node, nullptr);
+        return -1;
+    }
+    return 0;
 }
 
 qor_context_runx_t sched_delegate_relay()

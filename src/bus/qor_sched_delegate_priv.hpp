@@ -36,6 +36,15 @@ void delegate_unregister_all(qor_sched_delegate_t *delegate);
 /* The bus that a context is attached to; NULL when it is not. */
 qor_bus_t *sched_delegate_bus(const qor_context_t *context);
 
+/* A node for a run of a context's, made before it is known whether the bus will take it. NULL
+ * without memory; goes back with free() while it is unused. */
+qor_que_node_t *sched_delegate_run_node();
+
+/* Posts such a run(context) under a fresh session. 0, or -1 and the line of a refused post when the
+ * bus quits; the node is used up in either case. */
+int32_t sched_delegate_run_post(qor_context_t *context, qor_que_node_t *node,
+                                qor_context_run_t run);
+
 /* The function of the relay task. Its argument is a message clone that travels on, so the task has
  * no recycle: whoever discards it frees the clone. */
 qor_context_runx_t sched_delegate_relay();
