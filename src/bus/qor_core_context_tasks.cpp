@@ -145,10 +145,10 @@ int32_t core_task_now(qor_core_context_t *core, qor_time_que_node_t *node, int32
     }
     core->refcount += run.needed;
     qor_time_que_unlock(core->que);
-    if (run.needed && loop_run_post(core, &run) < 0) {
-        return core_task_take_back(core, node, session);
-    }
-    return 0;
+    /* A run that has a slot takes the task, unless the bus quits: then it ends first. */
+    const bool refused =
+        run.needed ? loop_run_post(core, &run) < 0 : bus_stopping(sched_delegate_bus(&core->base));
+    return refused ? core_task_take_back(core, node, session) : 0;
 }
 
 /* Queues a task that is due later, and a timer that starts a run then, slot or no slot. */
