@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "qor_impl_context.h"
 
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -466,7 +467,8 @@ TEST_P(ImplContextStack, IsAWholeMultipleOf64KiB)
     ASSERT_EQ(qor_context_start(context), 0);
     qor_context_stop(context);
 
-    if (stacks_are_exact) {
+    /* 64-bit ARM refuses stacks below 128 KiB: the thread then has the system's default. */
+    if (stacks_are_exact && GetParam().given >= static_cast<size_t>(PTHREAD_STACK_MIN)) {
         EXPECT_EQ(console.stack_size, GetParam().given);
     } else {
         EXPECT_GE(console.stack_size, GetParam().given);

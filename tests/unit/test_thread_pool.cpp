@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr int32_t stack_size = 64 * 1024;
+constexpr int32_t stack_size = 128 * 1024; /* the least that 64-bit ARM accepts */
 constexpr int32_t unbounded = -1;
 constexpr int32_t no_priority = -1;
 constexpr int32_t stays_long = 60000;
