@@ -110,7 +110,7 @@ TEST_F(Lifetimes, AListenerMayBeRemovedByAnotherThreadWhileItRuns)
 
 TEST_F(Lifetimes, RegistrationsMeetTheirRemovalUnderRequests)
 {
-    constexpr int times = 1500;
+    constexpr int times = 60000; /* of each thread, and however often it takes them all */
     Module server("server"), other("other");
     for (Module *module : {&server, &other}) {
         module->handle = [](qor_context_t *, qor_context_msg_t *) { return 0; };
@@ -119,26 +119,33 @@ TEST_F(Lifetimes, RegistrationsMeetTheirRemovalUnderRequests)
     ASSERT_TRUE(bus.up());
     qor_context_subscribe(server.context(), topic, nullptr);
     std::atomic<bool> over{false};
-    std::thread asking([&] {
+    std::atomic<int> removals[2] = {};
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
         while (!over) {
             request_inline(server);
         }
     });
-    std::thread registering([&] {
-        for (int i = 0; i < times; i++) {
-            EXPECT_EQ(qor_context_subscribe(other.context(), topic, nullptr), 0);
-            EXPECT_EQ(qor_context_filter(other.context(), topic, nullptr), 0);
-        }
-    });
-    for (int i = 0; i < times; i++) {
-        EXPECT_EQ(qor_context_unsubscribe(other.context(), topic), 0);
-        EXPECT_EQ(qor_context_unfilter(other.context(), topic), 0);
+    for (std::atomic<int> &count : removals) { /* between the two steps of a registration, too */
+        threads.emplace_back([&] {
+            for (; !over; count++) {
+                EXPECT_EQ(qor_context_unsubscribe(other.context(), topic), 0);
+                EXPECT_EQ(qor_context_unfilter(other.context(), topic), 0);
+            }
+        });
     }
-    registering.join();
+    int registrations = 0;
+    while (registrations < times || removals[0] < times || removals[1] < times) {
+        EXPECT_EQ(qor_context_subscribe(other.context(), topic, nullptr), 0);
+        EXPECT_EQ(qor_context_filter(other.context(), topic, nullptr), 0);
+        registrations++;
+    }
     over = true;
-    asking.join();
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
 
-    for (int i = 0; i < times; i++) {
+    while (registrations-- > 0) {
         qor_context_unsubscribe(other.context(), topic);
         qor_context_unfilter(other.context(), topic);
     }
@@ -251,39 +258,37 @@ TEST_F(Lifetimes, AQueueMayQuitWithGiversTakersAndCancelsInside)
 {
     for (int round = 0; round < 20; round++) {
         Module module("module");
-        module.descriptor.refcount = 2;
-        RunningBus bus({&module});
+        RunningBus bus({&module}, 3, 1);
         ASSERT_TRUE(bus.up());
         qor_bus_t *const raw = bus.get();
         std::vector<std::thread> threads;
         std::atomic<int> posted{0};
-        for (int i = 0; i < 3; i++) {
-            threads.emplace_back([&, i] {
+        std::atomic<bool> discarded{false};
+        for (int kind = 0; kind < 3; kind++) { /* faster than the worker */
+            threads.emplace_back([&, kind] {
                 while (!qor_bus_quitting(raw)) {
                     int32_t session = -1;
                     qor_context_session(module.context(), &session);
-                    if (i == 0) {
-                        ledger.run(raw, nullptr);
+                    if (kind == 0) {
+                        ledger.run(raw, [] { std::this_thread::yield(); });
                     } else {
-                        ledger.post(module.context(), session, i == 1 ? 0 : 1, i % 2, nullptr);
+                        ledger.post(module.context(), session, kind == 1 ? 0 : 1, 1, nullptr);
                     }
                     posted++;
                 }
             });
         }
-        threads.emplace_back([&] {
-            while (!qor_bus_quitting(raw)) {
-                int32_t session = -1;
-                qor_context_session(module.context(), &session);
-                for (int back = 1; back < 6; back++) {
-                    qor_bus_cancel(raw, session - back);
-                    qor_context_timer_cancel(module.context(), session - back);
-                }
-            }
+        threads.emplace_back([&] { /* while the loop thread discards, too */
+                                   for (int32_t session = 0; !discarded;
+                                        session = (session + 1) % 2000) {
+                                       qor_bus_cancel(raw, session);
+                                       qor_context_timer_cancel(module.context(), session);
+                                   }
         });
-        ASSERT_TRUE(await([&] { return posted > 200; }));
+        ASSERT_TRUE(await([&] { return posted > 1000; }));
 
-        qor_bus_quit(raw);
+        bus.quit();
+        discarded = true;
 
         for (std::thread &thread : threads) {
             thread.join();
