@@ -945,6 +945,7 @@ TEST_F(BusLoop, DrainEndsWithItsTime)
     Gate gate;
     job.body = [&] { gate.pass(); };
     qor_bus_run(bus, Job::run, &job, nullptr);
+    ASSERT_TRUE(await([&] { return gate.waiting() == 1; }));
     const int64_t begun = now();
 
     EXPECT_EQ(qor_bus_drain(bus, 50), -1);
