@@ -32,6 +32,7 @@ struct Message {
     Message(std::string request, std::string response)
         : req(std::move(request)), res(std::move(response))
     {
+        std::memset(&msg, 0, sizeof(msg)); /* the padding too: records are compared byte by byte */
         qor_context_msg_fill_full(&msg, 11, 7, req.data(), static_cast<int32_t>(req.size()),
                                   res.data(), static_cast<int32_t>(res.size()));
     }
