@@ -199,7 +199,7 @@ TEST_F(CoreContext, ALoopRunLeavesWhatIsNotDue)
 
 TEST_F(CoreContext, ADelayedTaskIsReachedByItsOwnTimer)
 {
-    ASSERT_EQ(post(task("later", 1, 5)), 0);
+    ASSERT_EQ(post(task("later", 1, 500)), 0);
     loop();
     ASSERT_EQ(behind.posted.size(), 1u); /* a run that finds nothing due schedules nothing */
 
