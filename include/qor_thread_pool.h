@@ -11,7 +11,7 @@ QOR_BEGIN_DECLS
 
 /** A thread of a pool. Records of temporary threads are freed by the thread when it ends. */
 struct qor_thread_pool_thread {
-    qor_thread_pool_t *pool; /**< the pool it works for */
+    qor_thread_pool_t *pool; /**< the pool it works for; NULL if its priority was refused */
     int32_t wait_time;       /**< milliseconds without a task after which it ends; -1 is never */
     int32_t identity;        /**< its number; the idle thread is named "qor_thread:<number>" */
     int32_t resident;        /**< 1: lives until quit; 0: temporary */

@@ -122,7 +122,6 @@ void *qor_thread_pool_loop(void *arg)
 int32_t qor_thread_pool_create_thread(qor_thread_pool_t *pool, qor_thread_pool_thread_t *thread)
 {
     hal_thread_attr_t attr;
-    thread->pool = pool;
     if (pthread_attr_init(&attr) != 0) {
         return -1;
     }
@@ -134,6 +133,7 @@ int32_t qor_thread_pool_create_thread(qor_thread_pool_t *pool, qor_thread_pool_t
         (void)pthread_attr_destroy(&attr);
         return -1;
     }
+    thread->pool = pool;
     hal_thread_t tid; /* not the record's: a temporary one may be gone before this is written */
     /* Deliberate: a thread that the system does not create is not reported and stays counted in
      * thread_num, so that no other takes its place. Only quit must not wait for it.
