@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 
 #include "../../src/bus/qor_context_forward.hpp"
+#include "actor.hpp"
 #include "output.hpp"
+#include "qor_topic_core.h"
 #include "recording_context.hpp"
+#include "test_bus.hpp"
 
 namespace {
 
@@ -207,22 +210,34 @@ TEST(ContextHandler, NullArgumentsAreHandedOn)
 {
     Output out;
     RecordingContext context;
-    context.attr = &some_attr;
-    context.session_at = &drawn_session;
-    context.msg_at = &some_msg;
-    context.task_at = &some_task;
 
-    EXPECT_EQ(qor_context_handler_session(context.get(), nullptr), 0);
-    EXPECT_EQ(qor_context_handler_subscribe(context.get(), -1, nullptr), 0);
-    EXPECT_EQ(qor_context_handler_publish(context.get(), nullptr), 0);
-    EXPECT_EQ(qor_context_handler_post(context.get(), nullptr), 0);
+    for (auto draw_call : {qor_context_handler_session, qor_context_session}) {
+        context.session_at = &drawn_session;
+        EXPECT_EQ(draw_call(context.get(), nullptr), 0);
+        EXPECT_EQ(context.session_at, nullptr);
+    }
+    for (auto attr_call :
+         {qor_context_handler_subscribe, qor_context_handler_listen, qor_context_handler_filter,
+          qor_context_subscribe, qor_context_listen, qor_context_filter}) {
+        context.attr = &some_attr;
+        EXPECT_EQ(attr_call(context.get(), -1, nullptr), 0);
+        EXPECT_EQ(context.topic, -1);
+        EXPECT_EQ(context.attr, nullptr);
+    }
+    for (auto msg_call : {qor_context_handler_publish, qor_context_handler_publishx,
+                          qor_context_handler_syscall, qor_context_handler_syscallx}) {
+        context.msg_at = &some_msg;
+        EXPECT_EQ(msg_call(context.get(), nullptr), 0);
+        EXPECT_EQ(context.msg_at, nullptr);
+    }
+    for (auto task_call : {qor_context_handler_post, qor_context_handler_postx}) {
+        context.task_at = &some_task;
+        EXPECT_EQ(task_call(context.get(), nullptr), 0);
+        EXPECT_EQ(context.task_at, nullptr);
+    }
 
-    EXPECT_EQ(context.slots, "session subscribe publish post");
-    EXPECT_EQ(context.session_at, nullptr);
-    EXPECT_EQ(context.topic, -1);
-    EXPECT_EQ(context.attr, nullptr);
-    EXPECT_EQ(context.msg_at, nullptr);
-    EXPECT_EQ(context.task_at, nullptr);
+    EXPECT_EQ(context.slots, "session session subscribe listen filter subscribe listen filter "
+                             "publish publishx syscall syscallx post postx");
     EXPECT_EQ(out.printed(), "");
 }
 
@@ -235,6 +250,23 @@ TEST(ContextHandler, UnlistenShortcutRemovesTheSubscription)
 
     EXPECT_EQ(qor_context_handler_unlisten(context.get(), some_topic), 0);
     EXPECT_EQ(context.slots, "unsubscribe unlisten");
+}
+
+TEST(ContextHandler, UnlistenOnTheBusLeavesTheListenerInPlace)
+{
+    Journal journal;
+    Actor actor(journal, "a");
+    PumpedBus bus;
+    qor_sched_delegate_t *delegate = actor.attach(bus.get(), QOR_BUS_ROLE_USER);
+    qor_topic_core_t *table = qor_bus_topic_core_get(bus.get(), QOR_BUS_ROLE_USER);
+    ASSERT_EQ(qor_context_subscribe(actor.get(), 1, nullptr), 0);
+    ASSERT_EQ(qor_context_listen(actor.get(), 1, nullptr), 0);
+
+    EXPECT_EQ(qor_context_unlisten(actor.get(), 1), 0);
+
+    EXPECT_EQ(qor_topic_core_someone_subscribed(table, 1), 0);
+    EXPECT_EQ(qor_topic_core_someone_listened(table, 1), 1);
+    qor_sched_delegate_destroy(delegate);
 }
 
 TEST(ContextHandler, PostxForwardGoesToPost)

@@ -222,6 +222,31 @@ TEST(ContextMsg, UncopiedPartsShareThePointer)
     EXPECT_EQ(clone->response.size, 0);
 }
 
+TEST(ContextMsg, ResponseOfSizeZeroTakesNoRoom)
+{
+    Message source("abc", "");
+
+    Clone clone(qor_context_msg_clone(&source.msg));
+
+    ASSERT_NE(clone, nullptr);
+    EXPECT_EQ(clone->response.buf, source.res.data());
+    EXPECT_EQ(clone->response.size, 0);
+    EXPECT_EQ(bytes(clone->buf, 7), std::string("abc\xAA\x55\0\0", 7));
+}
+
+TEST(ContextMsg, PartsOfOneByteAreCopied)
+{
+    Message source("q", "r");
+
+    Clone clone(qor_context_msg_clone(&source.msg));
+
+    ASSERT_NE(clone, nullptr);
+    EXPECT_EQ(clone->request.buf, clone->buf);
+    EXPECT_EQ(clone->response.buf, clone->buf + 3);
+    EXPECT_EQ(bytes(clone->buf, 6), "q\xAA\x55"
+                                    "r\x55\xAA");
+}
+
 TEST(ContextMsg, UncopiedRequestKeepsANegativeSize)
 {
     char request[1];
