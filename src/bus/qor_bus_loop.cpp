@@ -79,8 +79,9 @@ void bus_timer_expire(qor_bus_t *bus, qor_bus_private &priv, qor_time_que_node_t
         hal_scoped_lock lock(priv.mutex);
         posted = !priv.gone && qor_bus_post(bus, task) == 0;
     }
-    /* Deliberate: the copy that was posted keeps its recycle, so a timer's recycle runs here,
-     * before the task, and again after the task. Test: BusLoop.ATimerIsRecycledTwice. */
+    /* Deliberate: the copy that was posted keeps its recycle, so a timer's recycle runs here, where
+     * a worker may have begun the task already, and again after the task.
+     * Test: BusLoop.ATimerIsRecycledTwice. */
     qor_time_que_node_destroy(node,
                               posted ? recycle_of(qor_context_task_uninit) : own_task_discard);
 }
