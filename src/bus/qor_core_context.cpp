@@ -17,10 +17,6 @@
 #include "qor_time_que_priv.hpp"
 #include "qor_util.hpp"
 
-struct qor_core_context_private {
-    list_head failed; /* in the bus's list of destroyed contexts */
-};
-
 namespace {
 
 constexpr char file_tag[] = "qor_core_context";

@@ -5,6 +5,11 @@
 
 #include "qor_core_context.h"
 
+struct qor_core_context_private {
+    list_head failed;  /* in the bus's list of destroyed contexts */
+    uint32_t enqueued; /* tasks so far, modulo 2^32; guarded by the private queue's lock */
+};
+
 /* The class's handle_task: queues a copy of the task and schedules a run for it. */
 int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t *task);
 

@@ -18,9 +18,20 @@ namespace {
 
 constexpr char file_tag[] = "qor_core_context";
 
+/* The body of a node of the private queue. */
+struct task_body {
+    qor_context_task_t task; /* first: it is what the queue's recycle releases */
+    uint32_t number;         /* counts the nodes of a queue: no two that are there share it */
+};
+
+task_body *body_of(qor_time_que_node_t *node)
+{
+    return static_cast<task_body *>(qor_time_que_node_body(node));
+}
+
 qor_context_task_t *task_of(qor_time_que_node_t *node)
 {
-    return static_cast<qor_context_task_t *>(qor_time_que_node_body(node));
+    return &body_of(node)->task;
 }
 
 /* Tells the monitor that a task starts or is over. */
@@ -84,11 +95,25 @@ int32_t core_task_bypass(qor_core_context_t *core, qor_time_que_node_t *node, in
     return posted;
 }
 
+/* Gives a node its number and enqueues it. -1 when the queue does not take it. The caller holds the
+ * queue's lock. */
+int32_t core_task_enque_locked(qor_core_context_t *core, qor_time_que_node_t *node,
+                               uint32_t *number)
+{
+    *number = body_of(node)->number = core->priv->enqueued++;
+    return qor_time_que_enque_locked(core->que, node);
+}
+
+bool body_has_number(const void *body, uint32_t number)
+{
+    return static_cast<const task_body *>(body)->number == number;
+}
+
 /* No run could be scheduled for a node that has just been enqueued: the task is refused, unless a
  * run that was under way has taken it in the meantime. */
-int32_t core_task_take_back(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session)
+int32_t core_task_take_back(qor_core_context_t *core, qor_time_que_node_t *node, uint32_t number)
 {
-    if (!time_que_take_back(core->que, node, static_cast<size_t>(session))) {
+    if (!time_que_take_back(core->que, node, body_has_number, number)) {
         return 0;
     }
     qor_time_que_node_destroy(node, nullptr);
@@ -138,7 +163,8 @@ int32_t core_task_now(qor_core_context_t *core, qor_time_que_node_t *node, int32
         qor_time_que_node_destroy(node, nullptr);
         return -1;
     }
-    if (qor_time_que_enque_locked(core->que, node) < 0) {
+    uint32_t number = 0;
+    if (core_task_enque_locked(core, node, &number) < 0) {
         qor_time_que_unlock(core->que);
         free(run.node);
         return core_task_bypass(core, node, session, 0);
@@ -148,19 +174,23 @@ int32_t core_task_now(qor_core_context_t *core, qor_time_que_node_t *node, int32
     /* A run that has a slot takes the task, unless the bus quits: then it ends first. */
     const bool refused =
         run.needed ? loop_run_post(core, &run) < 0 : bus_stopping(sched_delegate_bus(&core->base));
-    return refused ? core_task_take_back(core, node, session) : 0;
+    return refused ? core_task_take_back(core, node, number) : 0;
 }
 
 /* Queues a task that is due later, and a timer that starts a run then, slot or no slot. */
 int32_t core_task_later(qor_core_context_t *core, qor_time_que_node_t *node, int32_t session,
                         int32_t delay)
 {
-    if (qor_time_que_enque(core->que, node) < 0) {
+    qor_time_que_lock(core->que);
+    uint32_t number = 0;
+    const int32_t queued = core_task_enque_locked(core, node, &number);
+    qor_time_que_unlock(core->que);
+    if (queued < 0) {
         return core_task_bypass(core, node, session, delay);
     }
     qor_context_t *wrapper = &core->base;
     const int32_t timer = qor_context_timer(wrapper, run_of(qor_core_context_loop), wrapper, delay);
-    return timer < 0 ? core_task_take_back(core, node, session) : 0;
+    return timer < 0 ? core_task_take_back(core, node, number) : 0;
 }
 
 } // namespace
@@ -172,7 +202,7 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
     const int32_t session = task->session;
     const int32_t delay = task->delay;
     qor_time_que_node_t *node =
-        qor_time_que_node_create(static_cast<size_t>(session), delay, sizeof(qor_context_task_t));
+        qor_time_que_node_create(static_cast<size_t>(session), delay, sizeof(task_body));
     if (!node) {
         QOR_ERR("malloc \"que_node\" failed.");
         return -1;

@@ -151,14 +151,15 @@ void time_que_discard_all(qor_time_que_t *que, qor_time_que_node_recycle_t recyc
     }
 }
 
-int32_t time_que_take_back(qor_time_que_t *que, qor_time_que_node_t *node, size_t id)
+int32_t time_que_take_back(qor_time_que_t *que, qor_time_que_node_t *node,
+                           bool (*is_it)(const void *body, uint32_t number), uint32_t number)
 {
     hal_scoped_lock lock(que->mutex);
     list_head *link = que->head.next;
     while (link != &que->head && link != &node->node) {
         link = link->next;
     }
-    if (link == &que->head || node->id != id) {
+    if (link == &que->head || !is_it(node->body, number)) {
         return 0;
     }
     time_que_take(que, node);

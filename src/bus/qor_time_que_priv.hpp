@@ -15,8 +15,10 @@ void time_que_discard_all(qor_time_que_t *que, qor_time_que_node_recycle_t recyc
 
 /* Takes one particular node out again: 1 when it was still queued and so is the caller's now, else
  * 0. The node may long have been taken and freed, and its memory may serve another one that is
- * queued: that one has another id. Takes the lock; works on a quitting queue too. */
-int32_t time_que_take_back(qor_time_que_t *que, qor_time_que_node_t *node, size_t id);
+ * queued, even one of the same id: is_it() tells by the body, which the number is handed on for.
+ * Takes the lock; works on a quitting queue too. */
+int32_t time_que_take_back(qor_time_que_t *que, qor_time_que_node_t *node,
+                           bool (*is_it)(const void *body, uint32_t number), uint32_t number);
 
 /* Whether nothing is due and a taker waits. The caller holds the lock. */
 bool time_que_is_settled_locked(const qor_time_que_t *que);

@@ -324,19 +324,28 @@ TEST_F(CoreContext, ATaskTakenBeforeTheRefusalCountsAsAccepted)
 
 TEST_F(CoreContext, ARefusalLeavesATaskThatCameIntoTheNodesPlace)
 {
-    behind.on_post = [this] {
-        behind.on_post = nullptr;
-        loop();                              /* another run takes the node and frees it ... */
-        EXPECT_EQ(post(task("next", 8)), 0); /* ... and its memory serves the next task */
-        return -1;
-    };
+    for (int32_t session = 100; session < 110; session++) { /* then glibc uses freed memory again */
+        ASSERT_EQ(post(task("t", session, 60000)), 0);
+    }
+    for (int32_t session = 100; session < 110; session++) {
+        ASSERT_EQ(qor_context_timer_cancel(inner, session), 0);
+    }
+    recycled = 0;
+    for (const int32_t session : {8, 7}) { /* another session, and the same */
+        behind.on_post = [this, session] {
+            behind.on_post = nullptr;
+            loop(); /* another run takes the node, frees it ... */
+            EXPECT_EQ(post(task("next", session)), 0); /* ... and its memory serves the next task */
+            return -1;
+        };
 
-    EXPECT_EQ(post(task("t", 7)), 0);
+        EXPECT_EQ(post(task("t", 7)), 0) << session;
 
-    EXPECT_EQ(core->que->count, 1);
-    behind.run_all();
-    EXPECT_EQ(behind.happened, "start 7 over start 8 over ");
-    EXPECT_EQ(recycled, 2);
+        EXPECT_EQ(core->que->count, 1) << session;
+        behind.run_all();
+    }
+    EXPECT_EQ(behind.happened, "start 7 over start 8 over start 7 over start 7 over ");
+    EXPECT_EQ(recycled, 4);
 }
 
 /* ---- running ---- */
