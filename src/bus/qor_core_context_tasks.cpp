@@ -47,7 +47,7 @@ void *qor_core_context_task_node_deal(qor_context_t *context, int32_t, void *arg
     qor_context_task_t *task = task_of(node);
     qor_sys_monitor_task_t report = {};
     report.session = task->session;
-    memcpy(report.name, task->name, sizeof(report.name) - 1); /* the last byte stays 0 */
+    memcpy(report.name, task->name, strnlen(task->name, sizeof(report.name) - 1));
     monitor_report(context, &report, QOR_SYS_MONITOR_TASK_START);
     /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
      * Test: CoreContext.ATasksNameStaysOnTheThread. */

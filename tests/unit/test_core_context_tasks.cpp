@@ -407,6 +407,17 @@ TEST_F(CoreContext, AReportCarriesAtMost31Characters)
     EXPECT_EQ(std::string(behind.reports.at(0).name, 32), std::string(31, 'n') + '\0');
 }
 
+TEST_F(CoreContext, AReportCarriesNothingFromBehindTheName)
+{
+    qor_context_task_t named = task("t", 7);
+    std::memcpy(named.name, "ab\0cd", 5);
+    ASSERT_EQ(post(named), 0);
+
+    behind.run(0);
+
+    EXPECT_EQ(std::string(behind.reports.at(0).name, 32), "ab" + std::string(30, '\0'));
+}
+
 TEST_F(CoreContext, TheRecycleFollowsTheOverReport)
 {
     static Behind *trace;
