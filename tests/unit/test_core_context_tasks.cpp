@@ -104,9 +104,9 @@ TEST_F(CoreContext, OneLoopRunTakesAllThatIsDue)
 
 TEST_F(CoreContext, ALoopRunTakesTasksInOrderOfTheirDueTime)
 {
-    ASSERT_EQ(post(task("late", 1, -1000)), 0);
-    ASSERT_EQ(post(task("earlier", 2, -3000)), 0);
-    ASSERT_EQ(post(task("between", 3, -2000)), 0);
+    ASSERT_EQ(post(task("late", 1, -1000000)), 0);
+    ASSERT_EQ(post(task("earlier", 2, -3000000)), 0);
+    ASSERT_EQ(post(task("between", 3, -2000000)), 0);
 
     behind.run(0);
 
@@ -199,15 +199,16 @@ TEST_F(CoreContext, ALoopRunLeavesWhatIsNotDue)
 
 TEST_F(CoreContext, ADelayedTaskIsReachedByItsOwnTimer)
 {
-    ASSERT_EQ(post(task("later", 1, 500)), 0);
+    ASSERT_EQ(post(task("later", 1, 60000)), 0);
     loop();
     ASSERT_EQ(behind.posted.size(), 1u); /* a run that finds nothing due schedules nothing */
+    EXPECT_EQ(behind.happened, "");
+    qor_time_que_node_t *node = qor_time_que_remove(core->que, 1); /* let a minute pass */
+    ASSERT_NE(node, nullptr);
+    qor_time_que_node_update(node, 1, 0);
+    ASSERT_EQ(qor_time_que_enque(core->que, node), 0);
 
-    ASSERT_TRUE(await([&] {
-        int32_t delay = 1;
-        return qor_time_que_next_delay(core->que, &delay) == 0 && delay <= 0;
-    }));
-    behind.run(0);
+    behind.run(0); /* the timer's */
 
     EXPECT_EQ(behind.happened, "start 1 over ");
 }
@@ -280,6 +281,25 @@ TEST_F(CoreContext, DelayedTasksFillTheQueueAsWell)
 
     EXPECT_EQ(behind.posted.back().session, 51);
     EXPECT_EQ(core->refcount, 0);
+}
+
+TEST_F(CoreContext, AQueueThatQuitsSendsTasksStraightToTheBus)
+{
+    qor_time_que_quit(core->que);
+
+    EXPECT_EQ(post(task("now", 7)), 0);
+    EXPECT_EQ(post(task("later", 8, 700)), 0);
+
+    EXPECT_EQ(core->refcount, 0);
+    ASSERT_EQ(behind.posted.size(), 2u);
+    EXPECT_EQ(behind.posted[0].session, 7);
+    EXPECT_EQ(behind.posted[0].delay, 0);
+    EXPECT_EQ(behind.posted[1].session, 8);
+    EXPECT_EQ(behind.posted[1].delay, 700);
+    behind.run_all();
+    EXPECT_EQ(behind.happened, "start 7 over start 8 over ");
+    EXPECT_EQ(recycled, 2);
+    EXPECT_EQ(out.printed(), "");
 }
 
 TEST_F(CoreContext, ATaskThatTheBusRefusesStaysTheCallers)
@@ -585,6 +605,20 @@ TEST_F(CoreContextOnABus, AFiftyFirstTaskIsCancelledUnderItsOwnSession)
 
     EXPECT_EQ(recycled, 1);
     EXPECT_EQ(core->que->count, 50);
+    to_recycle = 51;
+}
+
+TEST_F(CoreContextOnABus, ADelayedFiftyFirstTaskIsNotFoundByCancel)
+{
+    for (int32_t session = 101; session <= 150; session++) {
+        ASSERT_EQ(post(session), 0);
+    }
+    ASSERT_EQ(post(151, 60000), 0);
+
+    EXPECT_EQ(qor_context_timer_cancel(inner, 151), -1);
+
+    EXPECT_EQ(recycled, 0);
+    EXPECT_EQ(out.count("cancel a timer failed, source:gauge, session=151"), 1);
     to_recycle = 51;
 }
 
