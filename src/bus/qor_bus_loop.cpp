@@ -190,7 +190,9 @@ int32_t qor_bus_loop(qor_bus_t *_this)
     QOR_CHECK(_this, -1);
     /* Read once: a task may set it while the workers are being started. */
     const uint32_t thread_num = hal_load(_this->thread_num);
-    hal_thread_t *tid = static_cast<hal_thread_t *>(calloc(thread_num, sizeof(*tid)));
+    /* Never no bytes: for those a C library may give NULL. */
+    hal_thread_t *tid =
+        static_cast<hal_thread_t *>(calloc(thread_num ? thread_num : 1, sizeof(*tid)));
     QOR_CHECK(tid, -1);
     hal_thread_attr_t attr;
     pthread_attr_init(&attr);

@@ -246,9 +246,10 @@ qor_topic_core_t *qor_topic_core_create(int32_t id_max)
                                                              follows. */
         return nullptr;
     }
-    /* One block for the public and the private half of all topics. */
+    /* One block for the public and the private half of all topics; without any it has room for one,
+     * as a C library may give NULL for no bytes. */
     const size_t count = static_cast<size_t>(id_max);
-    void *topics = calloc(count, sizeof(qor_topic_t) + sizeof(qor_topic_core_private));
+    void *topics = calloc(count ? count : 1, sizeof(qor_topic_t) + sizeof(qor_topic_core_private));
     if (!topics) {
         QOR_ERR("malloc a lots of \"qor_topic_t\" failed.\n"); /* Deliberate: own newline, an empty
                                                                   line follows. */

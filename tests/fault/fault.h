@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Makes chosen calls of the library fail. Linked into the test build of the library (see fault.c).
+/* Makes chosen calls of the library fail, and gives no block for an allocation of no bytes. Linked
+ * into the test build of the library (see fault.c).
  */
 #ifndef QOR_TESTS_FAULT_H
 #define QOR_TESTS_FAULT_H

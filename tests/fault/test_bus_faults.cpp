@@ -279,6 +279,18 @@ TEST(BusFaults, ThePriorityGoesIntoTheAttribute)
     EXPECT_EQ(fault_sched_priority(), 17);
 }
 
+TEST(BusFaults, ALoopWithoutWorkersNeedsNoMemoryForThem)
+{
+    Output out;
+    PumpedBus bus;
+    qor_bus_thread_num_set(bus.get(), 0);
+    qor_bus_quit(bus.get());
+
+    EXPECT_EQ(qor_bus_loop(bus.get()), 0);
+
+    EXPECT_EQ(out.printed(), "");
+}
+
 TEST(BusFaults, ANegativePriorityLeavesTheAttributeAlone)
 {
     PumpedBus bus;

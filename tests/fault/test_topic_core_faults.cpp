@@ -94,6 +94,17 @@ TEST(TopicCoreFaults, TableIsTwoBlocksAndGoesBack)
     EXPECT_EQ(fault_live(), 0);
 }
 
+TEST(TopicCoreFaults, ATableWithoutTopicsNeedsNoMemoryForThem)
+{
+    Output out;
+
+    qor_topic_core_t *table = qor_topic_core_create(0);
+
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(out.printed(), "");
+    qor_topic_core_destroy(table);
+}
+
 TEST(TopicCoreFaults, NodeWithoutMemoryIsReported)
 {
     Output out;
