@@ -33,6 +33,8 @@ FAULT_API int fault_fired(fault_kind kind);
 FAULT_API int fault_live(void);
 /* The priority that the library last put into a thread attribute. */
 FAULT_API int fault_sched_priority(void);
+/* The priority that a thread of the library has last asked for itself. */
+FAULT_API int fault_own_priority(void);
 
 #ifdef __cplusplus
 }

@@ -60,6 +60,10 @@ INSTANTIATE_TEST_SUITE_P(
                      "[qor_topic_core][err][qor_topic_core_create]:malloc \"qor_topic_core_t\" "
                      "failed.\n\n"
                      "[qor_bus][err][qor_bus_init]:sys_topic_core create failed.\n"},
+        CreationCase{"SystemTopics", 5,
+                     "[qor_topic_core][err][qor_topic_core_create]:malloc a lots of "
+                     "\"qor_topic_t\" failed.\n\n"
+                     "[qor_bus][err][qor_bus_init]:sys_topic_core create failed.\n"},
         CreationCase{"TaskQueue", 6,
                      "[qor_que][err][qor_que_create]:!(_this) == true.\n"
                      "[qor_bus][err][qor_bus_init]:create \"qor_que_t\" failed.\n"}),
@@ -277,6 +281,34 @@ TEST(BusFaults, ThePriorityGoesIntoTheAttribute)
     EXPECT_EQ(qor_bus_loop(bus.get()), 0);
 
     EXPECT_EQ(fault_sched_priority(), 17);
+}
+
+TEST(BusFaults, EachWorkerAsksForThePriorityItself)
+{
+    std::atomic<int> runs{0};
+    LoopingBus looping(/* workers */ 1);
+    qor_bus_cancel(looping.get(), 0);
+    qor_bus_priority_set(looping.get(), 23);
+
+    looping.start();
+    qor_bus_run(looping.get(), count_run, &runs, nullptr);
+    EXPECT_TRUE(await([&] { return runs == 1; }));
+
+    EXPECT_EQ(fault_own_priority(), 23);
+}
+
+TEST(BusFaults, WithoutPriorityNoWorkerAsksForOne)
+{
+    std::atomic<int> runs{0};
+    LoopingBus looping(/* workers */ 1);
+    const int before = fault_own_priority();
+    qor_bus_cancel(looping.get(), 0);
+
+    looping.start();
+    qor_bus_run(looping.get(), count_run, &runs, nullptr);
+    EXPECT_TRUE(await([&] { return runs == 1; }));
+
+    EXPECT_EQ(fault_own_priority(), before);
 }
 
 TEST(BusFaults, ALoopWithoutWorkersNeedsNoMemoryForThem)
