@@ -7,10 +7,10 @@
 #include <functional>
 #include <thread>
 
-/* Waits until the condition holds; false when it does not within ten seconds. */
+/* Waits until the condition holds; false when it does not within a minute. */
 inline bool await(const std::function<bool()> &condition)
 {
-    for (int tries = 0; tries < 5000; tries++) {
+    for (int tries = 0; tries < 30000; tries++) {
         if (condition()) {
             return true;
         }

@@ -58,7 +58,7 @@ int Output::count(const std::string &part) const
 
 bool Output::await(const std::string &part, int times) const
 {
-    for (int tries = 0; tries < 500; tries++) {
+    for (int tries = 0; tries < 6000; tries++) {
         if (count(part) >= times) {
             return true;
         }

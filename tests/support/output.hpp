@@ -24,7 +24,7 @@ public:
     /* How often a text occurs in printed(). */
     int count(const std::string &part) const;
 
-    /* Waits until the text has been printed at least `times` times; false after five seconds. */
+    /* Waits until the text has been printed at least `times` times; false after a minute. */
     bool await(const std::string &part, int times = 1) const;
 
     void clear();
