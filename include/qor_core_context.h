@@ -38,7 +38,8 @@ struct qor_core_context {
     qor_context_t *context;     /**< the module's context; stays when the wrapper is destroyed */
     int32_t active_refcount;    /**< entries less leaves, modulo 2^32; guarded by mutex */
     volatile int32_t lifecycle; /**< written under mutex, read without */
-    hal_thread_cond_t cond;     /**< broadcast on every change of lifecycle but resume's */
+    hal_thread_cond_t cond;     /**< broadcast on every change of lifecycle but resume's, and on
+                                     every pause */
     hal_thread_mutex_t mutex;   /**< a leaf: no other lock is taken under it */
     uint32_t refcount_max;      /**< most loop runs at once */
     int32_t refcount;           /**< loop runs scheduled or running; guarded by the queue's lock */

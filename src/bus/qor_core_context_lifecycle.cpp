@@ -113,6 +113,8 @@ int32_t qor_core_context_lifecycle_resume(qor_core_context_t *_this)
         {
             hal_scoped_lock lock(_this->mutex);
             if (started() && _this->lifecycle <= QOR_USER_CONTEXT_LIFECYCLE_PAUSE) {
+                /* Deliberate: no broadcast. This is done for each delivery, and who waits here
+                 * waits for other changes. Test: Lifecycle.ResumeMakesNoBroadcast. */
                 hal_store(_this->lifecycle, QOR_USER_CONTEXT_LIFECYCLE_RESUME);
                 active_refcount_add(_this, 1);
                 return 0;

@@ -2,8 +2,8 @@
 #include "qor_core_context.h"
 
 #include <future>
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -13,6 +13,7 @@
 #include "qor_bus.h"
 #include "qor_sched_delegate.h"
 #include "running_bus.hpp"
+#include "sleeper.hpp"
 
 namespace {
 
@@ -67,18 +68,42 @@ protected:
     Output out;
 };
 
-using Call = std::future<int32_t>;
+/* A call that is expected to wait, on a thread of its own. */
+class Call {
+public:
+    template <typename F>
+    explicit Call(F function)
+        : sleeper_(std::make_unique<Sleeper>()),
+          result_(std::async(std::launch::async, [function, sleeper = sleeper_.get()] {
+              sleeper->here();
+              return function();
+          }))
+    {
+    }
 
-/* Makes a call that is expected to wait, on a thread of its own. */
+    int32_t get() { return result_.get(); }
+
+    bool returned(int milliseconds = 0) const
+    {
+        return result_.wait_for(std::chrono::milliseconds(milliseconds)) ==
+               std::future_status::ready;
+    }
+
+    /* Tells whether it has got to wait and goes on waiting; gives one that was woken the time to
+     * return. */
+    bool waits() const
+    {
+        return await([this] { return sleeper_->sleeps() || returned(); }) && !returned(30);
+    }
+
+private:
+    std::unique_ptr<Sleeper> sleeper_;
+    std::future<int32_t> result_;
+};
+
 template <typename F> Call begin(F function, qor_core_context_t *core)
 {
-    return std::async(std::launch::async, [=] { return function(core); });
-}
-
-/* Tells whether the call is still waiting; gives one that does not wait the time to return. */
-bool waits(const Call &call)
-{
-    return call.wait_for(std::chrono::milliseconds(30)) == std::future_status::timeout;
+    return Call([=] { return function(core); });
 }
 
 } // namespace
@@ -329,17 +354,79 @@ TEST_F(Lifecycle, TheCountWraps)
     EXPECT_EQ(core->active_refcount, INT32_MAX);
 }
 
+/* ---- who is woken ---- */
+
+namespace {
+
+/* A thread that waits for one broadcast of the context's condition. */
+class Listener {
+public:
+    explicit Listener(qor_core_context_t *core)
+        : call_([core] {
+              pthread_mutex_lock(&core->mutex);
+              pthread_cond_wait(&core->cond, &core->mutex);
+              pthread_mutex_unlock(&core->mutex);
+              return 0;
+          })
+    {
+    }
+
+    bool waits() const { return call_.waits(); }
+    void end() { call_.get(); }
+
+private:
+    Call call_;
+};
+
+struct BroadcastCase {
+    const char *name;
+    int32_t from;
+    int32_t (*operation)(qor_core_context_t *);
+};
+
+} // namespace
+
+class LifecycleBroadcast : public Lifecycle, public testing::WithParamInterface<BroadcastCase> {};
+
+TEST_P(LifecycleBroadcast, WakesWhoeverWaits)
+{
+    be(GetParam().from);
+    Listener first(core), second(core);
+    ASSERT_TRUE(first.waits());
+    ASSERT_TRUE(second.waits());
+
+    EXPECT_EQ(GetParam().operation(core), 0);
+
+    first.end();
+    second.end();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, LifecycleBroadcast,
+    testing::Values(BroadcastCase{"Change", INIT,
+                                  [](qor_core_context_t *c) {
+                                      return qor_core_context_lifecycle_change(c, CREATE);
+                                  }},
+                    BroadcastCase{"ChangeToTheSame", RESUME,
+                                  [](qor_core_context_t *c) {
+                                      return qor_core_context_lifecycle_change(c, RESUME);
+                                  }},
+                    BroadcastCase{"Start", CREATE, qor_core_context_lifecycle_start},
+                    BroadcastCase{"Pause", RESUME, qor_core_context_lifecycle_pause},
+                    BroadcastCase{"Stop", PAUSE, qor_core_context_lifecycle_stop}),
+    case_name<BroadcastCase>);
+
 TEST_F(Lifecycle, ResumeMakesNoBroadcast)
 {
     be(START);
-    Call stop = begin(qor_core_context_lifecycle_stop, core);
-    ASSERT_TRUE(waits(stop));
+    Listener listener(core);
+    ASSERT_TRUE(listener.waits());
 
     EXPECT_EQ(qor_core_context_lifecycle_resume(core), 0);
 
-    EXPECT_TRUE(waits(stop));
-    be(PAUSE);
-    EXPECT_EQ(stop.get(), 0);
+    EXPECT_TRUE(listener.waits());
+    be(RESUME);
+    listener.end();
 }
 
 /* ---- waiting ---- */
@@ -355,7 +442,7 @@ TEST_P(LifecycleResumeWait, EndsWithTheStart)
 {
     be(GetParam().from);
     Call resume = begin(qor_core_context_lifecycle_resume, core);
-    EXPECT_TRUE(waits(resume));
+    EXPECT_TRUE(resume.waits());
 
     EXPECT_EQ(qor_core_context_lifecycle_start(core), 0);
 
@@ -375,7 +462,7 @@ TEST_P(LifecycleStopWait, EndsWithPause)
 {
     be(GetParam().from);
     Call stop = begin(qor_core_context_lifecycle_stop, core);
-    EXPECT_TRUE(waits(stop));
+    EXPECT_TRUE(stop.waits());
 
     be(PAUSE);
 
@@ -392,10 +479,10 @@ INSTANTIATE_TEST_SUITE_P(All, LifecycleStopWait,
 TEST_F(Lifecycle, ResumeStillWaitsAfterInit)
 {
     Call resume = begin(qor_core_context_lifecycle_resume, core);
-    EXPECT_TRUE(waits(resume));
+    EXPECT_TRUE(resume.waits());
 
     EXPECT_EQ(qor_context_init(wrapper), 0);
-    EXPECT_TRUE(waits(resume));
+    EXPECT_TRUE(resume.waits());
 
     EXPECT_EQ(qor_core_context_lifecycle_start(core), 0);
     EXPECT_EQ(resume.get(), 0);
@@ -407,7 +494,7 @@ TEST_F(Lifecycle, EveryWaitingResumeGoesOnAtTheStart)
     for (int i = 0; i < 4; i++) {
         calls.push_back(begin(qor_core_context_lifecycle_resume, core));
     }
-    EXPECT_TRUE(waits(calls.front()));
+    EXPECT_TRUE(calls.front().waits());
 
     EXPECT_EQ(qor_core_context_lifecycle_start(core), 0);
 
@@ -423,7 +510,7 @@ TEST_P(LifecycleResumeRefused, HasALineOfItsOwnAfterTheWait)
 {
     be(INIT);
     Call resume = begin(qor_core_context_lifecycle_resume, core);
-    EXPECT_TRUE(waits(resume));
+    EXPECT_TRUE(resume.waits());
 
     be(GetParam().from);
 
@@ -442,18 +529,12 @@ TEST_F(Lifecycle, OfTwoStopsOneTakesThePause)
     be(RESUME);
     Call first = begin(qor_core_context_lifecycle_stop, core);
     Call second = begin(qor_core_context_lifecycle_stop, core);
-    EXPECT_TRUE(waits(first));
-    EXPECT_TRUE(waits(second));
+    EXPECT_TRUE(first.waits());
+    EXPECT_TRUE(second.waits());
 
     be(PAUSE);
-    ASSERT_TRUE(await([&] {
-        const auto now = std::chrono::seconds(0);
-        return first.wait_for(now) == std::future_status::ready ||
-               second.wait_for(now) == std::future_status::ready;
-    }));
-    Call &rest =
-        first.wait_for(std::chrono::seconds(0)) == std::future_status::ready ? second : first;
-    EXPECT_TRUE(waits(rest));
+    ASSERT_TRUE(await([&] { return first.returned() || second.returned(); }));
+    EXPECT_TRUE((first.returned() ? second : first).waits());
 
     be(RESUME);
     be(PAUSE);
@@ -489,8 +570,11 @@ TEST_F(Lifecycle, ClassResumeAndPauseEnterAndLeave)
 TEST_F(Lifecycle, ClassStopWaitsForPause)
 {
     be(START);
-    std::future<void> stop = std::async(std::launch::async, [&] { qor_context_stop(wrapper); });
-    EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    Call stop([this] {
+        qor_context_stop(wrapper);
+        return 0;
+    });
+    EXPECT_TRUE(stop.waits());
 
     be(PAUSE);
 
@@ -566,7 +650,7 @@ protected:
 TEST_F(LifecycleOnABus, QuitEndsAWaitForTheStart)
 {
     Call resume = begin(qor_core_context_lifecycle_resume, core);
-    EXPECT_TRUE(waits(resume));
+    EXPECT_TRUE(resume.waits());
 
     qor_bus_quit(bus);
 
@@ -580,7 +664,7 @@ TEST_F(LifecycleOnABus, QuitEndsAWaitForPause)
 {
     qor_core_context_lifecycle_change(core, START);
     Call stop = begin(qor_core_context_lifecycle_stop, core);
-    EXPECT_TRUE(waits(stop));
+    EXPECT_TRUE(stop.waits());
 
     qor_bus_quit(bus);
 
@@ -596,7 +680,7 @@ TEST_F(LifecycleOnABus, QuitEndsEveryWait)
         calls.push_back(begin(qor_core_context_lifecycle_resume, core));
         calls.push_back(begin(qor_core_context_lifecycle_stop, core));
     }
-    EXPECT_TRUE(waits(calls.back()));
+    EXPECT_TRUE(calls.back().waits());
 
     qor_bus_quit(bus);
 
@@ -631,12 +715,12 @@ TEST_F(LifecycleOnABus, WhatNeedsNoWaitSucceedsAfterQuit)
 TEST_F(LifecycleOnABus, WaitsEndAsWithoutABus)
 {
     Call resume = begin(qor_core_context_lifecycle_resume, core);
-    EXPECT_TRUE(waits(resume));
+    EXPECT_TRUE(resume.waits());
     EXPECT_EQ(qor_core_context_lifecycle_start(core), 0);
     EXPECT_EQ(resume.get(), 0);
 
     Call stop = begin(qor_core_context_lifecycle_stop, core);
-    EXPECT_TRUE(waits(stop));
+    EXPECT_TRUE(stop.waits());
     EXPECT_EQ(qor_core_context_lifecycle_change(core, PAUSE), 0);
     EXPECT_EQ(stop.get(), 0);
 }
