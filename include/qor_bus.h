@@ -176,8 +176,7 @@ QOR_API int32_t qor_bus_runx(qor_bus_t *_this, qor_context_t *context, qor_conte
  * The task's recycle runs twice: on the loop's thread when the timer falls due, right after the
  * task was queued, and once more after the task ran. The first does not wait for the task nor the
  * task for it: they may run beside each other. Give a timer no recycle, or one that tolerates it.
- * Prints
- * "!(_this) == true." or "!(task) == true.".
+ * Prints "!(_this) == true." or "!(task) == true.".
  */
 QOR_API int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task);
 
