@@ -337,6 +337,18 @@ INSTANTIATE_TEST_SUITE_P(All, ContextMsgTotal,
                                          TotalCase{"WrappedToPositive", INT32_MAX, INT32_MAX}),
                          case_name<TotalCase>);
 
+TEST(ContextMsg, SizesThatAddUpToNothingCanStillBeCloned)
+{
+    qor_context_msg_t msg;
+    qor_context_msg_fill(&msg, 1, 2, nullptr, -header - 4);
+    ASSERT_EQ(qor_context_msg_whole_size(&msg), 0);
+
+    Clone clone(qor_context_msg_clone(&msg)); /* of which the header needs its room all the same */
+
+    ASSERT_NE(clone, nullptr);
+    EXPECT_EQ(clone->request.size, -header - 4);
+}
+
 TEST(ContextMsg, NegativeSizeTakesNoRoomFromTheOtherPart)
 {
     char response[100];
