@@ -139,6 +139,7 @@ int32_t loop_run_reserve_locked(qor_core_context_t *core, loop_run *run)
     return 0;
 }
 
+/* A run that is refused gives its slot back. */
 int32_t loop_run_post(qor_core_context_t *core, const loop_run *run)
 {
     qor_context_t *wrapper = &core->base;
@@ -151,6 +152,19 @@ int32_t loop_run_post(qor_core_context_t *core, const loop_run *run)
         qor_time_que_unlock(core->que);
     }
     return posted;
+}
+
+/* Ends a post whose run was refused. It says so only if the task is refused as well: one that
+ * another run has taken went well. */
+int32_t core_task_refused(qor_core_context_t *core, qor_time_que_node_t *node, uint32_t number,
+                          const loop_run *run)
+{
+    const int32_t ret = core_task_take_back(core, node, number);
+    if (ret < 0 && run->node) {
+        sched_delegate_run_refused(&core->base, run->node);
+    }
+    free(run->node);
+    return ret;
 }
 
 /* Queues a task that is due, and a run for it unless one that has a slot will take it. */
@@ -174,7 +188,7 @@ int32_t core_task_now(qor_core_context_t *core, qor_time_que_node_t *node, int32
     /* A run that has a slot takes the task, unless the bus quits: then it ends first. */
     const bool refused =
         run.needed ? loop_run_post(core, &run) < 0 : bus_stopping(sched_delegate_bus(&core->base));
-    return refused ? core_task_take_back(core, node, number) : 0;
+    return refused ? core_task_refused(core, node, number, &run) : 0;
 }
 
 /* Queues a task that is due later, and a timer that starts a run then, slot or no slot. */

@@ -403,12 +403,13 @@ int32_t sched_delegate_run_post(qor_context_t *context, qor_que_node_t *node, qo
     qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_que_node_body(node));
     qor_context_task_init(task, context, nullptr, qor_bus_session(bus), run, context);
     node->id = static_cast<size_t>(task->session);
-    if (qor_que_enque(bus->que, node) < 0) {
-        post_refused(context, task, "qor_sched_delegate_post");
-        qor_que_node_destroy(node, nullptr);
-        return -1;
-    }
-    return 0;
+    return qor_que_enque(bus->que, node);
+}
+
+void sched_delegate_run_refused(qor_context_t *context, qor_que_node_t *node)
+{
+    post_refused(context, static_cast<qor_context_task_t *>(qor_que_node_body(node)),
+                 "qor_sched_delegate_post");
 }
 
 qor_context_runx_t sched_delegate_relay()

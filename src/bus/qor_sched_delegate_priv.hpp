@@ -40,10 +40,13 @@ qor_bus_t *sched_delegate_bus(const qor_context_t *context);
  * without memory; goes back with free() while it is unused. */
 qor_que_node_t *sched_delegate_run_node();
 
-/* Posts such a run(context) under a fresh session. 0, or -1 and the line of a refused post when the
- * bus quits; the node is used up in either case. */
+/* Posts such a run(context) under a fresh session. 0, or -1 when the bus quits, and the node stays
+ * the caller's. */
 int32_t sched_delegate_run_post(qor_context_t *context, qor_que_node_t *node,
                                 qor_context_run_t run);
+
+/* Prints the line of a refused post for a run that could not be posted. */
+void sched_delegate_run_refused(qor_context_t *context, qor_que_node_t *node);
 
 /* The function of the relay task. Its argument is a message clone that travels on, so the task has
  * no recycle: whoever discards it frees the clone. */

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -12,7 +13,9 @@
 #include "core_context_fixture.hpp"
 #include "output.hpp"
 #include "qor_bus.h"
+#include "qor_que.h"
 #include "qor_sched_delegate.h"
+#include "sleeper.hpp"
 
 namespace {
 
@@ -643,6 +646,31 @@ TEST_F(CoreContextOnABus, NothingIsAcceptedOnceTheBusQuits)
     EXPECT_EQ(core->que->count, 0);
     EXPECT_EQ(core->refcount, 0);
     EXPECT_EQ(out.count("create a timer failed, source:gauge, task:"), 2);
+}
+
+TEST_F(CoreContextOnABus, ATaskTakenBeforeTheBusRefusesItsRunIsNoError)
+{
+    Sleeper sleeper;
+    int32_t posted = -1;
+    qor_que_lock(bus->que); /* holds the posting thread up between the queues */
+    std::thread posting([&] {
+        sleeper.here();
+        posted = post(7);
+    });
+    int32_t delay = 0;
+    ASSERT_TRUE(await([&] {
+        return sleeper.sleeps() && qor_time_que_next_delay(core->que, &delay) == 0;
+    }));
+
+    EXPECT_EQ(cls.loop(wrapper), 0); /* a run that is under way */
+    __atomic_store_n(&bus->que->quitting, 1, __ATOMIC_RELEASE);
+    qor_que_unlock(bus->que);
+    posting.join();
+
+    EXPECT_EQ(posted, 0);
+    EXPECT_EQ(recycled, 1);
+    EXPECT_EQ(out.count("create a timer failed"), 0);
+    to_recycle = 1;
 }
 
 TEST_F(CoreContextOnABus, ALoopRunStopsOnceTheBusQuits)
