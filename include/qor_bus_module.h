@@ -17,8 +17,8 @@ extern QOR_API qor_context_module_t qor_bus_module;
  * delegate in the user role.
  *
  * @param context  the module's own context
- * @param msg      its request buffer holds a qor_sys_bus_register_request_t; the size is not
- * checked
+ * @param msg      its request buffer holds a qor_sys_bus_register_request_t, whose size is not
+ *                 checked
  * @return         0, or -1
  *
  * A second request for a context replaces its delegate. Prints "not support type." (wrn) for

