@@ -4,7 +4,7 @@
 
 #include <time.h>
 
-enum { BUSY_MS = 7200 }; /* a little over 7 s, so that the third warning comes for certain */
+enum { BUSY_MS = 7200 }; /* a little over 7 s, so that the third warning comes as a rule */
 
 static void *hog_work(void *arg)
 {

@@ -14,6 +14,7 @@
 #include "qor_context_msg.h"
 #include "qor_main.h"
 #include "running_bus.hpp"
+#include "sleeper.hpp"
 
 namespace {
 
@@ -278,9 +279,12 @@ TEST_F(BringUp, QuitReleasesWhoeverWaitsForAStart)
     RunningBus bus({&client, &server});
     ASSERT_TRUE(await([&] { return client.started(); }));
     ASSERT_TRUE(door.await(1));
-    std::thread publisher(
-        [&] { EXPECT_EQ(qor_context_req(client.context(), topic, nullptr, 0), -1); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); /* so that it gets to wait */
+    Sleeper sleeper;
+    std::thread publisher([&] {
+        sleeper.here();
+        EXPECT_EQ(qor_context_req(client.context(), topic, nullptr, 0), -1);
+    });
+    ASSERT_TRUE(await([&] { return sleeper.sleeps(); }));
 
     qor_bus_quit(bus.get());
 
