@@ -175,7 +175,8 @@ QOR_API int rbapi_erase(const void *key, rbtree_root *root);
 
 /**
  * Adds an entry in place of the one with an equal key, if there is one: that one is erased first,
- * so key must not be memory that release() frees with it.
+ * so key must not be memory that release() frees with it, and is gone when there is no memory for
+ * the new one.
  */
 QOR_API int rbapi_replace(void *key, void *val, rbtree_root *root);
 

@@ -556,6 +556,19 @@ TEST(RbApi, ReplaceOfAnAbsentKeyInserts)
     EXPECT_EQ(released, "");
 }
 
+TEST(RbApi, ReplaceWithoutMemoryLosesTheOldEntry)
+{
+    OwningTree tree;
+    tree.insert(1, 11);
+    out_of_memory = true;
+
+    EXPECT_EQ(rbapi_replace(key_of(1), key_of(12), &tree.root), -1);
+
+    EXPECT_EQ(rbapi_find(key_of(1), nullptr, &tree.root), -1);
+    EXPECT_EQ(released, "1=11 ");
+    EXPECT_EQ(tree.root.count, 0);
+}
+
 TEST(RbApi, ClearErasesInOrderAndFrees)
 {
     OwningTree tree;

@@ -221,6 +221,8 @@ TEST(RbTree, ReplacingPutsTheNewNodeIntoTheSamePlace)
         rb_replace_node(&items[key]->node, &fresh->node, &tree.root);
         delete items[key];
 
+        rb_node *left_of = rb_prev(&fresh->node);
+        EXPECT_EQ(left_of ? rb_next(left_of) : rb_first(&tree.root), &fresh->node);
         EXPECT_EQ(drawn(tree.root.rb_node), before);
         EXPECT_EQ(rb_faults(tree.root), "");
     }
