@@ -240,7 +240,8 @@ QOR_API int32_t qor_que_count(qor_que_t *_this);
  * Ends the queue's work for good and discards its nodes, oldest first, each body through recycle.
  *
  * Every blocked thread returns without a node. From then on nothing is accepted and nothing handed
- * out. A second call does nothing. Any thread that does not hold the lock.
+ * out. The count stays what it was until the last body is recycled, and is 0 then. A second call
+ * does nothing. Any thread that does not hold the lock.
  *
  * Prints "!(_this) == true." for a NULL queue.
  */

@@ -63,7 +63,8 @@ QOR_API void qor_time_que_destroy(qor_time_que_t *_this);
  * Ends the queue's work for good and discards its nodes, earliest first, each body through recycle.
  *
  * Every blocked thread returns without a node. From then on nothing is accepted and nothing handed
- * out. A second call does nothing. Any thread that does not hold the lock.
+ * out. The count stays what it was until the last body is recycled, and is 0 then. A second call
+ * does nothing. Any thread that does not hold the lock.
  *
  * Prints "!(_this) == true." for a NULL queue.
  */

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr int32_t far_off = 3600 * 1000;
-
 const std::string create_line =
     err_line("qor_time_que", "qor_time_que_create", "!(_this) == true.");
 
@@ -125,13 +123,28 @@ TEST(TimeQueFaults, ANodeAfterTheEndOfItsWaitDoesNotDisturbTheSleeper)
 {
     TimeQue que;
     count_waits();
-    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, 300), nullptr); });
+    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, far_off), nullptr); });
     await_waits(que, 1);
 
-    arm(que, 'a', far_off);
+    arm(que, 'a', 2 * far_off);
+    qor_time_que_quit(que);
 
     taker.join();
     EXPECT_EQ(fault_calls(FAULT_TIMED), 1);
+}
+
+TEST(TimeQueFaults, ATimedWaitSleepsRatherThanPolls)
+{
+    TimeQue que(0);
+    qor_time_que_node_t *node = new_time_node('a', 0);
+    count_waits();
+
+    EXPECT_EQ(qor_time_que_deque_block(que, 100), nullptr);
+    EXPECT_LE(fault_calls(FAULT_TIMED), 3); /* the system may wake it for nothing */
+
+    EXPECT_EQ(qor_time_que_enque_block(que, node, 100), -1);
+    EXPECT_LE(fault_calls(FAULT_TIMED), 6);
+    qor_time_que_node_destroy(node, nullptr);
 }
 
 TEST(TimeQueFaults, AnEarlierNodeWakesTheSleeper)
@@ -174,17 +187,46 @@ TEST(TimeQueFaults, ANodeBetweenTwoSleepersWakesTheLongerOne)
 {
     TimeQue que;
     count_waits();
-    std::thread patient([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
+    auto take = [&](int32_t wait_time) {
+        EXPECT_EQ(qor_time_que_deque_block(que, wait_time), nullptr);
+    };
+    std::thread patient(take, -1);
     await_waits(que, 1);
-    std::thread hasty([&] { EXPECT_EQ(qor_time_que_deque_block(que, 20), nullptr); });
+    std::thread hasty(take, far_off);
     await_waits(que, 2);
 
-    arm(que, 'a', far_off); /* the hasty one looks before it is due, the patient one would not */
+    arm(que, 'a', 2 * far_off); /* hasty looks before it is due, patient would not */
 
-    hasty.join();
-    EXPECT_TRUE(await([&] { return fault_calls(FAULT_TIMED) >= 2; })) << "sleeps past the node";
+    /* Both look, and wait again: patient for the node from now on. */
+    EXPECT_TRUE(await([&] { return fault_calls(FAULT_TIMED) >= 3; })) << "sleeps past the node";
     qor_time_que_quit(que);
     patient.join();
+    hasty.join();
+}
+
+TEST(TimeQueFaults, ABatchOfTakesWakesAGiverForEach)
+{
+    TimeQue que(2);
+    arm(que, 'a', -1);
+    arm(que, 'a', -1);
+    count_waits();
+    std::atomic<int> given{0};
+    auto give = [&] {
+        EXPECT_EQ(qor_time_que_enque_block(que, new_time_node('b', far_off), -1), 0);
+        given++;
+    };
+    std::thread first(give), second(give);
+    await_waits(que, 2);
+
+    qor_time_que_lock(que);
+    EXPECT_EQ(name_of(qor_time_que_deque_locked(que)), "a");
+    EXPECT_EQ(name_of(qor_time_que_deque_locked(que)), "a");
+    qor_time_que_unlock(que);
+
+    EXPECT_TRUE(await([&] { return given == 2; }));
+    qor_time_que_quit(que);
+    first.join();
+    second.join();
 }
 
 TEST(TimeQueFaults, WakeupLockedReachesTakersToo)
