@@ -47,7 +47,22 @@ struct qor_core_context {
     struct qor_core_context_private *priv; /**< the library's own */
 };
 
-/** The class of user contexts; in no registry. Its create makes the module's context as well. */
+/**
+ * The class of user contexts; in no registry. Its operations are reached through the
+ * qor_context_...() functions:
+ *
+ * - create makes the module's context as well, by the class registry. It prints what it lacks:
+ *   "malloc for "qor_core_context_t" failed.", or "create context failed." and
+ *   ""qor_core_context_constructor" called failed."; an empty line follows those with quotes.
+ * - destroy is refused before DESTROY: "context is not ready to destroy.". The module's context
+ *   stays. What is attached to a bus is freed when that is closed.
+ * - register, unregister and handle_message go to the module's context. So does init, whose result
+ *   it gives: CREATE follows, or STOP and "context init failed.". After uninit comes DESTROY.
+ * - start starts the module's context, whose result it gives, and lets deliveries in; stop stops
+ *   that context and then waits for PAUSE. resume and pause enter and leave.
+ * - handle_task queues a copy of the task: 0, or -1 without memory ("malloc "que_node" failed.") or
+ *   when the bus quits; the task's arg then stays the caller's.
+ */
 extern QOR_API qor_context_cls_t qor_core_context_class;
 
 /** The user context that a context of this class is. Not checked. */

@@ -16,6 +16,10 @@ QOR_BEGIN_DECLS
  * successfully, the others follow. Without such a module nothing comes up, and if the one that
  * finishes last fails, the others never do. A module whose init fails is taken down again: its
  * unreg and uninit are called.
+ *
+ * Prints a line for each context that it makes, and two for each init (inf). A module that gets no
+ * context, or one that cannot be attached to the bus, is left out: "create context failed. module
+ * name = %s", "context register to bus failed. module name = %s".
  */
 extern QOR_API qor_context_module_t qor_mng_module;
 
