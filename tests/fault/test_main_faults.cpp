@@ -57,6 +57,21 @@ TEST_F(MainFaults, AMissingSystemContextIsNotNoticedAtStartUp)
     EXPECT_EQ(out.count("[qor_main][err][qor_context_init_task]:context init failed. name = "), 1);
 }
 
+TEST_F(MainFaults, AMissingDelegateIsNotNoticedAtStartUp)
+{
+    StillBus bus;
+    fault_arm(FAULT_ALLOC, 1); /* after the context of the bus registration module */
+
+    bus.run_next();
+
+    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+    EXPECT_EQ(listed(), 3);
+    EXPECT_EQ(out.printed().find(err_line("qor_sched_delegate", "qor_sched_delegate_create",
+                                          "malloc for \"qor_sched_delegate_t\" failed.\n")),
+              0u);
+    EXPECT_EQ(out.count("[qor_main]"), 0);
+}
+
 TEST_F(MainFaults, ASystemModuleThatFailsToInitialiseStaysRegisteredAndIsNotStarted)
 {
     StillBus bus;

@@ -152,6 +152,28 @@ TEST_F(SchedDelegate, DestroyRemovesEveryRegistration)
     EXPECT_EQ(out.printed(), "");
 }
 
+TEST_F(SchedDelegate, DestroyGoesFromSubscriptionsToListenersToFilters)
+{
+    qor_topic_core_t *table = bus.get()->user_topic_core;
+    qor_topic_t &held = table->ids[topic];
+    qor_context_subscribe(a.get(), topic, nullptr);
+    qor_context_listen(a.get(), topic, nullptr);
+    qor_context_filter(a.get(), topic, nullptr);
+    pthread_mutex_lock(&held.listener_mutex);
+    pthread_mutex_lock(&held.filter_mutex);
+    std::thread destroying([&] { qor_sched_delegate_destroy(a.delegate()); });
+
+    EXPECT_TRUE(await([&] { return qor_topic_core_someone_subscribed(table, topic) == 0; }));
+    EXPECT_EQ(qor_topic_core_someone_listened(table, topic), 1);
+    pthread_mutex_unlock(&held.listener_mutex);
+    EXPECT_TRUE(await([&] { return qor_topic_core_someone_listened(table, topic) == 0; }));
+    EXPECT_EQ(qor_topic_core_someone_filtered(table, topic), 1);
+    pthread_mutex_unlock(&held.filter_mutex);
+    destroying.join();
+
+    EXPECT_EQ(qor_topic_core_someone_filtered(table, topic), 0);
+}
+
 TEST_F(SchedDelegate, DestroyReportsNull)
 {
     qor_sched_delegate_destroy(nullptr);
@@ -436,6 +458,9 @@ TEST_F(SchedDelegate, RequestAndResponseAreTwoTasks)
     ASSERT_NE(response, nullptr);
     EXPECT_EQ(response->session, 77);
     EXPECT_EQ(response->context, p.get());
+    EXPECT_EQ(response->fun_type, QOR_CONTEXT_FUN_RUNX);
+    EXPECT_EQ(response->delay, 0);
+    EXPECT_EQ(std::string(response->name).substr(0, 5), "task:");
     EXPECT_EQ(reinterpret_cast<void *>(response->recycle),
               reinterpret_cast<void *>(qor_context_msg_destroy));
     qor_context_task_excute(response);
@@ -543,6 +568,24 @@ TEST_F(SchedDelegate, SystemContextsPublishOnTheSystemTopics)
     bus.run();
 
     EXPECT_EQ(journal.text(), "t:REQUEST s:RESPONSE");
+}
+
+TEST_F(SchedDelegate, SystemPublicationsPassThePointsOfTheSystemTopics)
+{
+    Actor t(journal, "t");
+    t.attach(bus.get(), QOR_BUS_ROLE_SYS);
+    qor_context_subscribe(t.get(), topic, nullptr);
+    qor_context_filter(t.get(), topic, nullptr);
+    qor_context_handler_listen(t.get(), topic, nullptr);
+    qor_context_filter(a.get(), topic, nullptr); /* of the application's topic */
+    qor_context_handler_listen(a.get(), topic, nullptr);
+    qor_context_msg_t msg = request();
+
+    EXPECT_EQ(qor_context_handler_publishx(s.get(), &msg), 0);
+    bus.run();
+
+    EXPECT_EQ(journal.text(),
+              "t:FILTER_BEFORE t:REQUEST t:FILTER_AFTER t:LISTEN_BEFORE t:LISTEN_AFTER");
 }
 
 TEST_F(SchedDelegate, MessagePassesAllPointsInOrder)
@@ -862,6 +905,21 @@ TEST_F(SchedDelegate, PublishxWithoutSubscriberStillPassesTheAfterPoints)
                                               "topic = 2, session = 77"));
 }
 
+TEST_F(SchedDelegate, PublishxOnABadTopicIsReportedByEveryStep)
+{
+    qor_context_msg_t msg = request(4);
+
+    EXPECT_EQ(qor_context_handler_publishx(p.get(), &msg), -1);
+
+    /* at each point: someone filters? (-1, so the filters are walked), someone listens? */
+    const std::string point = bad_topic_line() + bad_topic_line() + bad_topic_line();
+    EXPECT_EQ(out.printed(), point + bad_topic_line() +
+                                 line("publishx", "handle message failed, ret = -1 source = p, "
+                                                  "topic = 4, session = 77") +
+                                 point);
+    EXPECT_EQ(msg.type, QOR_CONTEXT_MSG_RESPONSE);
+}
+
 TEST_F(SchedDelegate, PublishxReportsAFailedHandler)
 {
     qor_context_subscribe(a.get(), topic, nullptr);
@@ -1101,6 +1159,8 @@ TEST_F(SchedDelegate, ListenersOfAPointShareOneCloneAndOneTask)
     qor_context_task_t *before = bus.take();
     ASSERT_NE(before, nullptr);
     EXPECT_EQ(before->session, 500); /* drawn afresh */
+    EXPECT_EQ(before->fun_type, QOR_CONTEXT_FUN_RUNX);
+    EXPECT_EQ(std::string(before->name).substr(0, 5), "task:");
     EXPECT_EQ(before->context, p.get());
     EXPECT_EQ(reinterpret_cast<void *>(before->recycle),
               reinterpret_cast<void *>(qor_context_msg_destroy));
@@ -1338,6 +1398,16 @@ TEST_F(SchedDelegate, SyscallxWithoutModuleIsReported)
     EXPECT_EQ(qor_context_handler_syscallx(p.get(), &msg), -1);
 
     EXPECT_EQ(out.printed(), line("syscallx", "no one subscribe, source:p, topic:2, session=77"));
+}
+
+TEST_F(SchedDelegate, SyscallxToABadTopicIsReported)
+{
+    qor_context_msg_t msg = request(QOR_SYS_NUM);
+
+    EXPECT_EQ(qor_context_handler_syscallx(p.get(), &msg), -1);
+
+    EXPECT_EQ(out.printed(), bad_topic_line() + line("syscallx", "no one subscribe, source:p, "
+                                                                 "topic:4, session=77"));
 }
 
 TEST_F(SchedDelegate, SystemCallsLeaveTheModuleEntered)

@@ -90,6 +90,7 @@ struct Kind {
     int32_t (*someone)(qor_topic_core_t *, qor_context_topic_t);
     qor_topic_node_t *(*next)(qor_topic_core_t *, qor_context_topic_t, qor_topic_node_t *);
     list_head qor_topic_t::*head;
+    hal_thread_mutex_t qor_topic_t::*mutex;
     int32_t someone_of_bad_topic;
 };
 
@@ -102,13 +103,14 @@ const Kind kinds[] = {
     {"Subscriber", "qor_topic_core_unsubscribe_by_node", "qor_topic_core_subscribe",
      qor_topic_core_subscribe, qor_topic_core_unsubscribe, qor_topic_core_unsubscribe_by_node,
      qor_topic_core_someone_subscribed, qor_topic_core_subscriber_node_next,
-     &qor_topic_t::subscriber_head, 0},
+     &qor_topic_t::subscriber_head, &qor_topic_t::subscriber_mutex, 0},
     {"Listener", "qor_topic_core_unlisten_by_node", "qor_topic_core_listen", qor_topic_core_listen,
      qor_topic_core_unlisten, qor_topic_core_unlisten_by_node, qor_topic_core_someone_listened,
-     qor_topic_core_listener_node_next, &qor_topic_t::listener_head, 0},
+     qor_topic_core_listener_node_next, &qor_topic_t::listener_head, &qor_topic_t::listener_mutex,
+     0},
     {"Filter", "qor_topic_core_unfilter_by_node", "qor_topic_core_filter", qor_topic_core_filter,
      qor_topic_core_unfilter, qor_topic_core_unfilter_by_node, qor_topic_core_someone_filtered,
-     qor_topic_core_filter_node_next, &qor_topic_t::filter_head, -1},
+     qor_topic_core_filter_node_next, &qor_topic_t::filter_head, &qor_topic_t::filter_mutex, -1},
 };
 
 class TopicCoreKind : public testing::TestWithParam<Kind> {
@@ -673,6 +675,42 @@ TEST_P(TopicCoreKind, SomeoneTellsWhetherTheListHasANode)
     EXPECT_EQ(kind.someone(table, 1), 1);
     kind.remove_node(table, node);
     EXPECT_EQ(kind.someone(table, 1), 0);
+}
+
+TEST_P(TopicCoreKind, QuestionsAndTheEndsOfAWalkTakeNoLock)
+{
+    qor_topic_node_t *only = add(a);
+    pthread_mutex_lock(&(table->ids[1].*kind.mutex));
+    pthread_mutex_lock(&(table->ids[0].*kind.mutex));
+
+    EXPECT_EQ(kind.someone(table, 1), 1);
+    EXPECT_EQ(kind.next(table, 1, only), nullptr); /* the last one */
+    EXPECT_EQ(kind.next(table, 0, nullptr), nullptr);
+
+    pthread_mutex_unlock(&(table->ids[0].*kind.mutex));
+    pthread_mutex_unlock(&(table->ids[1].*kind.mutex));
+}
+
+TEST_P(TopicCoreKind, OperationsTakeTheMutexOfTheirOwnListOnly)
+{
+    std::vector<hal_thread_mutex_t *> others;
+    for (const Kind &other : kinds) {
+        if (other.mutex != kind.mutex) {
+            others.push_back(&(table->ids[1].*other.mutex));
+            pthread_mutex_lock(others.back());
+        }
+    }
+
+    kind.add(table, a.get(), 1, nullptr);
+    kind.remove_node(table, kind.add(table, b.get(), 1, nullptr));
+    EXPECT_EQ(walk(), "a");
+    kind.remove(table, a.get(), 1);
+
+    EXPECT_EQ(others.size(), 2u);
+    EXPECT_EQ(kind.someone(table, 1), 0);
+    for (hal_thread_mutex_t *other : others) {
+        pthread_mutex_unlock(other);
+    }
 }
 
 TEST_P(TopicCoreKind, LastNumberIsValid)
