@@ -164,6 +164,8 @@ int32_t qor_bus_init(qor_bus_t *_this, qor_context_module_t **modules, int32_t i
     QOR_CHECK(id_max > 0, -1);
     const size_t count = bus_module_count(modules);
     if (count == module_limit) {
+        /* Deliberate: no line, the caller sees the result only.
+         * Test: BusCreate.Refuses1024ModulesWithoutALine. */
         return -1;
     }
     memset(_this, 0, sizeof(*_this));

@@ -90,6 +90,8 @@ void main_contexts_close(qor_bus_t *bus)
 
 void qor_main(qor_bus_t *bus)
 {
+    /* Deliberate: the descriptors are global, so a process runs one bus at a time.
+     * Test: Main.TheDescriptorsReceiveTheBusAndItsModules. */
     qor_bus_module.arg = bus;
     qor_mng_module.arg = bus->modules;
     int32_t id = 1;

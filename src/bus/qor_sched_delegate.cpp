@@ -278,6 +278,8 @@ int32_t qor_sched_delegate_syscallx(qor_context_t *context, qor_context_msg_t *m
     qor_sched_delegate_t *_this = delegate_of(context);
     QOR_CHECK(_this, -1);
     QOR_CHECK(msg, -1);
+    /* Deliberate: neither system call leaves the module that it enters here; system contexts have
+     * nothing to leave. Test: SchedDelegate.SystemCallsLeaveTheModuleEntered. */
     qor_context_t *module = subscriber_enter(_this->bus->sys_topic_core, msg->topic);
     if (!module) {
         QOR_ERR("no one subscribe, source:%s, topic:%d, session=%d", name_of(context), msg->topic,

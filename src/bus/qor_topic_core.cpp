@@ -387,6 +387,11 @@ qor_topic_node_t *qor_topic_node_create(qor_topic_t *topic, qor_context_t *conte
     qor_topic_node_t *node = &whole->node;
     node->topic = topic;
     node->context = context;
+    /* Deliberate: mask and priority are the caller's to carry, nobody reads them. The point counts
+     * whatever the mask says, and a list stands in the order of registration.
+     * Test: SchedDelegatePoint.CountsWhateverTheMaskSays,
+     * TopicCoreKind.PriorityDoesNotOrderTheWalk.
+     */
     if (attr) {
         node->attr = *attr;
     } else {
