@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 
 #include "actor.hpp"
+#include "await.hpp"
 #include "fault.h"
+#include "leak.hpp"
 #include "output.hpp"
 #include "qor_topic_core.h"
 #include "test_bus.hpp"
@@ -233,6 +235,58 @@ TEST_F(SchedDelegateFaults, CancelFreesTheCloneOfARequest)
     EXPECT_EQ(qor_context_handler_cancel(p.get(), 77), 0);
 
     EXPECT_EQ(fault_live(), 0);
+}
+
+TEST_F(SchedDelegateFaults, ARelayThatIsDueAsATimerWithoutMemoryFreesItsClone)
+{
+    LoopingBus looping(/* workers */ 1);
+    Actor from(journal, "from"), to(journal, "to");
+    from.attach(looping.get(), QOR_BUS_ROLE_USER);
+    to.attach(looping.get(), QOR_BUS_ROLE_USER);
+    to.on_task = [&](qor_context_task_t *task) {
+        qor_context_task_t later = *task;
+        later.delay = 1;
+        fault_arm(FAULT_ALLOC, 1); /* the timer's node, then that of the task */
+        return qor_bus_timer_post(looping.get(), &later);
+    };
+    qor_context_subscribe(to.get(), topic, nullptr);
+    looping.start();
+    ASSERT_EQ(qor_bus_drain(looping.get(), 10000), 0);
+
+    ASSERT_EQ(qor_context_handler_publish(from.get(), msg.get()), 0);
+
+    EXPECT_TRUE(await([] { return fault_live() == -1; })); /* the node came and went */
+    looping.stop();
+    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+    EXPECT_EQ(journal.text(), "");
+}
+
+TEST_F(SchedDelegateFaults, DestroyOfTheBusFreesTheCloneOfAQueuedRelay)
+{
+    int left[2];
+    for (int requests = 0; requests < 2; requests++) {
+        Actor from(journal, "from"), to(journal, "to");
+        qor_bus_t *doomed = nullptr;
+        fault_arm(FAULT_ALLOC, -1);
+        {
+            PrescribedLeak delegates_and_registration;
+            doomed = qor_bus_create(bus.modules, topic + 1);
+            from.attach(doomed, QOR_BUS_ROLE_USER);
+            to.attach(doomed, QOR_BUS_ROLE_USER);
+            qor_context_subscribe(to.get(), topic, nullptr);
+        }
+        qor_time_que_t *time_que = doomed->time_que;
+        if (requests) {
+            ASSERT_EQ(qor_context_handler_publish(from.get(), msg.get()), 0);
+        }
+
+        qor_bus_destroy(doomed);
+
+        qor_time_que_destroy(time_que);
+        left[requests] = fault_live();
+    }
+
+    EXPECT_EQ(left[0], left[1]);
 }
 
 TEST_F(SchedDelegateFaults, PostWithoutMemorySpeaksOfATimer)

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../../src/bus/qor_topic_epoch.hpp"
 #include "actor.hpp"
 #include "await.hpp"
 #include "case_name.hpp"
@@ -170,6 +171,30 @@ TEST(TopicCoreFaults, NodeUnderADispatchGoesBackWhenThatEnds)
     EXPECT_EQ(fault_live(), -1);
     qor_context_unsubscribe(b.get(), 0);
     EXPECT_EQ(fault_live(), -2);
+}
+
+TEST(TopicCoreFaults, MemoryGoesBackWhereTheCountOfDispatchesWraps)
+{
+    PumpedBus bus;
+    Journal journal;
+    Actor p(journal, "p"), a(journal, "a");
+    p.attach(bus.get(), QOR_BUS_ROLE_USER);
+    a.attach(bus.get(), QOR_BUS_ROLE_USER);
+    Output out; /* no one subscribes */
+    qor_topic_core_private &counts = bus.get()->user_topic_core->priv[0];
+    a.on_message = [&](qor_context_msg_t *) { return qor_context_unfilter(a.get(), 0); };
+
+    for (uint32_t epoch = 0; epoch < 2; epoch++) {
+        qor_context_filter(a.get(), 0, nullptr);
+        counts.entered = (UINT32_MAX ^ 1) | epoch; /* as after 2^31 - 1 dispatches, all over */
+        counts.left[epoch] = UINT32_MAX >> 1;
+        counts.left[epoch ^ 1] = counts.closed;
+        fault_arm(FAULT_ALLOC, -1);
+
+        publish(p);
+
+        EXPECT_EQ(fault_live(), -1) << epoch;
+    }
 }
 
 TEST(TopicCoreFaults, MemoryGoesBackWhileDispatchesOverlapForEver)

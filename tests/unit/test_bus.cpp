@@ -1198,6 +1198,28 @@ TEST(BusClose, RefusesWhatModulesPostOnTheWayDown)
     EXPECT_EQ(journal.text(), "a:reg a:init -1 a:uninit");
 }
 
+TEST(BusClose, QuitsABusThatNobodyHasAskedToEnd)
+{
+    Output out;
+    Journal journal;
+    module_ptr a = noting_module("a", journal);
+    a->unreg = [](qor_context_t *context) {
+        const int32_t posted = qor_context_run(
+            context, [](void *) -> void * { return nullptr; }, nullptr);
+        journal_of(context).write(std::to_string(posted));
+    };
+    qor_context_module_t *modules[] = {a.get(), nullptr};
+    qor_bus_t *bus = qor_bus_create(modules, 3);
+    while (qor_que_node_t *node = qor_que_deque(bus->que)) { /* start-up, by hand */
+        qor_context_task_excute(static_cast<qor_context_task_t *>(qor_que_node_body(node)));
+        qor_que_node_destroy(node, nullptr);
+    }
+
+    qor_bus_close(bus);
+
+    EXPECT_EQ(journal.text(), "a:reg a:init -1 a:uninit");
+}
+
 TEST(BusQuit, LetsADeliveryGoThatWaitsForAStart)
 {
     Output out;
