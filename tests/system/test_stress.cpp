@@ -178,7 +178,7 @@ protected:
         return nullptr;
     }
 
-    /* Ten seconds without a further answer are too long. */
+    /* A minute without a further answer is too long. */
     bool await_all() const
     {
         for (int32_t before = -1; answered < total;) {

@@ -61,6 +61,19 @@ std::string thread_name()
     return name;
 }
 
+struct Scheduling {
+    int policy, priority;
+};
+
+/* How the calling thread is scheduled. */
+Scheduling scheduling()
+{
+    int policy = -1;
+    sched_param param = {};
+    EXPECT_EQ(pthread_getschedparam(pthread_self(), &policy, &param), 0);
+    return {policy, param.sched_priority};
+}
+
 } // namespace
 
 TEST(Hal, PrintfFlushesEachCall)
@@ -129,25 +142,25 @@ TEST(Hal, ThreadNameIsTheCallingThreads)
 TEST(Hal, SetPriorityKeepsThePolicy)
 {
     std::thread([] {
-        int policy = -1;
-        sched_param param = {};
-        hal_thread_setpriority(0);
-        pthread_getschedparam(pthread_self(), &policy, &param);
-        EXPECT_EQ(policy, SCHED_OTHER);
-        EXPECT_EQ(param.sched_priority, 0);
+        const Scheduling before = scheduling();
+
+        hal_thread_setpriority(before.priority);
+
+        EXPECT_EQ(scheduling().policy, before.policy);
+        EXPECT_EQ(scheduling().priority, before.priority);
     }).join();
 }
 
 TEST(Hal, SetPrioritySurvivesARefusal)
 {
     std::thread([] {
-        int policy = -1;
-        sched_param param = {};
+        const Scheduling before = scheduling();
         Output out;
-        hal_thread_setpriority(50); /* the ordinary policy knows only 0 */
-        pthread_getschedparam(pthread_self(), &policy, &param);
-        EXPECT_EQ(policy, SCHED_OTHER);
-        EXPECT_EQ(param.sched_priority, 0);
+
+        hal_thread_setpriority(1000); /* no policy knows it */
+
+        EXPECT_EQ(scheduling().policy, before.policy);
+        EXPECT_EQ(scheduling().priority, before.priority);
         EXPECT_EQ(out.text(), "");
     }).join();
 }
