@@ -2,14 +2,10 @@
 #include "qor_que.h"
 
 #include <algorithm>
-#include <atomic>
-#include <functional>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "await.hpp"
 #include "case_name.hpp"
 #include "output.hpp"
 #include "que_holder.hpp"
@@ -550,90 +546,6 @@ TEST(Que, StepsCombineUnderOneLock)
     EXPECT_EQ(qor_que_count(que), 1);
     EXPECT_EQ(name_of(qor_que_deque_locked(que)), "a");
     qor_que_unlock(que);
-}
-
-TEST(Que, ManyGiversAndTakersPassEachNodeOnce)
-{
-    constexpr int givers = 3, takers = 3, each = 2000;
-    Que que(4);
-    std::atomic<int> taken{0};
-    std::atomic<int64_t> sum{0};
-    std::vector<std::thread> threads;
-    for (int g = 0; g < givers; g++) {
-        threads.emplace_back([&, g] {
-            for (int i = 0; i < each; i++) {
-                const auto id = static_cast<size_t>(g * each + i);
-                ASSERT_EQ(qor_que_enque_block(que, qor_que_node_create(id, 0), -1), 0);
-            }
-        });
-    }
-    for (int t = 0; t < takers; t++) {
-        threads.emplace_back([&, t] {
-            /* One of them with a limit: its way out must not swallow a wake. */
-            while (taken < givers * each) {
-                qor_que_node_t *node = qor_que_deque_block(que, t == 0 ? 1 : -1);
-                if (!node) {
-                    continue;
-                }
-                sum += static_cast<int64_t>(qor_que_node_id(node));
-                qor_que_node_destroy(node, nullptr);
-                if (++taken == givers * each) {
-                    qor_que_quit(que);
-                }
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-
-    EXPECT_EQ(taken, givers * each);
-    constexpr int64_t all = givers * each;
-    EXPECT_EQ(sum, all * (all - 1) / 2);
-}
-
-TEST(Que, QuitIsSafeWhileOthersGiveTakeAndRemove)
-{
-    static std::atomic<int> recycles;
-    recycles = 0;
-    std::atomic<int> accepted{0}, handed_out{0};
-    Que que(8, [](void *) { recycles++; });
-    std::vector<std::thread> threads;
-    for (int g = 0; g < 2; g++) {
-        threads.emplace_back([&] {
-            for (;;) {
-                qor_que_node_t *node = qor_que_node_create(1, 4);
-                if (qor_que_enque_block(que, node, -1) != 0) {
-                    qor_que_node_destroy(node, nullptr);
-                    return;
-                }
-                accepted++;
-            }
-        });
-    }
-    threads.emplace_back([&] {
-        while (qor_que_node_t *node = qor_que_deque_block(que, -1)) {
-            handed_out++;
-            qor_que_node_destroy(node, nullptr);
-        }
-    });
-    threads.emplace_back([&] {
-        while (__atomic_load_n(&que->quitting, __ATOMIC_ACQUIRE) == 0) {
-            qor_que_node_t *node = qor_que_remove(que, 1);
-            if (static_cast<void *>(node) != static_cast<void *>(que)) {
-                handed_out++;
-                qor_que_node_destroy(node, nullptr);
-            }
-        }
-    });
-    ASSERT_TRUE(await([&] { return handed_out > 500; }));
-
-    qor_que_quit(que);
-
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(accepted, handed_out + recycles);
 }
 
 class QueNull : public testing::TestWithParam<NullCase> {};
