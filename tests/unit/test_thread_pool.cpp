@@ -18,6 +18,7 @@
 #include "hal_sync.hpp"
 #include "output.hpp"
 #include "qor_context_task.h"
+#include "sleeper.hpp"
 
 namespace {
 
@@ -798,6 +799,38 @@ TEST(ThreadPool, DestroyWaitsForTheQuitOfAnotherThread)
     EXPECT_EQ(job.recycled, 1);
     first.join();
     opener.join();
+}
+
+TEST(ThreadPool, DestroyWaitsForAQuitThatStillDiscards)
+{
+    static std::atomic<bool> discarding, done;
+    discarding = done = false;
+    qor_thread_pool_t *pool = qor_thread_pool_create(0, 0, unbounded, stack_size, no_priority, 0);
+    ASSERT_NE(pool, nullptr);
+    qor_context_task_t task = {};
+    qor_context_task_init(
+        &task, nullptr, "task", 0, [](void *arg) { return arg; }, nullptr);
+    qor_context_task_set_recycle(&task, [](void *) {
+        discarding = true;
+        EXPECT_TRUE(await([] { return done.load(); }));
+    });
+    EXPECT_EQ(qor_thread_pool_post(pool, &task), 0);
+    std::thread quitter([&] { qor_thread_pool_quit(pool); });
+    EXPECT_TRUE(await([] { return discarding.load(); }));
+    Sleeper sleeper;
+    std::atomic<bool> destroyed{false};
+    std::thread destroyer([&] {
+        sleeper.here();
+        qor_thread_pool_destroy(pool);
+        destroyed = true;
+    });
+
+    EXPECT_TRUE(await([&] { return sleeper.sleeps() || destroyed; }));
+    EXPECT_FALSE(destroyed);
+
+    done = true;
+    quitter.join();
+    destroyer.join();
 }
 
 TEST(ThreadPool, ManyThreadsMayQuitAtOnce)
