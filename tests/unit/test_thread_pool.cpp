@@ -657,6 +657,28 @@ TEST(ThreadPool, ThreadsThatCannotStartAreReportedAndStayCounted)
     EXPECT_EQ(out.printed(), "");
 }
 
+TEST(ThreadPool, ThreadsThatCannotStartAreTakenBackFromManyPostersAtOnce)
+{
+    Output out; /* each attempt prints */
+    Job job;
+    Pool pool(0, 4, unbounded, stays_long, /* priority */ 0);
+    std::vector<std::thread> posters;
+    for (int i = 0; i < 4; i++) {
+        posters.emplace_back([&] {
+            for (int n = 0; n < 100; n++) {
+                EXPECT_EQ(job.post(pool), 0);
+            }
+        });
+    }
+    for (std::thread &poster : posters) {
+        poster.join();
+    }
+
+    EXPECT_EQ(pool.thread_num(), 0);
+    EXPECT_EQ(qor_que_count(pool->que), 400);
+    EXPECT_EQ(out.count("create new thread failed."), out.count("set thread priority failed."));
+}
+
 TEST(ThreadPool, APriorityThatTheSystemTakesLeavesThreadsWithTheirCreatorsScheduling)
 {
     Job job;
