@@ -101,7 +101,7 @@ TEST(BusFaults, CloseGivesBackWhatARunTook)
         LoopingBus looping;
         looping.start();
         qor_bus_run(looping.get(), count_run, &runs, nullptr);
-        EXPECT_EQ(qor_bus_drain(looping.get(), 10000), 0);
+        EXPECT_EQ(qor_bus_drain(looping.get(), 60000), 0);
     }
 
     EXPECT_EQ(runs, 1);
@@ -232,7 +232,7 @@ TEST(BusFaults, ATimerThatCannotBePostedIsRecycledOnce)
     timer.delay = 1;
     timer.recycle = [](void *) { releases++; };
     looping.start();
-    ASSERT_EQ(qor_bus_drain(bus, 10000), 0);
+    ASSERT_EQ(qor_bus_drain(bus, 60000), 0);
     fault_arm(FAULT_ALLOC, 1); /* the timer's node, then the task's */
     ASSERT_EQ(qor_bus_timer_post(bus, &timer), 0);
 

@@ -251,7 +251,7 @@ TEST_F(SchedDelegateFaults, ARelayThatIsDueAsATimerWithoutMemoryFreesItsClone)
     };
     qor_context_subscribe(to.get(), topic, nullptr);
     looping.start();
-    ASSERT_EQ(qor_bus_drain(looping.get(), 10000), 0);
+    ASSERT_EQ(qor_bus_drain(looping.get(), 60000), 0);
 
     ASSERT_EQ(qor_context_handler_publish(from.get(), msg.get()), 0);
 

@@ -341,7 +341,7 @@ TEST_F(Lifetimes, CountersThatRiseForEverWrap)
     RunningBus bus({&client, &server});
     ASSERT_TRUE(bus.up());
     qor_context_subscribe(server.context(), topic, nullptr);
-    ASSERT_EQ(qor_bus_drain(bus.get(), 10000), 0);
+    ASSERT_EQ(qor_bus_drain(bus.get(), 60000), 0);
     pthread_mutex_lock(&server.core()->mutex);
     server.core()->active_refcount = INT32_MAX - 5; /* one more with each request */
     pthread_mutex_unlock(&server.core()->mutex);
@@ -354,7 +354,7 @@ TEST_F(Lifetimes, CountersThatRiseForEverWrap)
     }
 
     EXPECT_TRUE(await([&] { return handled == 20; }));
-    ASSERT_EQ(qor_bus_drain(bus.get(), 10000), 0);
+    ASSERT_EQ(qor_bus_drain(bus.get(), 60000), 0);
     EXPECT_LT(server.core()->active_refcount, 0);
     EXPECT_LT(bus.get()->session, 1000);
 }

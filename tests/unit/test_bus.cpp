@@ -302,7 +302,7 @@ TEST(BusCreate, ASecondBusFollowsAFirst)
             },
             &ran, nullptr);
         EXPECT_TRUE(await([&] { return ran.load(); }));
-        EXPECT_EQ(qor_bus_drain(looping.get(), 10000), 0); /* start-up is through */
+        EXPECT_EQ(qor_bus_drain(looping.get(), 60000), 0); /* start-up is through */
     }
     EXPECT_TRUE(list_empty(&context_head));
 }
@@ -976,7 +976,7 @@ TEST_F(BusLoop, PostsThatMeetTheQuitAreEitherTakenOrRefused)
         threads.emplace_back([&] {
             qor_context_task_t timer = other.task(1, 1);
             timer.recycle = nullptr;
-            while (qor_bus_run(bus, Job::run, &job, Job::recycle) == 0) {
+            for (int k = 0; k < 50000 && qor_bus_run(bus, Job::run, &job, Job::recycle) == 0; k++) {
                 accepted++;
                 started++;
                 qor_bus_timer_post(bus, &timer);
@@ -1002,7 +1002,7 @@ TEST_F(BusLoop, DrainWaitsForTasksAndForThoseThatTheyPost)
     job.body = [&] { qor_bus_run(bus, Job::run, &other, nullptr); };
     qor_bus_run(bus, Job::run, &job, nullptr);
 
-    EXPECT_EQ(qor_bus_drain(bus, 10000), 0);
+    EXPECT_EQ(qor_bus_drain(bus, 60000), 0);
 
     EXPECT_EQ(job.runs, 1);
     EXPECT_EQ(other.runs, 1);
@@ -1014,7 +1014,7 @@ TEST_F(BusLoop, DrainDoesNotWaitForATimerThatIsNotDue)
     timer.recycle = nullptr;
     qor_bus_timer_post(bus, &timer);
 
-    EXPECT_EQ(qor_bus_drain(bus, 10000), 0);
+    EXPECT_EQ(qor_bus_drain(bus, 60000), 0);
 
     EXPECT_EQ(job.runs, 0);
 }
@@ -1145,7 +1145,7 @@ TEST(BusClose, TakesModulesDownInTheReverseOrderOfTheirStart)
     {
         LoopingBus looping(/* workers */ 1, modules);
         looping.start();
-        ASSERT_EQ(qor_bus_drain(looping.get(), 10000), 0);
+        ASSERT_EQ(qor_bus_drain(looping.get(), 60000), 0);
         EXPECT_EQ(journal.text(), "a:reg b:reg b:init a:init");
         looping.stop();
         journal.clear();
@@ -1170,7 +1170,7 @@ TEST(BusClose, FreesModulesThatFailedToComeUp)
     {
         LoopingBus looping(/* workers */ 1, modules);
         looping.start();
-        ASSERT_EQ(qor_bus_drain(looping.get(), 10000), 0);
+        ASSERT_EQ(qor_bus_drain(looping.get(), 60000), 0);
         looping.stop();
         journal.clear();
     }
@@ -1192,7 +1192,7 @@ TEST(BusClose, RefusesWhatModulesPostOnTheWayDown)
     {
         LoopingBus looping(/* workers */ 1, modules);
         looping.start();
-        ASSERT_EQ(qor_bus_drain(looping.get(), 10000), 0);
+        ASSERT_EQ(qor_bus_drain(looping.get(), 60000), 0);
     }
 
     EXPECT_EQ(journal.text(), "a:reg a:init -1 a:uninit");
@@ -1304,7 +1304,7 @@ protected:
             result = qor_bus_loop(bus);
             returned = true;
         });
-        ASSERT_EQ(qor_bus_drain(bus, 10000), 0);
+        ASSERT_EQ(qor_bus_drain(bus, 60000), 0);
     }
 
     Job job, other;

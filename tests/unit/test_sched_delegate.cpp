@@ -219,7 +219,8 @@ TEST_F(SchedDelegate, RegistrationsUnderWayEndWithTheDelegate)
         Actor actor(journal, "brief");
         qor_sched_delegate_t *delegate = actor.attach(bus.get(), QOR_BUS_ROLE_USER);
         std::thread registering([&] {
-            while (qor_context_subscribe(actor.get(), topic, nullptr) == 0) {
+            for (int k = 0; k < 1000 && qor_context_subscribe(actor.get(), topic, nullptr) == 0;
+                 k++) {
                 qor_context_handler_listen(actor.get(), topic, nullptr);
                 qor_context_filter(actor.get(), topic, nullptr);
             }

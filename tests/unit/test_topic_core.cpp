@@ -246,7 +246,7 @@ TEST_F(TopicCore, RegisteringDoesNotWaitForAContextThatIsBeingEntered)
 
     auto registered = std::async(
         std::launch::async, [&] { return qor_topic_core_subscribe(table, b.get(), 0, nullptr); });
-    EXPECT_EQ(registered.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(registered.wait_for(std::chrono::seconds(60)), std::future_status::ready);
 
     start.set_value();
     delivery.join();
