@@ -411,8 +411,8 @@ TEST(RbApi, InitSetsTheDefaultAllocation)
     rbtree_root root;
     ASSERT_EQ(rbapi_init(&root, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
 
-    EXPECT_EQ(root.my_malloc, malloc);
-    EXPECT_EQ(root.my_free, free);
+    EXPECT_EQ(root.my_malloc, &malloc);
+    EXPECT_EQ(root.my_free, &free);
     EXPECT_EQ(root.__initialized__, 1);
 }
 

@@ -72,8 +72,8 @@ TEST(RbApiKv, InitClearsTheRecordAndSetsTheFunctions)
     EXPECT_LT(kv.root.cmp("a", "b"), 0);
     EXPECT_GT(kv.root.cmp("b", "a"), 0);
     EXPECT_EQ(kv.root.release, rbapi_kv_release);
-    EXPECT_EQ(kv.root.my_malloc, malloc);
-    EXPECT_EQ(kv.root.my_free, free);
+    EXPECT_EQ(kv.root.my_malloc, &malloc);
+    EXPECT_EQ(kv.root.my_free, &free);
     EXPECT_EQ(kv.release, log_release);
 }
 
@@ -82,7 +82,7 @@ TEST(RbApiKv, ValuesAreFreedByDefault)
     rbtree_kv_root kv;
     ASSERT_EQ(rbapi_kv_init(&kv, nullptr), 0);
 
-    EXPECT_EQ(kv.release, free);
+    EXPECT_EQ(kv.release, &free);
     EXPECT_EQ(rbapi_kv_insert("key", strdup("val"), &kv), 0);
     EXPECT_EQ(rbapi_kv_destroy(&kv), 0); /* the leak checker watches */
 }
