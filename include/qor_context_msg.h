@@ -40,6 +40,8 @@ typedef struct qor_context_response {
  *
  * Payloads in a clone follow each other without padding: read and write them with memcpy only,
  * never through a cast pointer, which may be misaligned.
+ *
+ * A message has no lock: one thread at a time uses it.
  */
 struct qor_context_msg {
     int32_t type;                    /**< QOR_CONTEXT_MSG_... */
