@@ -2,33 +2,27 @@
 #include "qor_bus_module.h"
 
 #include <cstring>
-#include <memory>
-#include <string>
 
 #include <gtest/gtest.h>
 
 #include "case_name.hpp"
-#include "output.hpp"
 #include "qor_context.h"
 #include "qor_context_handler.h"
 #include "qor_context_msg.h"
 #include "qor_impl_context.h"
 #include "qor_sched_delegate.h"
 #include "qor_topic_core.h"
-#include "recording_context.hpp"
 #include "still_bus.hpp"
+#include "system_module.hpp"
 
 namespace {
 
-std::string wrn_line(const std::string &function)
-{
-    return "[qor_bus_module][wrn][" + function + "]:not support type.\n";
-}
-
 /* The module in a context of the test's, on a bus whose tasks never run. */
-class BusModule : public testing::Test {
+class BusModule : public SystemModule {
 protected:
-    BusModule() : served(qor_context_create(&qor_impl_context_class, &module.descriptor))
+    BusModule()
+        : SystemModule(qor_bus_module),
+          served(qor_context_create(&qor_impl_context_class, &module.descriptor))
     {
         EXPECT_EQ(qor_bus_module.init(own.get(), bus.get()), 0);
         request.context = served;
@@ -48,26 +42,17 @@ protected:
 
     Module module{"gauge"};
     StillBus bus;
-    RecordingContext own;
     qor_context_t *served;
     qor_sys_bus_register_request_t request;
-    std::unique_ptr<qor_context_msg_t> held{new qor_context_msg_t}; /* no member: it has a tail */
-    qor_context_msg_t &msg = *held;
-    Output out;
 };
 
 } // namespace
 
 TEST_F(BusModule, DescribesASystemModuleWithoutConsoleAndUninit)
 {
-    EXPECT_STREQ(qor_bus_module.name, "qor_bus_module");
-    EXPECT_EQ(qor_bus_module.id, 0);
-    EXPECT_EQ(qor_bus_module.pure, 0u);
-    EXPECT_EQ(qor_bus_module.refcount, -1);
+    expect_plain_descriptor("qor_bus_module");
     EXPECT_EQ(qor_bus_module.priority, 0);
     EXPECT_EQ(qor_bus_module.stack_size, 0);
-    EXPECT_EQ(qor_bus_module.arg, nullptr);
-    EXPECT_EQ(qor_bus_module.uninit, nullptr);
     EXPECT_EQ(qor_bus_module.console, nullptr);
 }
 
@@ -168,44 +153,17 @@ TEST_F(BusModule, TheRequestFunctionDoesNotLookAtTheType)
     EXPECT_NE(delegate(), nullptr);
 }
 
-namespace {
-
-struct RefusedCase {
-    const char *name;
-    int32_t type;
-    int32_t topic;
-    const char *function;
-};
-
-const char by_type[] = "qor_bus_module_handle_message";
-const char by_topic[] = "qor_bus_module_handle_request_message";
-
-const RefusedCase refused_cases[] = {
-    {"Response", QOR_CONTEXT_MSG_RESPONSE, QOR_SYS_BUS_REGISTER, by_type},
-    {"ListenBefore", QOR_CONTEXT_MSG_LISTEN_BEFORE, QOR_SYS_BUS_REGISTER, by_type},
-    {"ListenAfter", QOR_CONTEXT_MSG_LISTEN_AFTER, QOR_SYS_BUS_REGISTER, by_type},
-    {"FilterBefore", QOR_CONTEXT_MSG_FILTER_BEFORE, QOR_SYS_BUS_REGISTER, by_type},
-    {"FilterAfter", QOR_CONTEXT_MSG_FILTER_AFTER, QOR_SYS_BUS_REGISTER, by_type},
-    {"TypeBeforeTopic", QOR_CONTEXT_MSG_RESPONSE, 99, by_type},
-    {"ManagersTopic", QOR_CONTEXT_MSG_REQUEST, QOR_SYS_MNG_CONTEXT_REGISTER, by_topic},
-    {"MonitorsTopic", QOR_CONTEXT_MSG_REQUEST, QOR_SYS_MONITOR_TASK, by_topic},
-    {"NegativeTopic", QOR_CONTEXT_MSG_REQUEST, -1, by_topic},
-};
-
-} // namespace
-
-class BusModuleRefused : public BusModule, public testing::WithParamInterface<RefusedCase> {};
+class BusModuleRefused : public BusModule, public testing::WithParamInterface<RefusedMessage> {};
 
 TEST_P(BusModuleRefused, GivesAWarning)
 {
-    msg.type = GetParam().type;
-    msg.topic = GetParam().topic;
-
-    EXPECT_EQ(qor_bus_module.handle_message(own.get(), &msg), -1);
+    expect_refused(GetParam());
 
     EXPECT_EQ(delegate(), nullptr);
-    EXPECT_EQ(out.printed(), wrn_line(GetParam().function));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, BusModuleRefused, testing::ValuesIn(refused_cases),
-                         case_name<RefusedCase>);
+INSTANTIATE_TEST_SUITE_P(All, BusModuleRefused,
+                         testing::ValuesIn(refused_messages(QOR_SYS_BUS_REGISTER,
+                                                            QOR_SYS_MNG_CONTEXT_REGISTER,
+                                                            QOR_SYS_MONITOR_TASK)),
+                         case_name<RefusedMessage>);

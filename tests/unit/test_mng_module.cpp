@@ -3,7 +3,6 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -15,8 +14,8 @@
 #include "qor_context_msg.h"
 #include "qor_core_context.h"
 #include "qor_sched_delegate.h"
-#include "recording_context.hpp"
 #include "still_bus.hpp"
+#include "system_module.hpp"
 
 namespace {
 
@@ -79,19 +78,6 @@ protected:
 };
 
 } // namespace
-
-TEST(MngModuleDescriptor, DescribesASystemModuleWithoutConsoleAndUninit)
-{
-    EXPECT_STREQ(qor_mng_module.name, "qor_mng_module");
-    EXPECT_EQ(qor_mng_module.id, 0);
-    EXPECT_EQ(qor_mng_module.pure, 0u);
-    EXPECT_EQ(qor_mng_module.refcount, -1);
-    EXPECT_EQ(qor_mng_module.priority, 0);
-    EXPECT_EQ(qor_mng_module.stack_size, 0);
-    EXPECT_EQ(qor_mng_module.arg, nullptr);
-    EXPECT_EQ(qor_mng_module.uninit, nullptr);
-    EXPECT_EQ(qor_mng_module.console, nullptr);
-}
 
 /* ---- bring-up ---- */
 
@@ -319,13 +305,13 @@ TEST_F(MngModule, CloseCallsAFailedModuleNoMore)
     EXPECT_EQ(called, "");
 }
 
-/* ---- its own requests ---- */
+/* ---- its descriptor and its own requests ---- */
 
 namespace {
 
-class MngModuleMessage : public testing::Test {
+class MngModuleMessage : public SystemModule {
 protected:
-    MngModuleMessage()
+    MngModuleMessage() : SystemModule(qor_mng_module)
     {
         qor_context_msg_fill(&msg, 1, QOR_SYS_MNG_MODULE_REGISTER, nullptr, 0);
         topics = "";
@@ -341,15 +327,19 @@ protected:
     }
 
     static std::string topics; /* subscribed and unsubscribed: "+0 +1 -0 " */
-    RecordingContext own;
-    std::unique_ptr<qor_context_msg_t> held{new qor_context_msg_t}; /* no member: it has a tail */
-    qor_context_msg_t &msg = *held;
-    Output out;
 };
 
 std::string MngModuleMessage::topics;
 
 } // namespace
+
+TEST_F(MngModuleMessage, DescribesASystemModuleWithoutConsoleAndUninit)
+{
+    expect_plain_descriptor("qor_mng_module");
+    EXPECT_EQ(qor_mng_module.priority, 0);
+    EXPECT_EQ(qor_mng_module.stack_size, 0);
+    EXPECT_EQ(qor_mng_module.console, nullptr);
+}
 
 TEST_F(MngModuleMessage, RegSubscribesBothTopicsInOrder)
 {
@@ -403,47 +393,19 @@ TEST_F(MngModuleMessage, TheRequestFunctionLooksAtTheTopicAlone)
     EXPECT_EQ(out.printed(), "");
 }
 
-namespace {
-
-struct RefusedCase {
-    const char *name;
-    int32_t type;
-    int32_t topic;
-    const char *function;
-};
-
-const char by_type[] = "qor_mng_module_handle_message";
-const char by_topic[] = "qor_mng_module_handle_request_message";
-
-const RefusedCase refused_cases[] = {
-    {"Response", QOR_CONTEXT_MSG_RESPONSE, QOR_SYS_MNG_MODULE_REGISTER, by_type},
-    {"ListenBefore", QOR_CONTEXT_MSG_LISTEN_BEFORE, QOR_SYS_MNG_MODULE_REGISTER, by_type},
-    {"ListenAfter", QOR_CONTEXT_MSG_LISTEN_AFTER, QOR_SYS_MNG_MODULE_REGISTER, by_type},
-    {"FilterBefore", QOR_CONTEXT_MSG_FILTER_BEFORE, QOR_SYS_MNG_MODULE_REGISTER, by_type},
-    {"FilterAfter", QOR_CONTEXT_MSG_FILTER_AFTER, QOR_SYS_MNG_MODULE_REGISTER, by_type},
-    {"TypeBeforeTopic", QOR_CONTEXT_MSG_RESPONSE, 99, by_type},
-    {"BusModulesTopic", QOR_CONTEXT_MSG_REQUEST, QOR_SYS_BUS_REGISTER, by_topic},
-    {"MonitorsTopic", QOR_CONTEXT_MSG_REQUEST, QOR_SYS_MONITOR_TASK, by_topic},
-    {"NegativeTopic", QOR_CONTEXT_MSG_REQUEST, -1, by_topic},
-};
-
-} // namespace
-
 class MngModuleRefused : public MngModuleMessage,
-                         public testing::WithParamInterface<RefusedCase> {};
+                         public testing::WithParamInterface<RefusedMessage> {};
 
 TEST_P(MngModuleRefused, GivesAWarning)
 {
     int state;
     qor_context_priv_data_set(own.get(), &state);
-    msg.type = GetParam().type;
-    msg.topic = GetParam().topic;
 
-    EXPECT_EQ(qor_mng_module.handle_message(own.get(), &msg), -1);
-
-    EXPECT_EQ(out.printed(), "[qor_mng_module][wrn][" + std::string(GetParam().function) +
-                                 "]:not support type.\n");
+    expect_refused(GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(All, MngModuleRefused, testing::ValuesIn(refused_cases),
-                         case_name<RefusedCase>);
+INSTANTIATE_TEST_SUITE_P(All, MngModuleRefused,
+                         testing::ValuesIn(refused_messages(QOR_SYS_MNG_MODULE_REGISTER,
+                                                            QOR_SYS_BUS_REGISTER,
+                                                            QOR_SYS_MONITOR_TASK)),
+                         case_name<RefusedMessage>);

@@ -4,20 +4,18 @@
 #include <atomic>
 #include <cstring>
 #include <future>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "case_name.hpp"
-#include "output.hpp"
 #include "qor_context.h"
 #include "qor_context_msg.h"
 #include "qor_hal.h"
 #include "qor_time_que.h"
-#include "recording_context.hpp"
 #include "running_bus.hpp"
+#include "system_module.hpp"
 
 namespace {
 
@@ -39,9 +37,9 @@ std::vector<int64_t> warnings(const Output &out, const std::string &beginning)
 }
 
 /* The module in a context of the test's; its console runs where a test runs it. */
-class MonitorModule : public testing::Test {
+class MonitorModule : public SystemModule {
 protected:
-    MonitorModule()
+    MonitorModule() : SystemModule(qor_monitor_module)
     {
         EXPECT_EQ(qor_monitor_module.init(own.get(), nullptr), 0);
         que = static_cast<qor_time_que_t *>(qor_context_priv_data_get(own.get()));
@@ -78,26 +76,17 @@ protected:
                           [this] { return qor_monitor_module.console(own.get()); });
     }
 
-    RecordingContext own;
     qor_time_que_t *que;
     qor_sys_monitor_task_t report = {};
-    std::unique_ptr<qor_context_msg_t> held{new qor_context_msg_t}; /* no member: it has a tail */
-    qor_context_msg_t &msg = *held;
-    Output out;
 };
 
 } // namespace
 
 TEST_F(MonitorModule, DescribesASystemModuleWithAConsoleOfHighestPriority)
 {
-    EXPECT_STREQ(qor_monitor_module.name, "qor_monitor_module");
-    EXPECT_EQ(qor_monitor_module.id, 0);
-    EXPECT_EQ(qor_monitor_module.pure, 0u);
-    EXPECT_EQ(qor_monitor_module.refcount, -1);
+    expect_plain_descriptor("qor_monitor_module");
     EXPECT_EQ(qor_monitor_module.priority, 99);
     EXPECT_EQ(qor_monitor_module.stack_size, 4096);
-    EXPECT_EQ(qor_monitor_module.arg, nullptr);
-    EXPECT_EQ(qor_monitor_module.uninit, nullptr);
     EXPECT_NE(qor_monitor_module.console, nullptr);
 }
 
@@ -234,49 +223,21 @@ TEST_F(MonitorModule, TheRequestFunctionDoesNotLookAtTheType)
     EXPECT_EQ(que->count, 1);
 }
 
-namespace {
-
-struct RefusedCase {
-    const char *name;
-    int32_t type;
-    int32_t topic;
-    const char *function;
-};
-
-const char by_type[] = "qor_monitor_module_handle_message";
-const char by_topic[] = "qor_monitor_module_handle_request_message";
-
-const RefusedCase refused_cases[] = {
-    {"Response", QOR_CONTEXT_MSG_RESPONSE, QOR_SYS_MONITOR_TASK, by_type},
-    {"ListenBefore", QOR_CONTEXT_MSG_LISTEN_BEFORE, QOR_SYS_MONITOR_TASK, by_type},
-    {"ListenAfter", QOR_CONTEXT_MSG_LISTEN_AFTER, QOR_SYS_MONITOR_TASK, by_type},
-    {"FilterBefore", QOR_CONTEXT_MSG_FILTER_BEFORE, QOR_SYS_MONITOR_TASK, by_type},
-    {"FilterAfter", QOR_CONTEXT_MSG_FILTER_AFTER, QOR_SYS_MONITOR_TASK, by_type},
-    {"TypeBeforeTopic", QOR_CONTEXT_MSG_RESPONSE, 99, by_type},
-    {"ManagersTopic", QOR_CONTEXT_MSG_REQUEST, QOR_SYS_MNG_MODULE_REGISTER, by_topic},
-    {"BusModulesTopic", QOR_CONTEXT_MSG_REQUEST, QOR_SYS_BUS_REGISTER, by_topic},
-    {"NegativeTopic", QOR_CONTEXT_MSG_REQUEST, -1, by_topic},
-};
-
-} // namespace
-
 class MonitorModuleRefused : public MonitorModule,
-                             public testing::WithParamInterface<RefusedCase> {};
+                             public testing::WithParamInterface<RefusedMessage> {};
 
 TEST_P(MonitorModuleRefused, GivesAWarning)
 {
-    msg.type = GetParam().type;
-    msg.topic = GetParam().topic;
-
-    EXPECT_EQ(start(7), -1);
+    expect_refused(GetParam());
 
     EXPECT_EQ(que->count, 0);
-    EXPECT_EQ(out.printed(), "[qor_monitor_module][wrn][" + std::string(GetParam().function) +
-                                 "]:not support type.\n");
 }
 
-INSTANTIATE_TEST_SUITE_P(All, MonitorModuleRefused, testing::ValuesIn(refused_cases),
-                         case_name<RefusedCase>);
+INSTANTIATE_TEST_SUITE_P(All, MonitorModuleRefused,
+                         testing::ValuesIn(refused_messages(QOR_SYS_MONITOR_TASK,
+                                                            QOR_SYS_MNG_MODULE_REGISTER,
+                                                            QOR_SYS_BUS_REGISTER)),
+                         case_name<RefusedMessage>);
 
 /* ---- console ---- */
 
