@@ -61,7 +61,8 @@ int rbapi_kv_insert(const char *key, void *val, rbtree_kv_root *kv)
     }
     /* Deliberate: with the key present, the refused node and the copy that it holds are kept, as by
      * rbapi_insert(). Without the key there was no memory for a node, and nobody holds the copy.
-     * Test: RbApiKv.ARefusedInsertKeepsNodeAndKeyCopy. */
+     * Test: RbApiKv.ARefusedInsertKeepsNodeAndKeyCopy,
+     * RbApiFaults.KvInsertOfAPresentKeyKeepsNodeAndKeyCopy. */
     if (rbapi_find(copy, nullptr, &kv->root) != 0) {
         free(copy);
     }

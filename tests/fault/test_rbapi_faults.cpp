@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "fault.h"
+#include "leak.hpp"
 
 namespace {
 
@@ -58,4 +59,20 @@ TEST(RbApiFaults, KvInsertWithoutMemoryForTheNodeFreesTheKeyCopy)
     EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
     EXPECT_EQ(rbapi_kv_isempty(&map.kv), 1);
     EXPECT_EQ(rbapi_kv_insert("key", nullptr, &map.kv), 0);
+}
+
+TEST(RbApiFaults, KvInsertOfAPresentKeyKeepsNodeAndKeyCopy)
+{
+    Map map;
+    ASSERT_EQ(rbapi_kv_insert("key", nullptr, &map.kv), 0);
+    fault_arm(FAULT_ALLOC, -1);
+    {
+        PrescribedLeak leak;
+        EXPECT_EQ(rbapi_kv_insert("key", nullptr, &map.kv), -1);
+    }
+
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 2);
+    EXPECT_EQ(fault_live(), 2);
+    rbapi_kv_clear(&map.kv); /* the entry alone */
+    EXPECT_EQ(fault_live(), 0);
 }
