@@ -3,6 +3,7 @@
 #include "qor_time_que.h"
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -24,6 +25,13 @@ void await_waits(qor_time_que_t *que, int waits)
     ASSERT_TRUE(await([&] { return fault_calls(FAULT_WAIT) + fault_calls(FAULT_TIMED) >= waits; }));
     qor_time_que_lock(que);
     qor_time_que_unlock(que);
+}
+
+/* Nothing can be awaited where nothing is to happen: a test that passes by luck fails the next
+ * time. */
+void let_the_disturbed_show()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
 void count_waits()
@@ -111,6 +119,7 @@ TEST(TimeQueFaults, ALaterNodeDoesNotDisturbTheSleeper)
         arm(que, 'b', far_off + 1000);
         name_of(qor_time_que_remove(que, 'b'));
     }
+    let_the_disturbed_show();
     name_of(qor_time_que_remove(que, 'a'));
     qor_time_que_quit(que);
 
@@ -127,6 +136,7 @@ TEST(TimeQueFaults, ANodeAfterTheEndOfItsWaitDoesNotDisturbTheSleeper)
     await_waits(que, 1);
 
     arm(que, 'a', 2 * far_off);
+    let_the_disturbed_show();
     qor_time_que_quit(que);
 
     taker.join();

@@ -442,6 +442,22 @@ TEST(Que, TheCountStaysUntilQuitHasDiscardedAll)
     EXPECT_EQ(qor_que_count(que), 0);
 }
 
+TEST(Que, AQuitFromARecycleDoesNothing)
+{
+    recycled.clear();
+    Que que(UINT32_MAX, [](void *body) {
+        note_recycled(body);
+        qor_que_quit(quitting_que);
+        EXPECT_EQ(qor_que_count(quitting_que), 2);
+    });
+    quitting_que = que;
+    fill(que, "ab");
+
+    qor_que_quit(que);
+
+    EXPECT_EQ(recycled, "ab");
+}
+
 TEST(Que, ARemoveDuringQuitTakesANodeThatIsLeft)
 {
     recycled.clear();

@@ -247,7 +247,7 @@ TEST(TimeQue, AnOverdueNodeIsHandedOutAtOnce)
 TEST(TimeQue, ABlockingTakeWithoutWaitTakesADueNode)
 {
     TimeQue que;
-    arm(que, 'a', -20);
+    arm(que, 'a', 0); /* due in this very millisecond */
 
     EXPECT_EQ(name_of(qor_time_que_deque_block(que, 0)), "a");
 }
@@ -472,6 +472,17 @@ TEST(TimeQue, EarlyReordersAmongEqualDueTimes)
     EXPECT_EQ(order(que), "YXZ");
 }
 
+TEST(TimeQue, EarlyMovesTheFirstNodeOnly)
+{
+    TimeQue que;
+    arm_at(que, "xaba", util_timestamp() + far_off);
+    ASSERT_EQ(order(que), "xaba");
+
+    EXPECT_EQ(qor_time_que_early(que, 'a', 0), 0); /* goes directly behind x, where it was */
+
+    EXPECT_EQ(order(que), "xaba");
+}
+
 TEST(TimeQue, EarlySkipsNodesThatAreDueSoonEnough)
 {
     TimeQue que;
@@ -670,6 +681,23 @@ TEST(TimeQue, TheCountStaysUntilQuitHasDiscardedAll)
 
     EXPECT_EQ(recycled, "ab");
     EXPECT_EQ(que->count, 0);
+}
+
+TEST(TimeQue, AQuitFromARecycleDoesNothing)
+{
+    recycled.clear();
+    TimeQue que(UINT32_MAX, [](void *body) {
+        note_recycled(body);
+        qor_time_que_quit(quitting_que);
+        EXPECT_EQ(quitting_que->count, 2);
+    });
+    quitting_que = que;
+    arm(que, 'a', -2);
+    arm(que, 'b', -1);
+
+    qor_time_que_quit(que);
+
+    EXPECT_EQ(recycled, "ab");
 }
 
 TEST(TimeQue, QuitReleasesABlockedTaker)
