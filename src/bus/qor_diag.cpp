@@ -2,7 +2,7 @@
 /* The one text that all argument checks print. */
 #include "qor_diag.hpp"
 
-void qor_check_failed(const char *tag, const char *func, int line, const char *cond)
+void qor_check_print(const char *tag, const char *func, int line, const char *cond)
 {
     hal_printf("[%s][%s][%s][%d]:!(%s) == true.\n", tag, "err", func, line, cond);
 }

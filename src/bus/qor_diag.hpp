@@ -5,8 +5,15 @@
 
 #include "qor_hal.h"
 
-/* Prints "!(<cond>) == true.". Out of line: saves about 20 bytes of code per check. */
-void qor_check_failed(const char *tag, const char *func, int line, const char *cond);
+/* Prints "!(<cond>) == true.". */
+void qor_check_print(const char *tag, const char *func, int line, const char *cond);
+
+/* The same for one source. Out of line, so that the many checks do not load the tag. */
+template <const char *tag>
+[[gnu::noinline]] void qor_check_failed(const char *func, int line, const char *cond)
+{
+    qor_check_print(tag, func, line, cond);
+}
 
 /* One line at the given level. A macro, because function and line are the caller's. */
 #define QOR_LINE(level, func, format, ...) \
@@ -21,7 +28,7 @@ void qor_check_failed(const char *tag, const char *func, int line, const char *c
 #define QOR_CHECK(cond, result)                                    \
     do {                                                           \
         if (!(cond)) {                                             \
-            qor_check_failed(file_tag, __func__, __LINE__, #cond); \
+            qor_check_failed<file_tag>(__func__, __LINE__, #cond); \
             return result;                                         \
         }                                                          \
     } while (0)
@@ -30,7 +37,7 @@ void qor_check_failed(const char *tag, const char *func, int line, const char *c
 #define QOR_CHECK_VOID(cond)                                       \
     do {                                                           \
         if (!(cond)) {                                             \
-            qor_check_failed(file_tag, __func__, __LINE__, #cond); \
+            qor_check_failed<file_tag>(__func__, __LINE__, #cond); \
             return;                                                \
         }                                                          \
     } while (0)
@@ -39,7 +46,7 @@ void qor_check_failed(const char *tag, const char *func, int line, const char *c
 #define QOR_CHECK_TEXT(cond, text, result)                        \
     do {                                                          \
         if (!(cond)) {                                            \
-            qor_check_failed(file_tag, __func__, __LINE__, text); \
+            qor_check_failed<file_tag>(__func__, __LINE__, text); \
             return result;                                        \
         }                                                         \
     } while (0)

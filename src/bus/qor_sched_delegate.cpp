@@ -379,7 +379,7 @@ qor_sched_delegate_t *delegate_checked(const qor_context_t *context, const char 
 {
     qor_sched_delegate_t *delegate = delegate_of(context);
     if (!delegate) {
-        qor_check_failed(file_tag, func, __LINE__, "_this");
+        qor_check_failed<file_tag>(func, __LINE__, "_this");
     }
     return delegate;
 }
