@@ -4,5 +4,5 @@
 
 void qor_check_print(const char *tag, const char *func, int line, const char *cond)
 {
-    hal_printf("[%s][%s][%s][%d]:!(%s) == true.\n", tag, "err", func, line, cond);
+    hal_printf("[%s][err][%s][%d]:!(%s) == true.\n", tag, func, line, cond);
 }

@@ -15,9 +15,10 @@ template <const char *tag>
     qor_check_print(tag, func, line, cond);
 }
 
-/* One line at the given level. A macro, because function and line are the caller's. */
+/* One line at the given level, a literal that becomes part of the format. A macro, because function
+ * and line are the caller's. */
 #define QOR_LINE(level, func, format, ...) \
-    hal_printf("[%s][%s][%s][%d]:" format "\n", file_tag, level, func, __LINE__, ##__VA_ARGS__)
+    hal_printf("[%s][" level "][%s][%d]:" format "\n", file_tag, func, __LINE__, ##__VA_ARGS__)
 
 #define QOR_ERR(format, ...) QOR_LINE("err", __func__, format, ##__VA_ARGS__)
 #define QOR_WRN(format, ...) QOR_LINE("wrn", __func__, format, ##__VA_ARGS__)
