@@ -65,8 +65,7 @@ uint32_t hash_read_block(const uint8_t *at)
     return whole << 8;
 }
 
-/* Behind the exported functions, which callers may replace and compilers therefore do not inline.
- */
+/* What hash_api() and rbtree_string_hash() compute. */
 uint32_t hash_bytes(const void *buf, size_t len, uint32_t seed)
 {
     const uint8_t *at = static_cast<const uint8_t *>(buf);
