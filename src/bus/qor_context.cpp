@@ -26,6 +26,14 @@ int32_t _qor_context_sys_req(qor_context_t *_this, qor_context_handler_publish_t
     return send(_this, &msg) < 0 ? -1 : session;
 }
 
+/* What all dispatchers begin with; the printed name is theirs. */
+bool context_has_class(const qor_context_t *_this, const char *func)
+{
+    QOR_CHECK_IN(func, _this, false);
+    QOR_CHECK_IN(func, _this->cls, false);
+    return true;
+}
+
 } // namespace
 
 qor_context_t *qor_context_create(qor_context_cls_t *cls, qor_context_module_t *module)
@@ -39,8 +47,9 @@ qor_context_t *qor_context_create(qor_context_cls_t *cls, qor_context_module_t *
 
 void qor_context_destroy(qor_context_t *_this)
 {
-    QOR_CHECK_VOID(_this);
-    QOR_CHECK_VOID(_this->cls);
+    if (!context_has_class(_this, __func__)) {
+        return;
+    }
     QOR_CHECK_VOID(_this->cls->destroy);
     _this->cls->destroy(_this);
 }
@@ -66,16 +75,18 @@ void qor_context_destructor(qor_context_t *_this)
 
 int32_t qor_context_init(qor_context_t *_this)
 {
-    QOR_CHECK(_this, -1);
-    QOR_CHECK(_this->cls, -1);
+    if (!context_has_class(_this, __func__)) {
+        return -1;
+    }
     QOR_CHECK(_this->cls->init, -1);
     return _this->cls->init(_this);
 }
 
 void qor_context_uninit(qor_context_t *_this)
 {
-    QOR_CHECK_VOID(_this);
-    QOR_CHECK_VOID(_this->cls);
+    if (!context_has_class(_this, __func__)) {
+        return;
+    }
     QOR_CHECK_VOID(_this->cls->uninit);
     /* Deliberate: public data goes before the class cleans up, and the field is not cleared. The
      * class must not rely on it, and a second uninit releases it again.
@@ -88,70 +99,79 @@ void qor_context_uninit(qor_context_t *_this)
 
 int32_t qor_context_start(qor_context_t *_this)
 {
-    QOR_CHECK(_this, -1);
-    QOR_CHECK(_this->cls, -1);
+    if (!context_has_class(_this, __func__)) {
+        return -1;
+    }
     QOR_CHECK(_this->cls->start, -1);
     return _this->cls->start(_this);
 }
 
 void qor_context_stop(qor_context_t *_this)
 {
-    QOR_CHECK_VOID(_this);
-    QOR_CHECK_VOID(_this->cls);
+    if (!context_has_class(_this, __func__)) {
+        return;
+    }
     QOR_CHECK_VOID(_this->cls->stop);
     _this->cls->stop(_this);
 }
 
 int32_t qor_context_resume(qor_context_t *_this)
 {
-    QOR_CHECK(_this, -1);
-    QOR_CHECK(_this->cls, -1);
+    if (!context_has_class(_this, __func__)) {
+        return -1;
+    }
     return _this->cls->resume ? _this->cls->resume(_this) : 0;
 }
 
 int32_t qor_context_pause(qor_context_t *_this)
 {
-    QOR_CHECK(_this, -1);
-    QOR_CHECK(_this->cls, -1);
+    if (!context_has_class(_this, __func__)) {
+        return -1;
+    }
     return _this->cls->pause ? _this->cls->pause(_this) : 0;
 }
 
 void qor_context_register(qor_context_t *_this)
 {
-    QOR_CHECK_VOID(_this);
-    QOR_CHECK_VOID(_this->cls);
+    if (!context_has_class(_this, __func__)) {
+        return;
+    }
     QOR_CHECK_VOID(_this->cls->reg);
     _this->cls->reg(_this);
 }
 
 void qor_context_unregister(qor_context_t *_this)
 {
-    QOR_CHECK_VOID(_this);
-    QOR_CHECK_VOID(_this->cls);
+    if (!context_has_class(_this, __func__)) {
+        return;
+    }
     QOR_CHECK_VOID(_this->cls->unreg);
     _this->cls->unreg(_this);
 }
 
 int32_t qor_context_handle_message(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    QOR_CHECK(_this, -1);
-    QOR_CHECK(_this->cls, -1);
+    if (!context_has_class(_this, __func__)) {
+        return -1;
+    }
     QOR_CHECK(_this->cls->handle_message, -1);
     return _this->cls->handle_message(_this, msg);
 }
 
 int32_t qor_context_handle_task(qor_context_t *_this, qor_context_task_t *task)
 {
-    QOR_CHECK(_this, -1);
-    QOR_CHECK(_this->cls, -1);
+    if (!context_has_class(_this, __func__)) {
+        return -1;
+    }
     QOR_CHECK(_this->cls->handle_task, -1);
     return _this->cls->handle_task(_this, task);
 }
 
 int32_t qor_context_loop(qor_context_t *_this)
 {
-    QOR_CHECK(_this, -1);
-    QOR_CHECK(_this->cls, -1);
+    if (!context_has_class(_this, __func__)) {
+        return -1;
+    }
     /* Deliberate: tests handle_message and calls loop. A class without handle_message is refused
      * even if it has a loop; one with handle_message alone faults.
      * Test: Context.LoopTestsTheMessageSlot. */

@@ -9,13 +9,23 @@ namespace {
 
 constexpr char file_tag[] = "qor_context_handler";
 
+/* What all dispatchers begin with; the printed name is theirs. */
+const qor_context_handler_t *handler_of(qor_context_t *_this, const char *func)
+{
+    QOR_CHECK_IN(func, _this, nullptr);
+    const qor_context_handler_t *handler = qor_context_handler_get(_this);
+    QOR_CHECK_IN(func, handler, nullptr);
+    return handler;
+}
+
 } // namespace
 
 int32_t qor_context_handler_session(qor_context_t *_this, int32_t *session)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->session, -1);
     return handler->session(_this, session);
 }
@@ -23,18 +33,20 @@ int32_t qor_context_handler_session(qor_context_t *_this, int32_t *session)
 int32_t qor_context_handler_subscribe(qor_context_t *_this, qor_context_topic_t topic,
                                       qor_context_topic_attr_t *attr)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->subscribe, -1);
     return handler->subscribe(_this, topic, attr);
 }
 
 int32_t qor_context_handler_unsubscribe(qor_context_t *_this, qor_context_topic_t topic)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->unsubscribe, -1);
     return handler->unsubscribe(_this, topic);
 }
@@ -42,18 +54,20 @@ int32_t qor_context_handler_unsubscribe(qor_context_t *_this, qor_context_topic_
 int32_t qor_context_handler_listen(qor_context_t *_this, qor_context_topic_t topic,
                                    qor_context_topic_attr_t *attr)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->listen, -1);
     return handler->listen(_this, topic, attr);
 }
 
 int32_t qor_context_handler_unlisten(qor_context_t *_this, qor_context_topic_t topic)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->unlisten, -1);
     return handler->unlisten(_this, topic);
 }
@@ -61,90 +75,100 @@ int32_t qor_context_handler_unlisten(qor_context_t *_this, qor_context_topic_t t
 int32_t qor_context_handler_filter(qor_context_t *_this, qor_context_topic_t topic,
                                    qor_context_topic_attr_t *attr)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->filter, -1);
     return handler->filter(_this, topic, attr);
 }
 
 int32_t qor_context_handler_unfilter(qor_context_t *_this, qor_context_topic_t topic)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->unfilter, -1);
     return handler->unfilter(_this, topic);
 }
 
 int32_t qor_context_handler_publish(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->publish, -1);
     return handler->publish(_this, msg);
 }
 
 int32_t qor_context_handler_publishx(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->publishx, -1);
     return handler->publishx(_this, msg);
 }
 
 int32_t qor_context_handler_syscall(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->syscall, -1);
     return handler->syscall(_this, msg);
 }
 
 int32_t qor_context_handler_syscallx(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->syscallx, -1);
     return handler->syscallx(_this, msg);
 }
 
 int32_t qor_context_handler_post(qor_context_t *_this, qor_context_task_t *task)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->post, -1);
     return handler->post(_this, task);
 }
 
 int32_t qor_context_handler_postx(qor_context_t *_this, qor_context_task_t *task)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->postx, -1);
     return handler->postx(_this, task);
 }
 
 int32_t qor_context_handler_cancel(qor_context_t *_this, int32_t session)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->cancel, -1);
     return handler->cancel(_this, session);
 }
 
 int32_t qor_context_handler_cancelx(qor_context_t *_this, int32_t session)
 {
-    QOR_CHECK(_this, -1);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK(handler, -1);
+    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    if (!handler) {
+        return -1;
+    }
     QOR_CHECK(handler->cancelx, -1);
     return handler->cancelx(_this, session);
 }
