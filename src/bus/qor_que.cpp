@@ -35,7 +35,7 @@ qor_que_t *que_alloc()
     /* Deliberate: the conditions keep the default clock while deadlines are monotonic. Seen from
      * that clock every deadline is long past, so a wait with a limit polls until it is over; it
      * ends on time all the same. Test: QueFaults.TimedWaitPolls. */
-    if (que_waits_open(&block->que, CLOCK_REALTIME) != 0) {
+    if (que_waits_open(block->priv.waits, block->que.mutex, block->que.cond, CLOCK_REALTIME) != 0) {
         free(block);
         return nullptr;
     }
@@ -97,7 +97,7 @@ void que_quit_begin(qor_que_t *que)
 {
     hal_scoped_lock lock(que->mutex);
     hal_store(que->quitting, 1);
-    que_wake_everybody(que);
+    que_wake_everybody(que->priv->waits);
 }
 
 void que_discard_all(qor_que_t *que, qor_que_node_recycle_t recycle)
@@ -144,7 +144,7 @@ void qor_que_destroy(qor_que_t *_this)
     QOR_CHECK_VOID(_this);
     que_quit_begin(_this);
     que_discard_all(_this, _this->recycle); /* also what a quit that only began has left */
-    que_waits_close(_this);
+    que_waits_close(_this->priv->waits);
     free(_this);
 }
 
@@ -200,13 +200,13 @@ void qor_que_unlock(qor_que_t *_this)
 void qor_que_wait_locked(qor_que_t *_this)
 {
     QOR_CHECK_VOID(_this);
-    que_wait_for_change(_this);
+    que_wait_for_change(_this->priv->waits);
 }
 
 void qor_que_wakeup_locked(qor_que_t *_this)
 {
     QOR_CHECK_VOID(_this);
-    que_wake_everybody(_this);
+    que_wake_everybody(_this->priv->waits);
 }
 
 int32_t qor_que_enque_locked(qor_que_t *_this, qor_que_node_t *new_node)
@@ -279,7 +279,7 @@ qor_que_node_t *qor_que_deque_block_locked(qor_que_t *_this, int32_t wait_time)
         if (que_time_is_over(deadline)) {
             return nullptr;
         }
-        que_wait(_this, _this->priv->waits.takers, deadline);
+        que_wait(_this->priv->waits, _this->priv->waits.takers, deadline);
     }
     /* Deliberate: quitting wins over nodes that are still there; quit is about to discard them.
      * Test: Que.QuittingHandsOutNothing. */

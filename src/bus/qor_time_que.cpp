@@ -35,7 +35,8 @@ qor_time_que_t *time_que_alloc()
     }
     block->que.priv = &block->priv;
     block->priv.latest_look = nobody_looks;
-    if (que_waits_open(&block->que, CLOCK_MONOTONIC) != 0) {
+    if (que_waits_open(block->priv.waits, block->que.mutex, block->que.cond, CLOCK_MONOTONIC) !=
+        0) {
         free(block);
         return nullptr;
     }
@@ -71,7 +72,7 @@ void time_que_sleep(qor_time_que_t *que, int64_t look)
     if (que->priv->latest_look < look) {
         que->priv->latest_look = look;
     }
-    que_wait(que, que->priv->waits.takers, look);
+    que_wait(que->priv->waits, que->priv->waits.takers, look);
     if (que->priv->waits.takers.waiting == 0) {
         que->priv->latest_look = nobody_looks;
     }
@@ -141,7 +142,7 @@ void time_que_quit_begin(qor_time_que_t *que)
 {
     hal_scoped_lock lock(que->mutex);
     hal_store(que->quitting, 1);
-    que_wake_everybody(que);
+    que_wake_everybody(que->priv->waits);
 }
 
 void time_que_discard_all(qor_time_que_t *que, qor_time_que_node_recycle_t recycle)
@@ -196,7 +197,7 @@ void qor_time_que_destroy(qor_time_que_t *_this)
     QOR_CHECK_VOID(_this);
     time_que_quit_begin(_this);
     time_que_discard_all(_this, _this->recycle); /* also what a quit that only began has left */
-    que_waits_close(_this);
+    que_waits_close(_this->priv->waits);
     free(_this);
 }
 
@@ -225,13 +226,13 @@ void qor_time_que_unlock(qor_time_que_t *_this)
 void qor_time_que_wait_locked(qor_time_que_t *_this)
 {
     QOR_CHECK_VOID(_this);
-    que_wait_for_change(_this);
+    que_wait_for_change(_this->priv->waits);
 }
 
 void qor_time_que_wakeup_locked(qor_time_que_t *_this)
 {
     QOR_CHECK_VOID(_this);
-    que_wake_everybody(_this);
+    que_wake_everybody(_this->priv->waits);
 }
 
 int32_t qor_time_que_enque_locked(qor_time_que_t *_this, qor_time_que_node_t *new_node)
