@@ -82,7 +82,8 @@ QOR_API int32_t qor_core_context_lifecycle_change(qor_core_context_t *_this, int
 /**
  * Lets deliveries in: INIT or CREATE becomes START.
  *
- * @return  0, or -1 after "lifecycle already START or not CREATE yet. START failed."
+ * @return  0, or -1 after "!(_this) == true." or "lifecycle already START or not CREATE yet. START
+ *          failed."
  */
 QOR_API int32_t qor_core_context_lifecycle_start(qor_core_context_t *_this);
 
@@ -92,23 +93,25 @@ QOR_API int32_t qor_core_context_lifecycle_start(qor_core_context_t *_this);
  * Only qor_core_context_lifecycle_change() reaches PAUSE: deliveries never do, so this waits until
  * the application says so.
  *
- * @return  0, or -1 after "lifecycle already STOP. STOP failed.", also when the bus quits meanwhile
+ * @return  0, or -1 after "!(_this) == true." or "lifecycle already STOP. STOP failed.", also when
+ *          the bus quits meanwhile
  */
 QOR_API int32_t qor_core_context_lifecycle_stop(qor_core_context_t *_this);
 
 /**
  * Enters the context for a delivery; waits while it has not started.
  *
- * @return  0, or -1 after "lifecycle already STOP or not START yet. RESUME failed." or, when that
- *          came about during the wait or the bus quits, "lifecycle already STOP or DESTROY. RESUME
- *          failed."
+ * @return  0, or -1 after "!(_this) == true.", "lifecycle already STOP or not START yet. RESUME
+ *          failed." or, when that came about during the wait or the bus quits, "lifecycle already
+ *          STOP or DESTROY. RESUME failed."
  */
 QOR_API int32_t qor_core_context_lifecycle_resume(qor_core_context_t *_this);
 
 /**
  * Leaves the context after a delivery. The lifecycle stays as it is: RESUME does not become PAUSE.
  *
- * @return  0, or -1 after "lifecycle already STOP or not RESUME yet. PAUSE failed."
+ * @return  0, or -1 after "!(_this) == true." or "lifecycle already STOP or not RESUME yet. PAUSE
+ *          failed."
  */
 QOR_API int32_t qor_core_context_lifecycle_pause(qor_core_context_t *_this);
 
