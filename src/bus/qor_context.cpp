@@ -26,12 +26,11 @@ int32_t _qor_context_sys_req(qor_context_t *_this, qor_context_handler_publish_t
     return send(_this, &msg) < 0 ? -1 : session;
 }
 
-/* What all dispatchers begin with; the printed name is theirs. */
-bool context_has_class(const qor_context_t *_this, const char *func)
+/* Reports what a dispatcher lacks; the printed name is the dispatcher's. Returns its failure. */
+int32_t class_missing(const qor_context_t *_this, const char *func)
 {
-    QOR_CHECK_IN(func, _this, false);
-    QOR_CHECK_IN(func, _this->cls, false);
-    return true;
+    qor_check_failed<file_tag>(func, __LINE__, _this ? "_this->cls" : "_this");
+    return -1;
 }
 
 } // namespace
@@ -47,7 +46,8 @@ qor_context_t *qor_context_create(qor_context_cls_t *cls, qor_context_module_t *
 
 void qor_context_destroy(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
+    if (!_this || !_this->cls) {
+        class_missing(_this, __func__);
         return;
     }
     QOR_CHECK_VOID(_this->cls->destroy);
@@ -75,8 +75,8 @@ void qor_context_destructor(qor_context_t *_this)
 
 int32_t qor_context_init(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
-        return -1;
+    if (!_this || !_this->cls) {
+        return class_missing(_this, __func__);
     }
     QOR_CHECK(_this->cls->init, -1);
     return _this->cls->init(_this);
@@ -84,7 +84,8 @@ int32_t qor_context_init(qor_context_t *_this)
 
 void qor_context_uninit(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
+    if (!_this || !_this->cls) {
+        class_missing(_this, __func__);
         return;
     }
     QOR_CHECK_VOID(_this->cls->uninit);
@@ -99,8 +100,8 @@ void qor_context_uninit(qor_context_t *_this)
 
 int32_t qor_context_start(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
-        return -1;
+    if (!_this || !_this->cls) {
+        return class_missing(_this, __func__);
     }
     QOR_CHECK(_this->cls->start, -1);
     return _this->cls->start(_this);
@@ -108,7 +109,8 @@ int32_t qor_context_start(qor_context_t *_this)
 
 void qor_context_stop(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
+    if (!_this || !_this->cls) {
+        class_missing(_this, __func__);
         return;
     }
     QOR_CHECK_VOID(_this->cls->stop);
@@ -117,23 +119,24 @@ void qor_context_stop(qor_context_t *_this)
 
 int32_t qor_context_resume(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
-        return -1;
+    if (!_this || !_this->cls) {
+        return class_missing(_this, __func__);
     }
     return _this->cls->resume ? _this->cls->resume(_this) : 0;
 }
 
 int32_t qor_context_pause(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
-        return -1;
+    if (!_this || !_this->cls) {
+        return class_missing(_this, __func__);
     }
     return _this->cls->pause ? _this->cls->pause(_this) : 0;
 }
 
 void qor_context_register(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
+    if (!_this || !_this->cls) {
+        class_missing(_this, __func__);
         return;
     }
     QOR_CHECK_VOID(_this->cls->reg);
@@ -142,7 +145,8 @@ void qor_context_register(qor_context_t *_this)
 
 void qor_context_unregister(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
+    if (!_this || !_this->cls) {
+        class_missing(_this, __func__);
         return;
     }
     QOR_CHECK_VOID(_this->cls->unreg);
@@ -151,8 +155,8 @@ void qor_context_unregister(qor_context_t *_this)
 
 int32_t qor_context_handle_message(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    if (!context_has_class(_this, __func__)) {
-        return -1;
+    if (!_this || !_this->cls) {
+        return class_missing(_this, __func__);
     }
     QOR_CHECK(_this->cls->handle_message, -1);
     return _this->cls->handle_message(_this, msg);
@@ -160,8 +164,8 @@ int32_t qor_context_handle_message(qor_context_t *_this, qor_context_msg_t *msg)
 
 int32_t qor_context_handle_task(qor_context_t *_this, qor_context_task_t *task)
 {
-    if (!context_has_class(_this, __func__)) {
-        return -1;
+    if (!_this || !_this->cls) {
+        return class_missing(_this, __func__);
     }
     QOR_CHECK(_this->cls->handle_task, -1);
     return _this->cls->handle_task(_this, task);
@@ -169,8 +173,8 @@ int32_t qor_context_handle_task(qor_context_t *_this, qor_context_task_t *task)
 
 int32_t qor_context_loop(qor_context_t *_this)
 {
-    if (!context_has_class(_this, __func__)) {
-        return -1;
+    if (!_this || !_this->cls) {
+        return class_missing(_this, __func__);
     }
     /* Deliberate: tests handle_message and calls loop. A class without handle_message is refused
      * even if it has a loop; one with handle_message alone faults.

@@ -9,22 +9,20 @@ namespace {
 
 constexpr char file_tag[] = "qor_context_handler";
 
-/* What all dispatchers begin with; the printed name is theirs. */
-const qor_context_handler_t *handler_of(qor_context_t *_this, const char *func)
+/* Reports what a dispatcher lacks; the printed name is the dispatcher's. Returns its failure. */
+int32_t handler_missing(const qor_context_t *_this, const char *func)
 {
-    QOR_CHECK_IN(func, _this, nullptr);
-    const qor_context_handler_t *handler = qor_context_handler_get(_this);
-    QOR_CHECK_IN(func, handler, nullptr);
-    return handler;
+    qor_check_failed<file_tag>(func, __LINE__, _this ? "handler" : "_this");
+    return -1;
 }
 
 } // namespace
 
 int32_t qor_context_handler_session(qor_context_t *_this, int32_t *session)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->session, -1);
     return handler->session(_this, session);
@@ -33,9 +31,9 @@ int32_t qor_context_handler_session(qor_context_t *_this, int32_t *session)
 int32_t qor_context_handler_subscribe(qor_context_t *_this, qor_context_topic_t topic,
                                       qor_context_topic_attr_t *attr)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->subscribe, -1);
     return handler->subscribe(_this, topic, attr);
@@ -43,9 +41,9 @@ int32_t qor_context_handler_subscribe(qor_context_t *_this, qor_context_topic_t 
 
 int32_t qor_context_handler_unsubscribe(qor_context_t *_this, qor_context_topic_t topic)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->unsubscribe, -1);
     return handler->unsubscribe(_this, topic);
@@ -54,9 +52,9 @@ int32_t qor_context_handler_unsubscribe(qor_context_t *_this, qor_context_topic_
 int32_t qor_context_handler_listen(qor_context_t *_this, qor_context_topic_t topic,
                                    qor_context_topic_attr_t *attr)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->listen, -1);
     return handler->listen(_this, topic, attr);
@@ -64,9 +62,9 @@ int32_t qor_context_handler_listen(qor_context_t *_this, qor_context_topic_t top
 
 int32_t qor_context_handler_unlisten(qor_context_t *_this, qor_context_topic_t topic)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->unlisten, -1);
     return handler->unlisten(_this, topic);
@@ -75,9 +73,9 @@ int32_t qor_context_handler_unlisten(qor_context_t *_this, qor_context_topic_t t
 int32_t qor_context_handler_filter(qor_context_t *_this, qor_context_topic_t topic,
                                    qor_context_topic_attr_t *attr)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->filter, -1);
     return handler->filter(_this, topic, attr);
@@ -85,9 +83,9 @@ int32_t qor_context_handler_filter(qor_context_t *_this, qor_context_topic_t top
 
 int32_t qor_context_handler_unfilter(qor_context_t *_this, qor_context_topic_t topic)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->unfilter, -1);
     return handler->unfilter(_this, topic);
@@ -95,9 +93,9 @@ int32_t qor_context_handler_unfilter(qor_context_t *_this, qor_context_topic_t t
 
 int32_t qor_context_handler_publish(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->publish, -1);
     return handler->publish(_this, msg);
@@ -105,9 +103,9 @@ int32_t qor_context_handler_publish(qor_context_t *_this, qor_context_msg_t *msg
 
 int32_t qor_context_handler_publishx(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->publishx, -1);
     return handler->publishx(_this, msg);
@@ -115,9 +113,9 @@ int32_t qor_context_handler_publishx(qor_context_t *_this, qor_context_msg_t *ms
 
 int32_t qor_context_handler_syscall(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->syscall, -1);
     return handler->syscall(_this, msg);
@@ -125,9 +123,9 @@ int32_t qor_context_handler_syscall(qor_context_t *_this, qor_context_msg_t *msg
 
 int32_t qor_context_handler_syscallx(qor_context_t *_this, qor_context_msg_t *msg)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->syscallx, -1);
     return handler->syscallx(_this, msg);
@@ -135,9 +133,9 @@ int32_t qor_context_handler_syscallx(qor_context_t *_this, qor_context_msg_t *ms
 
 int32_t qor_context_handler_post(qor_context_t *_this, qor_context_task_t *task)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->post, -1);
     return handler->post(_this, task);
@@ -145,9 +143,9 @@ int32_t qor_context_handler_post(qor_context_t *_this, qor_context_task_t *task)
 
 int32_t qor_context_handler_postx(qor_context_t *_this, qor_context_task_t *task)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->postx, -1);
     return handler->postx(_this, task);
@@ -155,9 +153,9 @@ int32_t qor_context_handler_postx(qor_context_t *_this, qor_context_task_t *task
 
 int32_t qor_context_handler_cancel(qor_context_t *_this, int32_t session)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->cancel, -1);
     return handler->cancel(_this, session);
@@ -165,9 +163,9 @@ int32_t qor_context_handler_cancel(qor_context_t *_this, int32_t session)
 
 int32_t qor_context_handler_cancelx(qor_context_t *_this, int32_t session)
 {
-    const qor_context_handler_t *handler = handler_of(_this, __func__);
+    const qor_context_handler_t *handler = _this ? _this->handler : nullptr;
     if (!handler) {
-        return -1;
+        return handler_missing(_this, __func__);
     }
     QOR_CHECK(handler->cancelx, -1);
     return handler->cancelx(_this, session);

@@ -43,15 +43,6 @@ template <const char *tag>
         }                                                          \
     } while (0)
 
-/* The same in a step that several functions share: func is the one on whose behalf it checks. */
-#define QOR_CHECK_IN(func, cond, result)                       \
-    do {                                                       \
-        if (!(cond)) {                                         \
-            qor_check_failed<file_tag>(func, __LINE__, #cond); \
-            return result;                                     \
-        }                                                      \
-    } while (0)
-
 /* The same where the expression and the printed text differ, as for a field read by hal_load(). */
 #define QOR_CHECK_TEXT(cond, text, result)                        \
     do {                                                          \
