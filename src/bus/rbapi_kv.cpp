@@ -13,11 +13,6 @@ struct tmp_pack {
     rbapi_kv_travel_func filter;
 };
 
-int kv_compare(const void *first, const void *second)
-{
-    return strcmp(static_cast<const char *>(first), static_cast<const char *>(second));
-}
-
 int kv_visit(void *data, rbtree_node *node, rbtree_root *)
 {
     const tmp_pack *pack = static_cast<tmp_pack *>(data);
@@ -41,8 +36,9 @@ int rbapi_kv_init(rbtree_kv_root *kv, rbapi_kv_release_func release)
     }
     *kv = {};
     kv->release = release ? release : free;
-    return rbapi_init(&kv->root, rbtree_string_hash, kv_compare, rbapi_kv_release, nullptr,
-                      nullptr);
+    /* strcmp itself, not a wrapper of the right type: a caller can tell by it how keys compare. */
+    const rbtree_cmp_func compare = reinterpret_cast<rbtree_cmp_func>(strcmp);
+    return rbapi_init(&kv->root, rbtree_string_hash, compare, rbapi_kv_release, nullptr, nullptr);
 }
 
 int rbapi_kv_destroy(rbtree_kv_root *kv)
