@@ -658,9 +658,8 @@ TEST_F(CoreContextOnABus, ATaskTakenBeforeTheBusRefusesItsRunIsNoError)
         posted = post(7);
     });
     int32_t delay = 0;
-    ASSERT_TRUE(await([&] {
-        return sleeper.sleeps() && qor_time_que_next_delay(core->que, &delay) == 0;
-    }));
+    ASSERT_TRUE(
+        await([&] { return sleeper.sleeps() && qor_time_que_next_delay(core->que, &delay) == 0; }));
 
     EXPECT_EQ(cls.loop(wrapper), 0); /* a run that is under way */
     __atomic_store_n(&bus->que->quitting, 1, __ATOMIC_RELEASE);
