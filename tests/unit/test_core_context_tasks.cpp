@@ -347,28 +347,37 @@ TEST_F(CoreContext, ATaskTakenBeforeTheRefusalCountsAsAccepted)
 
 TEST_F(CoreContext, ARefusalLeavesATaskThatCameIntoTheNodesPlace)
 {
-    for (int32_t session = 100; session < 110; session++) { /* then glibc uses freed memory again */
-        ASSERT_EQ(post(task("t", session, 60000)), 0);
-    }
-    for (int32_t session = 100; session < 110; session++) {
-        ASSERT_EQ(qor_context_timer_cancel(inner, session), 0);
-    }
-    recycled = 0;
+    const auto queued = [this](const list_head *link) {
+        const list_head *at = core->que->head.next;
+        while (at != &core->que->head && at != link) {
+            at = at->next;
+        }
+        return at == link;
+    };
     for (const int32_t session : {8, 7}) { /* another session, and the same */
-        behind.on_post = [this, session] {
-            behind.on_post = nullptr;
-            loop(); /* another run takes the node, frees it ... */
-            EXPECT_EQ(post(task("next", session)), 0); /* ... and its memory serves the next task */
+        int32_t next = 0;
+        bool nested = false;
+        behind.on_post = [&] {
+            if (nested) {
+                return 0;
+            }
+            nested = true;
+            const list_head *taken = core->que->head.next;
+            loop(); /* another run takes the node and frees it ... */
+            do {    /* ... and its memory serves a later task, unless a checker holds it back */
+                EXPECT_EQ(post(task("next", session)), 0);
+                next++;
+            } while (!queued(taken) && next < 40);
             return -1;
         };
+        recycled = 0;
 
         EXPECT_EQ(post(task("t", 7)), 0) << session;
 
-        EXPECT_EQ(core->que->count, 1) << session;
+        EXPECT_EQ(core->que->count, next) << session;
         behind.run_all();
+        EXPECT_EQ(recycled, 1 + next) << session;
     }
-    EXPECT_EQ(behind.happened, "start 7 over start 8 over start 7 over start 7 over ");
-    EXPECT_EQ(recycled, 4);
 }
 
 /* ---- running ---- */
