@@ -37,14 +37,14 @@ struct qor_bus {
  * Creates a bus for an application.
  *
  * @param modules  the module descriptors, NULL-terminated, at most 1023; borrowed for the bus's
- * life
+ *                 life
  * @param id_max   number of topics of the application, at least 1
  * @return         the bus, released with qor_bus_close() (or qor_bus_destroy()), or NULL
  *
  * The first task is already queued: it brings up the system modules, and they the application's, as
  * soon as qor_bus_loop() runs. Defaults: one worker more than there are modules, stacks of 64 KiB,
- * no priority. Prints what qor_bus_init() prints, or "!(bus) == true." without memory.
- * One bus at a time: two system module descriptors, which are global, refer to it.
+ * no priority. Prints what qor_bus_init() prints, or "!(bus) == true." without memory. One bus at a
+ * time: two system module descriptors, which are global, refer to it.
  */
 QOR_API qor_bus_t *qor_bus_create(qor_context_module_t **modules, int32_t id_max);
 
@@ -54,9 +54,9 @@ QOR_API qor_bus_t *qor_bus_create(qor_context_module_t **modules, int32_t id_max
  * @return  0, or -1 with nothing left allocated
  *
  * Prints "!(_this) == true.", "!(modules) == true.", "!(id_max > 0) == true.", "head create
- * failed.", "user_topic_core create failed.", "sys_topic_core create failed." or "create
- * "qor_que_t" failed.". 1024 modules or more fail without a line. A timer queue that could not be
- * made is not noticed here.
+ * failed." (memory or a lock), "user_topic_core create failed.", "sys_topic_core create failed.",
+ * "create "qor_que_t" failed." or "start-up task not queued." (without memory). 1024 modules or
+ * more fail without a line. A timer queue that could not be made is not noticed here.
  */
 QOR_API int32_t qor_bus_init(qor_bus_t *_this, qor_context_module_t **modules, int32_t id_max);
 
@@ -70,10 +70,10 @@ QOR_API void qor_bus_destroy(qor_bus_t *bus);
 /**
  * Destroys the task queue, the topic tables and the session lock of a bus. Not checked for NULL.
  *
- * Queued tasks are recycled and waiting workers end, but none is joined; a worker that is inside a
- * task must not come back to the bus. The timer queue and head stay, so a running qor_bus_loop()
- * goes on waiting until somebody quits the timer queue, and recycles the timers that fall due
- * without running them. Contexts and delegates stay as well.
+ * Queued tasks are recycled and waiting workers end, but none is joined; no task may be running
+ * then, because its worker goes on to use what has been destroyed. The timer queue and head stay,
+ * so a running qor_bus_loop() goes on waiting until somebody quits the timer queue, and recycles
+ * the timers that fall due without running them. Contexts and delegates stay as well.
  */
 QOR_API void qor_bus_uninit(qor_bus_t *_this);
 
@@ -98,15 +98,16 @@ QOR_API int32_t qor_bus_quitting(qor_bus_t *_this);
 
 /**
  * Waits until nothing is queued or running on the bus: no task, no timer that is due, no request or
- * response on its way. Timers that are not due yet do not count.
+ * response on its way, no init under way on any thread. Timers that are not due yet do not count.
  *
  * @param wait_time  longest wait in milliseconds; 0 looks once, negative waits without limit
  * @return           0, or -1 when the wait is over or the bus quits. Before qor_bus_loop() runs the
  *                   start-up task is queued, so there is something to wait for.
  *
- * Prints "!(_this) == true."; called from a task of this bus, or from a recycle that its loop
- * calls, it prints "a task of the bus would wait for itself." and returns -1. Other threads may go
- * on posting: 0 says what was so at one moment.
+ * Prints "!(_this) == true.", or "!(_this->time_que) == true." when the bus has no timer queue;
+ * called from a task of this bus, from an init, or from a recycle that its loop calls, it prints "a
+ * task of the bus would wait for itself." and returns -1. Other threads may go on posting: 0 says
+ * what was so at one moment.
  */
 QOR_API int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time);
 
@@ -119,7 +120,7 @@ QOR_API int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time);
  *
  * Prints "!(_this) == true."; called while the loop runs it prints "the loop is running." and
  * changes nothing. A module with a console must let it return when its unreg is called. Waits for
- * threads that are inside qor_bus_drain(), which the quit sends away; no other thread of the
+ * threads that are inside qor_bus_drain(), which the quit ends; no other thread of the
  * application's may use the bus or its contexts any more.
  */
 QOR_API void qor_bus_close(qor_bus_t *_this);
@@ -139,11 +140,17 @@ QOR_API qor_topic_core_t *qor_bus_topic_core_get(qor_bus_t *bus, int32_t role);
 /**
  * Queues a copy of a task for the workers. Any thread; never waits.
  *
+ * A task that calls pthread_exit() is over: its recycle is called, a new worker takes the place of
+ * the one that it has ended, and what the task itself has taken, such as memory or locks, is not
+ * released. When no other worker can be made, qor_bus_task_loop prints "a task has ended a worker,
+ * and no other could be made.".
+ *
  * @param task  copied; its arg and recycle go with the copy
  * @return      0, or -1 when the bus quits or without memory: the task's arg then stays the
- * caller's and recycle is not called
+ *              caller's and recycle is not called
  *
- * Prints "!(_this) == true." or "!(task) == true.".
+ * Prints "!(_this) == true." or "!(task) == true."; without memory "malloc "qor_que_node_t"
+ * failed." comes from the queue. A bus that quits refuses without a line.
  */
 QOR_API int32_t qor_bus_post(qor_bus_t *_this, qor_context_task_t *task);
 
@@ -151,7 +158,7 @@ QOR_API int32_t qor_bus_post(qor_bus_t *_this, qor_context_task_t *task);
  * Queues a function for the workers under a fresh session number.
  *
  * @param recycle  releases arg after the function has run, or when the task is discarded; may be
- * NULL
+ *                 NULL
  * @return         0 (not the session number), or -1 as for qor_bus_post()
  *
  * Prints "!(_this) == true." or "!(run) == true.". Any thread.
@@ -171,43 +178,64 @@ QOR_API int32_t qor_bus_runx(qor_bus_t *_this, qor_context_t *context, qor_conte
 /**
  * Queues a copy of a task as a timer, due after task->delay milliseconds. Any thread.
  *
- * @return  0, or -1 as for qor_bus_post()
+ * @return  0, or -1 as for qor_bus_post(). With 0 all memory is there that the timer needs until
+ *          its task has run.
  *
  * The task's recycle runs twice: on the loop's thread when the timer falls due, right after the
  * task was queued, and once more after the task ran. The first does not wait for the task nor the
  * task for it: they may run beside each other. Give a timer no recycle, or one that tolerates it.
- * Prints "!(_this) == true." or "!(task) == true.".
+ * Prints "!(_this) == true." or "!(task) == true."; without memory "malloc "qor_time_que_node_t"
+ * failed." or, for the task that the timer becomes, "malloc "qor_que_node_t" failed." from the
+ * queues; on a bus without a timer queue three times "!(_this) == true.".
  */
 QOR_API int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task);
 
 /**
- * Takes a task that has not started out of the task queue and recycles it.
+ * Takes the first task of a session that has not started out of the task queue and recycles it.
  *
  * @return  0, or -1 when no task of that session is queued. A timer that is not due is not found.
+ *
+ * Passes over the tasks that the library has made for itself, whatever their numbers: start-up,
+ * inits, and the runs that empty a module's queue or that an asynchronous task of it has been
+ * given.
  *
  * Prints "!(_this) == true.". Any thread.
  */
 QOR_API int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session);
 
-/** Sets the workers' priority, negative for none; takes effect before qor_bus_loop(). Not checked.
- * Prints "!(_this) == true.". */
+/**
+ * Sets the workers' priority, negative for none; takes effect before qor_bus_loop(). Not checked:
+ * what the system refuses, with glibc also 0, keeps the loop from starting.
+ *
+ * Prints "!(_this) == true.".
+ */
 QOR_API void qor_bus_priority_set(qor_bus_t *_this, int32_t priority);
 
 /** Sets the number of workers; takes effect before qor_bus_loop(). With 0 no task ever runs.
  * Prints "!(_this) == true.". */
 QOR_API void qor_bus_thread_num_set(qor_bus_t *_this, uint32_t thread_num);
 
-/** Sets the workers' stack size in bytes, rounded up to a multiple of 4096; takes effect before
- * qor_bus_loop(). Prints "!(_this) == true.". */
+/**
+ * Sets the workers' stack size in bytes, rounded up to a multiple of 4096, of which 0xfffff000 is
+ * the largest; takes effect before qor_bus_loop().
+ *
+ * A size that the system finds too small, such as 0, gives the smallest that it takes. Prints
+ * "!(_this) == true.".
+ */
 QOR_API void qor_bus_thread_stack_size_set(qor_bus_t *_this, uint32_t thread_stack_size);
 
 /**
  * Starts the workers and serves the timers on the calling thread, until qor_bus_quit().
  *
- * @return  0 after the end, with every worker joined; -1 when it could not start
+ * @return  0 after the end, with every thread of the bus but consoles joined; -1 when it could not
+ *          start
  *
- * Prints "!(_this) == true.", "!(tid) == true." without memory, or "set thread priority failed.".
- * Call it once.
+ * Prints "!(_this) == true.", "!(tid) == true." without memory, "thread attribute failed.", "set
+ * thread stack size failed.", "set thread priority failed." or, when workers are wanted and none of
+ * them can be made, "no worker started.". With some of them it runs without a line. Call it once.
+ *
+ * Neither the workers nor the threads that help with inits take a pthread_cancel(), nor does the
+ * calling thread while it is in here; it has its own setting again afterwards.
  */
 QOR_API int32_t qor_bus_loop(qor_bus_t *_this);
 

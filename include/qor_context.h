@@ -27,8 +27,8 @@ enum {
  * How a context subscribes to, listens on or filters a topic. Copied at registration. Without a
  * record, point is AROUND.
  *
- * mask and priority are carried along but never consulted: point counts whatever
- * mask says, and the newest registration comes first whatever its priority.
+ * mask and priority are carried along but never consulted: point counts whatever mask says, and the
+ * newest registration comes first whatever its priority.
  */
 struct qor_context_topic_attr {
     int32_t mask;     /**< QOR_CONTEXT_TOPIC_ATTR_* bits */
@@ -202,8 +202,8 @@ QOR_API int32_t qor_context_handle_task(qor_context_t *_this, qor_context_task_t
 /**
  * Runs the context's own queue once.
  *
- * The slot that is checked is handle_message, with its text, while loop is called untested: a
- * class that fills handle_message must fill loop as well before this may be called.
+ * The slot that is checked is handle_message, with its text, while loop is called untested: a class
+ * that fills handle_message must fill loop as well before this may be called.
  */
 QOR_API int32_t qor_context_loop(qor_context_t *_this);
 
@@ -215,14 +215,14 @@ QOR_API int32_t qor_context_loop(qor_context_t *_this);
  */
 
 /**
- * Returns the name of the context's class, or NULL. Prints "!(_this && _this->cls) == true." if
- * the context or its class is NULL.
+ * Returns the name of the context's class, or NULL. Prints "!(_this && _this->cls) == true." if the
+ * context or its class is NULL.
  */
 QOR_API const char *qor_context_cls_name_get(qor_context_t *_this);
 
 /**
- * Returns the name of the context's module, or NULL. Prints "!(_this && _this->module) == true."
- * if the context or its module is NULL.
+ * Returns the name of the context's module, or NULL. Prints "!(_this && _this->module) == true." if
+ * the context or its module is NULL.
  */
 QOR_API const char *qor_context_module_name_get(qor_context_t *_this);
 
@@ -294,7 +294,7 @@ QOR_API void *qor_context_priv_data_get(qor_context_t *_this);
 QOR_API int32_t qor_context_sys_req(qor_context_t *_this, qor_context_topic_t topic, void *req_buf,
                                     int32_t req_size);
 
-/** The same with room for res_size response bytes in the copy. No response comes back. */
+/** The same with room for res_size response bytes in the copy. There is no response. */
 QOR_API int32_t qor_context_sys_req_ret(qor_context_t *_this, qor_context_topic_t topic,
                                         void *req_buf, int32_t req_size, int32_t res_size);
 
@@ -306,8 +306,8 @@ QOR_API int32_t qor_context_sysx_req(qor_context_t *_this, qor_context_topic_t t
                                      int32_t req_size);
 
 /**
- * Sends a request with a response buffer, but, unlike qor_context_sysx_req(), has a copy handled
- * on another thread. The copy starts with what res_buf holds; res_buf itself is never written.
+ * Sends a request with a response buffer, but, unlike qor_context_sysx_req(), has a copy handled on
+ * another thread. The copy starts with what res_buf holds; res_buf itself is never written.
  */
 QOR_API int32_t qor_context_sysx_req_ret(qor_context_t *_this, qor_context_topic_t topic,
                                          void *req_buf, int32_t req_size, void *res_buf,

@@ -25,7 +25,9 @@ struct qor_context_core {
 QOR_API extern qor_context_core_t default_core;
 
 /**
- * Gives the registry of the process and constructs it on first use. Never NULL.
+ * Gives the registry of the process and constructs it on first use.
+ *
+ * @return  default_core; NULL when its lock cannot be had, and then the next call tries again
  *
  * The first call is to be made before several threads can make it: initialized becomes 1 before the
  * lock and the list are ready. The bus does so when it creates its first user context. Later calls
@@ -38,7 +40,8 @@ QOR_API qor_context_core_t *qor_context_core_instance_get(void);
  *
  * @return  the registry, released with qor_context_core_destroy(), or NULL
  *
- * Prints "malloc "qor_context_core_t" failed." and an empty line when there is no memory.
+ * Prints "malloc "qor_context_core_t" failed." when there is no memory, or "constructor
+ * "qor_context_core_t" failed." when there is no lock; an empty line follows either.
  */
 QOR_API qor_context_core_t *qor_context_core_create(void);
 
@@ -46,7 +49,7 @@ QOR_API qor_context_core_t *qor_context_core_create(void);
  * Constructs a registry in memory of the caller's, whatever it holds. Adds the class of system
  * contexts. Checks nothing.
  *
- * @return  _this
+ * @return  _this, or NULL when the lock cannot be had: nothing is constructed then
  */
 QOR_API qor_context_core_t *qor_context_core_constructor(qor_context_core_t *_this);
 

@@ -8,8 +8,8 @@
 QOR_BEGIN_DECLS
 
 /**
- * Stores a fresh session number in *session. 0 on success. Like all slots of the table it is
- * called with no lock held, on any thread, and locks for itself.
+ * Stores a fresh session number in *session. 0 on success. Like all slots of the table it is called
+ * with no lock held, on any thread, and locks for itself.
  */
 typedef int32_t (*qor_context_handler_session_t)(qor_context_t *context, int32_t *session);
 
@@ -37,8 +37,8 @@ typedef int32_t (*qor_context_handler_post_t)(qor_context_t *context, qor_contex
 typedef int32_t (*qor_context_handler_cancel_t)(qor_context_t *context, int32_t session);
 
 /**
- * The operations by which a context reaches the bus. Static and constant; any slot may be NULL,
- * and a call of it then fails with a diagnostic line.
+ * The operations by which a context reaches the bus. Static and constant; any slot may be NULL, and
+ * a call of it then fails with a diagnostic line.
  */
 struct qor_context_handler {
     qor_context_handler_session_t session;         /**< draws a session number */
@@ -98,7 +98,7 @@ QOR_API int32_t qor_context_handler_publish(qor_context_t *_this, qor_context_ms
 /** Has the message itself handled by the topic's subscriber, before the call returns. */
 QOR_API int32_t qor_context_handler_publishx(qor_context_t *_this, qor_context_msg_t *msg);
 
-/** Has a clone of the message handled by a system module. No response comes back. */
+/** Has a clone of the message handled by a system module. There is no response. */
 QOR_API int32_t qor_context_handler_syscall(qor_context_t *_this, qor_context_msg_t *msg);
 
 /** Has the message itself handled by a system module, before the call returns. */

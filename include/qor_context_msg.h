@@ -10,7 +10,7 @@ QOR_BEGIN_DECLS
 /** What a message is; its type field. */
 enum {
     QOR_CONTEXT_MSG_REQUEST = 0,       /**< goes to the subscriber of its topic */
-    QOR_CONTEXT_MSG_RESPONSE = 1,      /**< goes back to the publisher */
+    QOR_CONTEXT_MSG_RESPONSE = 1,      /**< sent to the publisher of the request */
     QOR_CONTEXT_MSG_LISTEN_BEFORE = 2, /**< shown to listeners before the request is handled */
     QOR_CONTEXT_MSG_LISTEN_AFTER = 3,  /**< shown to listeners after it was handled */
     QOR_CONTEXT_MSG_FILTER_BEFORE = 4, /**< shown to filters before the request is handled */

@@ -26,7 +26,7 @@ struct qor_context_task {
     char name[32];          /**< at most 31 characters; the worker thread is named after it */
     qor_context_t *context; /**< owner; NULL is allowed for RUN, needed for RUNX */
     int32_t session;        /**< number under which the task can be cancelled */
-    int32_t async;          /**< 0: inline in a user context's own loop; else a run of its own */
+    int32_t async;          /**< 0: run from a user context's queue; else by a run of its own */
     int32_t delay;          /**< milliseconds before the task is due; below 1 is now */
     void *arg;              /**< handed to the function and to recycle */
     qor_context_recycle_t recycle; /**< releases arg; may be NULL */

@@ -26,12 +26,15 @@ typedef enum {
  * A user context: a wrapper around the context that the module sees.
  *
  * The module's calls go to the wrapper, and from there through its scheduling delegate to the bus.
- * Tasks wait in the private queue and are run by loop runs on the bus's workers, at most
- * refcount_max at once; tasks with async set get a run of their own. A delayed task has a timer
- * that starts a further loop run when it is due; that run takes no slot but gives one back, so it
- * may run beside the one that holds a slot. When the queue holds 50 nodes, a task goes straight to
- * the bus under its own session; a delayed one that went this way is not found by cancel. The
- * module has no system calls.
+ * Tasks, requests and responses wait in the private queue; loop runs on the bus's workers empty it.
+ * A post starts a loop run while fewer than refcount_max slots are taken. A task with async set is
+ * given a run of its own, which cancel does not find. Whatever a task needs until it has run is had
+ * when it is accepted. A delayed task has a timer that starts a further loop run when it is due;
+ * that run takes no slot but gives one back, so it may run beside the others and makes room for one
+ * more. Cancelling the task takes the timer too. When the queue holds 50 nodes, a task goes
+ * straight to the bus under its own session, beside all others; a delayed one that went this way is
+ * not found by cancel. So refcount_max bounds neither the module's tasks nor its handler:
+ * docs/behaviour.md has the table of what may run beside what. The module has no system calls.
  */
 struct qor_core_context {
     qor_context_t base;         /**< the wrapper; first, so that it is a context */
@@ -41,8 +44,9 @@ struct qor_core_context {
     hal_thread_cond_t cond;     /**< broadcast on every change of lifecycle but resume's, and on
                                      every pause */
     hal_thread_mutex_t mutex;   /**< a leaf: no other lock is taken under it */
-    uint32_t refcount_max;      /**< most loop runs at once */
-    int32_t refcount;           /**< loop runs scheduled or running; guarded by the queue's lock */
+    uint32_t refcount_max;      /**< no post starts a loop run while so many slots are taken */
+    int32_t refcount;           /**< slots taken: loop runs that posts have started, less what runs
+                                     of timers gave back; guarded by the queue's lock */
     qor_time_que_t *que;        /**< tasks that wait; id is the session number */
     struct qor_core_context_private *priv; /**< the library's own */
 };
@@ -52,16 +56,19 @@ struct qor_core_context {
  * qor_context_...() functions:
  *
  * - create makes the module's context as well, by the class registry. It prints what it lacks:
- *   "malloc for "qor_core_context_t" failed.", or "create context failed." and
- *   ""qor_core_context_constructor" called failed."; an empty line follows those with quotes.
+ *   "malloc for "qor_core_context_t" failed." for memory or a lock of its own, or "create context
+ *   failed." and ""qor_core_context_constructor" called failed."; an empty line follows those with
+ *   quotes.
  * - destroy is refused before DESTROY: "context is not ready to destroy.". The module's context
  *   stays. What is attached to a bus is freed when that is closed.
  * - register, unregister and handle_message go to the module's context. So does init, whose result
  *   it gives: CREATE follows, or STOP and "context init failed.". After uninit comes DESTROY.
  * - start starts the module's context, whose result it gives, and lets deliveries in; stop stops
  *   that context and then waits for PAUSE. resume and pause enter and leave.
- * - handle_task queues a copy of the task: 0, or -1 without memory ("malloc "que_node" failed.") or
- *   when the bus quits; the task's arg then stays the caller's.
+ * - handle_task queues a copy of the task: 0, or -1 without memory ("malloc "que_node" failed." at
+ *   first, nothing for a run), when the bus quits, or when the init has failed ("create a timer
+ *   failed, source:<module>, task:<name>, session=<number>"); the task's arg then stays the
+ *   caller's. A response that is refused for one of the last two reasons prints nothing.
  */
 extern QOR_API qor_context_cls_t qor_core_context_class;
 
@@ -74,8 +81,8 @@ QOR_API qor_core_context_t *qor_core_context_type(qor_context_t *context);
  * @param lifecycle  the new value
  * @return           0, or -1 with nothing changed
  *
- * Only upwards or to the same value; but RESUME is accepted from anywhere, and anything from
- * PAUSE. Prints "!(_this) == true." or "lifecycle change logical not correct.". Any thread.
+ * Only upwards or to the same value; but RESUME is accepted from anywhere, and anything from PAUSE.
+ * Prints "!(_this) == true." or "lifecycle change logical not correct.". Any thread.
  */
 QOR_API int32_t qor_core_context_lifecycle_change(qor_core_context_t *_this, int32_t lifecycle);
 
@@ -99,7 +106,8 @@ QOR_API int32_t qor_core_context_lifecycle_start(qor_core_context_t *_this);
 QOR_API int32_t qor_core_context_lifecycle_stop(qor_core_context_t *_this);
 
 /**
- * Enters the context for a delivery; waits while it has not started.
+ * Enters the context for a delivery; waits while it has not started. An init of the context's that
+ * waits in the task queue and that nobody has begun is begun for it, see qor_context_module_init_t.
  *
  * @return  0, or -1 after "!(_this) == true.", "lifecycle already STOP or not START yet. RESUME
  *          failed." or, when that came about during the wait or the bus quits, "lifecycle already

@@ -26,7 +26,8 @@ struct qor_impl_context {
  *   clamped to 1..99 and recorded in a thread attribute that keeps inheriting the creator's
  *   scheduling, so that a console that needs it sets it with hal_thread_setpriority(). Prints "set
  *   thread priority failed." and returns -1 when the attribute cannot be prepared. A thread that
- *   could not be created is not reported: start returns 0 all the same.
+ *   could not be created is not reported: start returns 0 all the same. The console's thread has
+ *   cancellation disabled: pthread_cancel() has no effect on it.
  * - stop waits for the console to return by itself; it does not ask it to. Without a console, or
  *   when its thread could not be created, it does nothing.
  * - create prints "malloc "qor_impl_context_t" failed." and an empty line when there is no memory.

@@ -14,8 +14,15 @@ QOR_BEGIN_DECLS
  *
  * Modules whose pure is not 0 come up first, in parallel; when the last of them has come up
  * successfully, the others follow. Without such a module nothing comes up, and if the one that
- * finishes last fails, the others never do. A module whose init fails is taken down again: its
- * unreg and uninit are called.
+ * finishes last fails, the others never do. Within a phase every module's reg is called first, then
+ * the inits begin, that of the module last in the array first; one whose start somebody waits for
+ * may begin before its turn, on another thread.
+ *
+ * A module whose init fails, or gets no memory for its task, is taken down again: it refuses
+ * deliveries; its queue takes no task any more; unreg; what is queued is recycled (a request of
+ * another module's gives its sender a response with ret -1, one of the module's own none); what
+ * runs is waited for; uninit. Not waited for is a task that is itself below such a failed init on
+ * its thread's stack: it ends only afterwards.
  *
  * Prints a line for each context that it makes, and two for each init (inf). A module that gets no
  * context, or one that cannot be attached to the bus, is left out: "create context failed. module

@@ -29,7 +29,9 @@ struct qor_que {
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpedantic" /* C++ has no tail arrays */
-/** A node: a header, and a body that its creator fills. Belongs to the queue while it is linked. */
+/** A node: a header, and a body that its creator fills. Belongs to the queue while it is linked.
+ * Made by qor_que_node_create() and freed by qor_que_node_destroy() alone: what the library keeps
+ * of it stands in front of the header, in the same block. */
 struct qor_que_node {
     list_head node; /**< link in the queue; NULL links outside it */
     size_t id;      /**< the creator's number, need not be unique */
@@ -51,8 +53,8 @@ QOR_API qor_que_t *qor_que_create(uint32_t max_count, qor_que_node_recycle_t rec
 /**
  * Quits the queue, discards what is left in it and releases it.
  *
- * Threads that are blocked inside wake up, and the call returns after the last of them has let go
- * of the lock. Nobody may enter the queue any more once the call has begun.
+ * Threads that are blocked inside wake up, and the call returns after the last of them has released
+ * the lock. Nobody may enter the queue any more once the call has begun.
  *
  * Prints "!(_this) == true." for a NULL queue.
  */
@@ -101,6 +103,9 @@ QOR_API void qor_que_unlock(qor_que_t *_this);
 /**
  * Waits, without limit, until something in the queue has changed or qor_que_wakeup_locked() was
  * called. The caller holds the lock, has it again afterwards, and looks anew at what it waits for.
+ *
+ * A caller that waits on the field cond with a limit gives it a moment of the system clock. The
+ * library's own waits are elsewhere and measure the monotonic one.
  *
  * Prints "!(_this) == true." for a NULL queue.
  */
@@ -157,15 +162,13 @@ QOR_API qor_que_node_t *qor_que_deque_locked(qor_que_t *_this);
 QOR_API qor_que_node_t *qor_que_deque(qor_que_t *_this);
 
 /**
- * Appends a node, and waits for room if there is none. The caller holds the lock, which is given
- * up while waiting.
+ * Appends a node, and waits for room if there is none. The caller holds the lock, which is given up
+ * while waiting.
  *
  * @param _this      the queue
  * @param new_node   the node; belongs to the queue afterwards, and to the caller after a failure
  * @param wait_time  longest wait in milliseconds; 0 does not wait, negative waits without limit
  * @return           0, or -1
- *
- * A wait with a limit keeps its processor busy to the end: see qor_que_deque_block_locked().
  *
  * Prints "!(_this) == true." or "!(new_node) == true." for NULL. Says nothing when there was no
  * room in time or the queue quits.
@@ -191,9 +194,7 @@ QOR_API int32_t qor_que_enque_block(qor_que_t *_this, qor_que_node_t *new_node, 
  *
  * Quitting comes first: nodes that are still there are not handed out.
  *
- * A wait with a limit ends on time but keeps its processor busy until then, because its deadline
- * is given to a condition that measures by another clock. Wait without limit, or use a timed queue,
- * where that matters.
+ * A wait with a limit measures the monotonic clock: setting the system's time does not touch it.
  *
  * Prints "!(_this) == true." for a NULL queue.
  */

@@ -13,14 +13,14 @@ QOR_BEGIN_DECLS
  *
  * What the table's entries do, as seen from the module that calls them:
  *  - publish: before-filters, a copy for the before-listeners, then a copy of the message goes to
- * the topic's newest subscriber as a task; the response comes back as a message of type RESPONSE
- * under the same session. Older subscribers receive nothing while a newer one exists.
+ *    the topic's newest subscriber as a task; the publisher gets the response as a message of type
+ *    RESPONSE under the same session. Older subscribers receive nothing while a newer one exists.
  *  - publishx: the same on the calling thread, with the caller's own message.
  *  - syscall, syscallx: to a system module, without filters, listeners and response.
  *  - A filter sees, and may change, the very message that goes on; its result is ignored.
  *  - A subscriber that fails does not stop the response, which then carries the negative result.
  *  - A subscriber is entered to be handed a request and not left again, and a filter or listener
- * that is passed over stays entered: active_refcount of a user context counts these too.
+ *    that is passed over stays entered: active_refcount of a user context counts these too.
  *  - post: now when the delay is below 1, else as a timer; both failures print the same text.
  *  - postx and cancelx are empty.
  */
@@ -44,8 +44,8 @@ struct qor_sched_delegate {
  * @param role  QOR_BUS_ROLE_USER or QOR_BUS_ROLE_SYS
  * @return      the delegate, freed by qor_bus_close() of its bus, or NULL
  *
- * Prints "malloc for "qor_sched_delegate_t" failed." and an empty line. To be called before other
- * threads can reach the context.
+ * Prints "malloc for "qor_sched_delegate_t" failed." and an empty line when memory or a lock cannot
+ * be had; the context is left as it was. To be called before other threads can reach the context.
  */
 QOR_API qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role,
                                                         qor_context_t *context);

@@ -11,7 +11,7 @@ QOR_BEGIN_DECLS
 
 /** A thread of a pool. Records of temporary threads are freed by the thread when it ends. */
 struct qor_thread_pool_thread {
-    qor_thread_pool_t *pool; /**< the pool it works for; NULL if its priority was refused */
+    qor_thread_pool_t *pool; /**< the pool it works for; NULL if its attribute was refused */
     int32_t wait_time;       /**< milliseconds without a task after which it ends; -1 is never */
     int32_t identity;        /**< its number; the idle thread is named "qor_thread:<number>" */
     int32_t resident;        /**< 1: lives until quit; 0: temporary */
@@ -50,15 +50,17 @@ QOR_API qor_thread_pool_t *qor_thread_pool_create(int32_t thread_count_min,
  * @param thread_count_min   number of resident threads, 0 or more
  * @param thread_count_max   number of threads up to which temporary ones are added
  * @param task_count_max     most tasks that may wait; -1 for any number
- * @param thread_stack_size  bytes, a positive multiple of 1024. A size that the system refuses,
- * such as one below its minimum, gives threads of its default size
+ * @param thread_stack_size  bytes, a positive multiple of 1024. A size that the system finds too
+ *                           small gives the smallest that it takes. With glibc the thread-local
+ *                           data of program and libraries lies in there too: where that needs more,
+ *                           the system does not create the threads
  * @param priority           0 to 99, or negative for none. It is noted in the attribute of each
  *                           thread, which goes on to inherit the scheduling of the thread that adds
- *                           it; so the one effect is that a value that the system refuses (0, with
- *                           glibc) keeps every thread from starting
+ *                           it; so the one effect is that a value that the system refuses keeps
+ *                           every thread from starting. Such a value is 0, with glibc: for none
+ *                           pass -1
  * @param keep_alive_time    milliseconds without a task after which a temporary thread ends;
- *                           negative for never. Until then an idle temporary thread keeps a
- *                           processor busy, see qor_que_deque_block_locked()
+ *                           negative for never
  * @return                   0 or -1
  *
  * Checks in this order and prints: "!(_this) == true."; "priority range is [0-100), if set valie
@@ -67,9 +69,10 @@ QOR_API qor_thread_pool_t *qor_thread_pool_create(int32_t thread_count_min,
  * thread_count_min. your set: <min>, <max>" (equal ones are accepted); "create que failed.";
  * "malloc threads failed.".
  *
- * A resident thread that could not be started because its priority was refused prints "set thread
- * priority failed." and "create thread failed. index = <number>". One that the system did not
- * create prints nothing. Neither makes this function fail, and both stay counted in thread_num.
+ * A resident thread that could not be started because its stack size or its priority was refused
+ * prints "set thread stack size failed." or "set thread priority failed.", and "create thread
+ * failed. index = <number>". One that the system did not create prints nothing. Neither makes this
+ * function fail, and both stay counted in thread_num.
  */
 QOR_API int32_t qor_thread_pool_init(qor_thread_pool_t *_this, int32_t thread_count_min,
                                      int32_t thread_count_max, int32_t task_count_max,
@@ -78,7 +81,15 @@ QOR_API int32_t qor_thread_pool_init(qor_thread_pool_t *_this, int32_t thread_co
 
 /**
  * Hands a task to the pool, which copies it and calls its recycle once it has run or was discarded.
- * Both happen with no lock held; a thread bears the task's name while it runs.
+ * Both happen with no lock held; a thread bears the task's name while it runs. Cancellation is
+ * disabled in a pool's threads, so pthread_cancel() of one has no effect; a task that enables it
+ * disables it again before it returns.
+ *
+ * A task, or its recycle, may end its thread with pthread_exit(): the recycle is called as after a
+ * return, on the same thread, and must not call pthread_exit() itself then. Then another thread
+ * takes the place of the one that has ended. When it cannot be started, "create new thread failed."
+ * is printed, if need be after one of the lines about its attribute, and thread_num is lowered: the
+ * place is free. With glibc pthread_exit() needs libgcc_s.so.1, as in any thread.
  *
  * @param task  the caller's; may be forgotten after the call
  * @return      0, or -1: the task's arg stays the caller's then, recycle is not called
@@ -88,8 +99,9 @@ QOR_API int32_t qor_thread_pool_init(qor_thread_pool_t *_this, int32_t thread_co
  *
  * Adds one temporary thread when more than two tasks wait for each counted thread and thread_num is
  * below thread_count_max. When that fails, the result is 0 all the same, for the task is queued; it
- * prints "malloc qor_thread_pool_thread_t failed." or "set thread priority failed." with "create
- * new thread failed.". Any thread may post, tasks of the pool included.
+ * prints "malloc qor_thread_pool_thread_t failed.", or "create new thread failed." after "set
+ * thread stack size failed." or "set thread priority failed.". Any thread may post, tasks of the
+ * pool included.
  */
 QOR_API int32_t qor_thread_pool_post(qor_thread_pool_t *_this, qor_context_task_t *task);
 

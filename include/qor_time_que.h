@@ -28,7 +28,9 @@ struct qor_time_que {
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpedantic" /* C++ has no tail arrays */
-/** A node: a header, and a body that its creator fills. Belongs to the queue while it is linked. */
+/** A node: a header, and a body that its creator fills. Belongs to the queue while it is linked.
+ * Made by qor_time_que_node_create() and freed by qor_time_que_node_destroy() alone: what the
+ * library keeps of it stands in front of the header, in the same block. */
 struct qor_time_que_node {
     list_head node; /**< link in the queue; NULL links outside it */
     int64_t when;   /**< due time */
@@ -52,8 +54,8 @@ QOR_API qor_time_que_t *qor_time_que_create(uint32_t max_count,
 /**
  * Quits the queue, discards what is left in it and releases it.
  *
- * Threads that are blocked inside wake up, and the call returns after the last of them has let go
- * of the lock. Nobody may enter the queue any more once the call has begun.
+ * Threads that are blocked inside wake up, and the call returns after the last of them has released
+ * the lock. Nobody may enter the queue any more once the call has begun.
  *
  * Prints "!(_this) == true." for a NULL queue.
  */

@@ -20,8 +20,7 @@ struct qor_topic {
     hal_thread_mutex_t filter_mutex;     /**< likewise */
 };
 
-/** One registration of one context on one list of one topic; made by qor_topic_node_create() only.
- */
+/** One registration of a context in one list of one topic; made by qor_topic_node_create() only. */
 struct qor_topic_node {
     qor_topic_t *topic;            /**< the topic whose list holds the node */
     qor_context_t *context;        /**< the registered context; not owned */
@@ -43,8 +42,8 @@ struct qor_topic_core {
  * @param id_max  number of topics; with 0 every topic number is invalid
  * @return        the table, released with qor_topic_core_destroy(), or NULL
  *
- * Prints "malloc "qor_topic_core_t" failed." or "malloc a lots of "qor_topic_t" failed.", each
- * followed by an empty line.
+ * Prints "malloc "qor_topic_core_t" failed." or, also when a topic's lock cannot be had, "malloc a
+ * lots of "qor_topic_t" failed.", each followed by an empty line.
  */
 QOR_API qor_topic_core_t *qor_topic_core_create(int32_t id_max);
 
@@ -81,7 +80,7 @@ QOR_API qor_topic_node_t *qor_topic_core_filter(qor_topic_core_t *core, qor_cont
  * Removes the newest subscription that a context holds on a topic; none is no error.
  *
  * Prints "topic invalid." (an empty line follows). Any thread; a caller that keeps the
- * registrations in a list of its own holds that list's lock. The memory goes back once every
+ * registrations in a list of its own holds that list's lock. The memory is freed once every
  * dispatch that was under way on the topic has ended.
  */
 QOR_API void qor_topic_core_unsubscribe(qor_topic_core_t *core, qor_context_t *context,
@@ -155,8 +154,8 @@ QOR_API qor_topic_node_t *qor_topic_core_filter_node_next(qor_topic_core_t *core
  * @param context  the context; not owned
  * @param attr     copied as it is; NULL gives mask POINT, point AROUND, priority 0
  * @return         the node, released with qor_topic_node_destroy(), or NULL. A caller that links it
- * into a topic's list under that list's mutex may remove it like any other; it is then freed at
- * once, so nobody may walk the list.
+ *                 into a topic's list under that list's mutex may remove it like any other; it is
+ *                 then freed at once, so nobody may walk the list.
  *
  * Prints "malloc "qor_topic_node_t" failed." and an empty line.
  */
@@ -166,8 +165,8 @@ QOR_API qor_topic_node_t *qor_topic_node_create(qor_topic_t *topic, qor_context_
 /**
  * Unlinks a registration from both lists and frees it at once.
  *
- * Takes no lock: the caller holds those of both lists and knows that nobody walks them.
- * Prints "!(node) == true.".
+ * Takes no lock: the caller holds those of both lists and knows that nobody walks them. Prints
+ * "!(node) == true.".
  */
 QOR_API void qor_topic_node_destroy(qor_topic_node_t *node);
 

@@ -31,14 +31,13 @@ typedef size_t (*rbtree_hash_func)(const void *key);
 /** Compares two keys of equal hash: negative, 0 or positive as strcmp does. */
 typedef int (*rbtree_cmp_func)(const void *first, const void *second);
 
-/** Releases what a node refers to, when the node is freed or erased; the node is out of the tree.
- */
+/** Releases what a node refers to, when it is freed or erased; it is out of the tree by then. */
 typedef void (*rbtree_release_func)(void *key, void *val, rbtree_root *root);
 
 /** Allocates a node of rbapi_insert(); NULL when there is no memory. */
 typedef void *(*rbtree_malloc_func)(size_t size);
 
-/** Takes such a node back. */
+/** Frees such a node. */
 typedef void (*rbtree_free_func)(void *node);
 
 /**
@@ -130,7 +129,7 @@ QOR_API int rbtree_travel(void *data, rbtree_root *root, rbtree_travel_func fn);
  * Makes an empty tree that owns its nodes, see rbtree_init().
  *
  * @param my_malloc  allocates the nodes; NULL for malloc
- * @param my_free    takes them back; NULL for free
+ * @param my_free    frees them; NULL for free
  */
 QOR_API int rbapi_init(rbtree_root *root, rbtree_hash_func hash, rbtree_cmp_func cmp,
                        rbtree_release_func release, rbtree_malloc_func my_malloc,
@@ -145,7 +144,7 @@ QOR_API int rbapi_destroy(rbtree_root *root);
  * @param key  handed to release() when the entry is erased
  * @param val  handed to release() when the entry is erased
  * @return     0, or -1 without memory or when an equal key is present; key and val stay the
- * caller's
+ *             caller's
  *
  * When an equal key is present, the node that was allocated for the new entry is lost: it is
  * neither linked nor freed. Where keys may repeat, ask rbapi_find() first or use rbapi_replace().

@@ -86,8 +86,8 @@ QOR_API void __rb_insert_augmented(rb_node *node, rb_root *root,
  * Takes a node out of the tree and rebalances. Its memory stays the caller's.
  *
  * The node's own fields keep their values, which say nothing any more: a caller that asks later
- * whether it is linked stores the node's own address in __rb_parent_color (see rb_next()).
- * Erasing a node that is not linked damages the tree.
+ * whether it is linked stores the node's own address in __rb_parent_color (see rb_next()). Erasing
+ * a node that is not linked damages the tree.
  */
 QOR_API void rb_erase(rb_node *node, rb_root *root);
 

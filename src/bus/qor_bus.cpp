@@ -9,19 +9,22 @@
 #include "qor_context_task.h"
 #include "qor_diag.hpp"
 #include "qor_main.h" /* upward: creating a bus queues the start-up routine as its first task */
-#include "qor_main_priv.hpp" /* upward: closing a bus takes down what start-up brought up */
-#include "qor_own_task.hpp"  /* upward: which tasks are the library's own */
 #include "qor_que_priv.hpp"
 #include "qor_recycle.hpp"
+#include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "qor_topic_core.h"
 #include "qor_util.hpp"
+#include "que_front.hpp"
+#include "que_waits.hpp"
+#include "thread_record.hpp"
 
 namespace {
 
 constexpr char file_tag[] = "qor_bus";
 constexpr size_t module_limit = 1024;
 constexpr uint32_t page_size = 4096;
+constexpr uint32_t stack_size_max = UINT32_MAX / page_size * page_size;
 
 /* The private block lives behind the reserved list head: like that, it outlives qor_bus_uninit(),
  * after which the loop thread may still be about to return. */
@@ -39,28 +42,37 @@ size_t bus_module_count(qor_context_module_t **modules)
     return count;
 }
 
+int32_t bus_locks_init(qor_bus_t *bus, qor_bus_private &priv)
+{
+    if (hal_mutex_cond_init(priv.mutex, priv.drained) < 0) {
+        return -1;
+    }
+    if (que_cond_init(&priv.inits_over, CLOCK_MONOTONIC) == 0) {
+        if (pthread_mutex_init(&bus->session_mutex, nullptr) == 0) {
+            return 0;
+        }
+        pthread_cond_destroy(&priv.inits_over);
+    }
+    hal_mutex_cond_destroy(priv.mutex, priv.drained);
+    return -1;
+}
+
+/* The head, and all locks of the bus; the session mutex is destroyed by qor_bus_uninit(). */
 int32_t bus_head_init(qor_bus_t *bus)
 {
-    bus_head *block = util_zalloc<bus_head>();
-    if (!block) {
+    bus_head *block = thread_records_open() == 0 ? util_zalloc<bus_head>() : nullptr;
+    if (!block || bus_locks_init(bus, block->priv) < 0) {
+        free(block);
         return -1;
     }
     INIT_LIST_HEAD(&block->head);
-    pthread_mutex_init(&block->priv.mutex, nullptr);
-    pthread_cond_init(&block->priv.drained, nullptr);
+    INIT_LIST_HEAD(&block->priv.helpers);
     INIT_LIST_HEAD(&block->priv.waiters);
     INIT_LIST_HEAD(&block->priv.delegates);
     INIT_LIST_HEAD(&block->priv.failed);
     bus->head = &block->head;
     bus->priv = &block->priv;
     return 0;
-}
-
-void bus_head_uninit(qor_bus_t *bus)
-{
-    pthread_cond_destroy(&bus->priv->drained);
-    pthread_mutex_destroy(&bus->priv->mutex);
-    free(bus->head); /* first field of the block */
 }
 
 /* Each line carries the name of qor_bus_init(), whose step this is. */
@@ -104,15 +116,81 @@ int32_t bus_queues_init(qor_bus_t *bus, const char *func)
     return 0;
 }
 
+void bus_queues_uninit(qor_bus_t *bus)
+{
+    qor_que_destroy(bus->que);
+    if (bus->time_que) {
+        qor_time_que_destroy(bus->time_que);
+    }
+}
+
+/* Copies a task into a node of either queue. */
+template <typename N> void bus_task_put(N *node, const qor_context_task_t *task)
+{
+    qor_context_task_copy(bus_task_of(node), task);
+    if (sched_delegate_is_relay(task)) {
+        que_front_of(node)->discard = sched_delegate_relay_discard;
+    }
+}
+
+/* A publisher without a private queue needs but the run of a response. */
+qor_que_node_t *bus_response_node(const qor_context_t *publisher)
+{
+    qor_time_que_node_t *node = sched_delegate_response_node(publisher);
+    if (!node) {
+        return nullptr;
+    }
+    qor_que_node_t *run = que_spare_take(node);
+    qor_time_que_node_destroy(node, nullptr);
+    return run;
+}
+
 /* A node of the task queue that carries a copy of the task, or NULL without memory. */
 qor_que_node_t *bus_task_node(qor_context_task_t *task)
 {
     qor_que_node_t *node =
-        qor_que_node_create(static_cast<size_t>(task->session), sizeof(qor_context_task_t));
+        sched_delegate_is_response(task) ? bus_response_node(task->context) : bus_node();
     if (node) {
-        qor_context_task_copy(static_cast<qor_context_task_t *>(qor_que_node_body(node)), task);
+        bus_task_put(node, task);
     }
     return node;
+}
+
+/* The first task of a bus brings everything up. It takes session 0. */
+int32_t bus_start_up_post(qor_bus_t *bus)
+{
+    qor_que_node_t *node = bus_node();
+    if (!node) {
+        return -1;
+    }
+    que_front_of(node)->flags = que_own;
+    qor_context_task_init(bus_task_of(node), nullptr, nullptr, qor_bus_session(bus),
+                          run_of(qor_main), bus);
+    return bus_node_post(bus, node);
+}
+
+/* Tables, queues and the first task: 0, or -1 and nothing is left of them. The lines carry the name
+ * of qor_bus_init(). */
+int32_t bus_parts_init(qor_bus_t *bus, int32_t id_max, const char *func)
+{
+    if (bus_tables_init(bus, id_max, func) < 0) {
+        return -1;
+    }
+    if (bus_queues_init(bus, func) == 0) {
+        if (bus_start_up_post(bus) == 0) {
+            return 0;
+        }
+        QOR_LINE("err", func, "start-up task not queued.");
+        bus_queues_uninit(bus);
+    }
+    bus_tables_uninit(bus);
+    return -1;
+}
+
+bool bus_is_cancelled(const qor_que_node_t *node, const void *session)
+{
+    return !(que_front_of(node)->flags & que_own) &&
+           node->id == static_cast<size_t>(*static_cast<const int32_t *>(session));
 }
 
 } // namespace
@@ -120,6 +198,55 @@ qor_que_node_t *bus_task_node(qor_context_task_t *task)
 bool bus_stopping(const qor_bus_t *bus)
 {
     return bus && hal_load(bus->priv->stopping);
+}
+
+void bus_head_uninit(qor_bus_t *bus)
+{
+    pthread_cond_destroy(&bus->priv->inits_over);
+    hal_mutex_cond_destroy(bus->priv->mutex, bus->priv->drained);
+    free(bus->head); /* first field of the block */
+}
+
+qor_que_node_t *bus_node()
+{
+    return qor_que_node_create(0, sizeof(qor_context_task_t));
+}
+
+qor_context_task_t *bus_task_of(qor_que_node_t *node)
+{
+    return static_cast<qor_context_task_t *>(qor_que_node_body(node));
+}
+
+qor_context_task_t *bus_task_of(qor_time_que_node_t *node)
+{
+    return static_cast<qor_context_task_t *>(qor_time_que_node_body(node));
+}
+
+int32_t bus_node_post(qor_bus_t *bus, qor_que_node_t *node)
+{
+    node->id = static_cast<size_t>(bus_task_of(node)->session);
+    return qor_que_enque(bus->que, node);
+}
+
+qor_time_que_node_t *bus_timer_node()
+{
+    qor_time_que_node_t *node = qor_time_que_node_create(0, 0, sizeof(qor_context_task_t));
+    if (!node) {
+        return nullptr;
+    }
+    que_front_of(node)->spare = bus_node();
+    if (!que_front_of(node)->spare) {
+        qor_time_que_node_destroy(node, nullptr);
+        return nullptr;
+    }
+    return node;
+}
+
+int32_t bus_timer_node_post(qor_bus_t *bus, qor_time_que_node_t *node)
+{
+    const qor_context_task_t *task = bus_task_of(node);
+    qor_time_que_node_update(node, static_cast<size_t>(task->session), task->delay);
+    return qor_time_que_enque_block(bus->time_que, node, -1);
 }
 
 bus_waiter::bus_waiter(qor_bus_t *bus, hal_thread_mutex_t &mutex, hal_thread_cond_t &cond)
@@ -173,22 +300,15 @@ int32_t qor_bus_init(qor_bus_t *_this, qor_context_module_t **modules, int32_t i
         QOR_ERR("head create failed.");
         return -1;
     }
-    if (bus_tables_init(_this, id_max, __func__) < 0) {
-        bus_head_uninit(_this);
-        return -1;
-    }
-    if (bus_queues_init(_this, __func__) < 0) {
-        bus_tables_uninit(_this);
-        bus_head_uninit(_this);
-        return -1;
-    }
-    pthread_mutex_init(&_this->session_mutex, nullptr);
     _this->modules = modules;
     _this->thread_priority = -1;
     _this->thread_stack_size = 0x10000;
     _this->thread_num = static_cast<uint32_t>(count) + 1;
-    /* Takes session 0. A post that fails leaves a bus that brings nothing up. */
-    (void)qor_bus_run(_this, run_of(qor_main), _this, nullptr);
+    if (bus_parts_init(_this, id_max, __func__) < 0) {
+        pthread_mutex_destroy(&_this->session_mutex);
+        bus_head_uninit(_this);
+        return -1;
+    }
     return 0;
 }
 
@@ -200,12 +320,12 @@ void qor_bus_destroy(qor_bus_t *bus)
 
 void qor_bus_uninit(qor_bus_t *_this)
 {
-    {
-        hal_scoped_lock lock(_this->priv->mutex);
+    if (_this->time_que) {
+        hal_scoped_lock lock(_this->time_que->mutex);
         _this->priv->gone = 1;
     }
     que_quit_begin(_this->que);
-    que_discard_all(_this->que, own_task_discard);
+    que_discard_all(_this->que, recycle_of(qor_context_task_uninit));
     qor_que_destroy(_this->que);
     bus_tables_uninit(_this);
     pthread_mutex_destroy(&_this->session_mutex);
@@ -223,6 +343,7 @@ int32_t qor_bus_quit(qor_bus_t *_this)
     que_quit_begin(_this->que);
     hal_store(_this->priv->stopping, 1);
     util_list_each(_this->priv->waiters, bus_waiter::wake);
+    pthread_cond_broadcast(&_this->priv->inits_over);
     if (_this->time_que) {
         time_que_quit_begin(_this->time_que); /* last: this ends the loop */
     }
@@ -233,28 +354,6 @@ int32_t qor_bus_quitting(qor_bus_t *_this)
 {
     QOR_CHECK(_this, -1);
     return bus_stopping(_this) ? 1 : 0;
-}
-
-void qor_bus_close(qor_bus_t *_this)
-{
-    QOR_CHECK_VOID(_this);
-    {
-        hal_scoped_lock lock(_this->priv->mutex);
-        if (_this->priv->looping) {
-            QOR_ERR("the loop is running.");
-            return;
-        }
-    }
-    qor_bus_quit(_this); /* what modules post while they go down is refused */
-    bus_drains_await(*_this->priv);
-    bus_tasks_discard(_this);
-    main_contexts_close(_this);
-    if (_this->time_que) {
-        qor_time_que_destroy(_this->time_que);
-    }
-    qor_bus_uninit(_this);
-    bus_head_uninit(_this);
-    free(_this);
 }
 
 int32_t qor_bus_session(qor_bus_t *_this)
@@ -278,7 +377,7 @@ int32_t qor_bus_post(qor_bus_t *_this, qor_context_task_t *task)
     if (!node) {
         return -1;
     }
-    if (qor_que_enque(_this->que, node) < 0) {
+    if (bus_node_post(_this, node) < 0) {
         /* Deliberate: without recycle, arg stays the caller's.
          * Test: Bus.ARefusedPostLeavesTheArgumentAlone. */
         qor_que_node_destroy(node, nullptr);
@@ -315,13 +414,12 @@ int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task)
 {
     QOR_CHECK(_this, -1);
     QOR_CHECK(task, -1);
-    qor_time_que_node_t *node = qor_time_que_node_create(static_cast<size_t>(task->session),
-                                                         task->delay, sizeof(qor_context_task_t));
+    qor_time_que_node_t *node = bus_timer_node();
     if (!node) {
         return -1;
     }
-    qor_context_task_copy(static_cast<qor_context_task_t *>(qor_time_que_node_body(node)), task);
-    if (qor_time_que_enque_block(_this->time_que, node, -1) < 0) {
+    bus_task_put(node, task);
+    if (bus_timer_node_post(_this, node) < 0) {
         qor_time_que_node_destroy(node, nullptr); /* as in qor_bus_post() */
         return -1;
     }
@@ -331,12 +429,13 @@ int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task)
 int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session)
 {
     QOR_CHECK(_this, -1);
-    qor_que_node_t *node = qor_que_remove(_this->que, static_cast<size_t>(session));
-    /* The queue's own address: no task of that session is queued any more. */
-    if (!node || static_cast<void *>(node) == static_cast<void *>(_this->que)) {
+    /* What the library made for itself is passed over: a module that cancels a number of its own
+     * choice, or an old one, must not stop others. */
+    qor_que_node_t *node = que_take_if(_this->que, bus_is_cancelled, &session);
+    if (!node) {
         return -1;
     }
-    qor_que_node_destroy(node, own_task_discard);
+    que_node_discard(node, recycle_of(qor_context_task_uninit));
     return 0;
 }
 
@@ -355,5 +454,6 @@ void qor_bus_thread_num_set(qor_bus_t *_this, uint32_t thread_num)
 void qor_bus_thread_stack_size_set(qor_bus_t *_this, uint32_t thread_stack_size)
 {
     QOR_CHECK_VOID(_this);
-    _this->thread_stack_size = (thread_stack_size + page_size - 1) / page_size * page_size;
+    const uint32_t size = thread_stack_size < stack_size_max ? thread_stack_size : stack_size_max;
+    hal_store(_this->thread_stack_size, (size + page_size - 1) / page_size * page_size);
 }

@@ -1,224 +1,153 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The threads of a bus: workers that run tasks, the loop that turns due timers into tasks, and
- * waiting until they have nothing to do. */
+/* The loop of a bus: starts the workers, turns due timers into tasks, and joins the workers. */
 #include <stdlib.h>
 
 #include "hal_sync.hpp"
 #include "qor_bus.h"
 #include "qor_bus_priv.hpp"
-#include "qor_context_task.h"
 #include "qor_diag.hpp"
-#include "qor_own_task.hpp" /* upward: which tasks are the library's own */
 #include "qor_que_priv.hpp"
 #include "qor_recycle.hpp"
 #include "qor_time_que_priv.hpp"
+#include "que_front.hpp"
+#include "thread_record.hpp"
 
 namespace {
 
 constexpr char file_tag[] = "qor_bus";
 
-/* The bus that the calling thread works for; a worker's drain would wait for itself, and so would
- * one by a recycle that the loop calls. */
-__attribute__((tls_model("initial-exec"))) thread_local const qor_bus_t *worked_for;
-
-void bus_task_run(qor_que_node_t *node)
+/* Queues the task of a timer that has fallen due; its node was made with the timer's. One that
+ * somebody else appended to the timer queue has none yet. */
+bool bus_timer_task_post(qor_bus_t *bus, qor_time_que_node_t *timer)
 {
-    qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_que_node_body(node));
-    if (!own_task_names_itself(task)) {
-        hal_thread_name_set(task->name);
+    const que_front *front = que_front_of(timer);
+    qor_que_node_t *node = front->spare ? que_spare_take(timer) : bus_node();
+    if (!node) {
+        return false;
     }
-    qor_context_task_excute(task);
-    qor_que_node_destroy(node, recycle_of(qor_context_task_uninit));
-}
-
-void *qor_bus_task_loop(void *arg)
-{
-    const qor_bus_t *bus = static_cast<const qor_bus_t *>(arg);
-    qor_que_t *que = bus->que;
-    worked_for = bus;
-    const int32_t priority = hal_load(bus->thread_priority);
-    if (priority >= 0) {
-        hal_thread_setpriority(priority);
+    *que_front_of(node) = *front; /* which has no spare any more */
+    qor_context_task_copy(bus_task_of(node), bus_task_of(timer));
+    bus_task_of(node)->delay = 0;
+    if (bus_node_post(bus, node) < 0) {
+        qor_que_node_destroy(node, nullptr);
+        return false;
     }
-    for (;;) {
-        qor_que_node_t *node = que_take(que);
-        if (!node) {
-            /* Only before it waits: between two tasks the name changes at once to the next one. */
-            hal_thread_name_set("context");
-            node = qor_que_deque_block(que, -1);
-        }
-        if (!node) {
-            return nullptr;
-        }
-        bus_task_run(node);
-    }
-}
-
-/* Starts up to so many workers and returns how many started: those, and no others, are joined. */
-uint32_t bus_workers_start(qor_bus_t *bus, uint32_t wanted, hal_thread_t *tid,
-                           const hal_thread_attr_t *attr)
-{
-    uint32_t started = 0;
-    for (uint32_t i = 0; i < wanted; i++) {
-        /* A thread that cannot be made is not reported; the bus runs with those it has. */
-        if (pthread_create(&tid[started], attr, qor_bus_task_loop, bus) == 0) {
-            started++;
-        }
-    }
-    return started;
-}
-
-/* Posts a timer that has fallen due and frees its node. A bus that has been destroyed meanwhile
- * takes nothing more, and only its private block may be looked at. */
-void bus_timer_expire(qor_bus_t *bus, qor_bus_private &priv, qor_time_que_node_t *node)
-{
-    qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_time_que_node_body(node));
-    task->delay = 0;
-    bool posted = false;
-    {
-        hal_scoped_lock lock(priv.mutex);
-        posted = !priv.gone && qor_bus_post(bus, task) == 0;
-    }
-    /* Deliberate: the copy that was posted keeps its recycle, so a timer's recycle runs here, where
-     * a worker may have begun the task already, and again after the task.
-     * Test: BusLoop.ATimerIsRecycledTwice. */
-    qor_time_que_node_destroy(node,
-                              posted ? recycle_of(qor_context_task_uninit) : own_task_discard);
+    return true;
 }
 
 void bus_timers_serve(qor_bus_t *bus)
 {
-    qor_time_que_t *time_que = bus->time_que; /* the bus may be destroyed while this waits */
-    qor_bus_private &priv = *bus->priv;
-    while (qor_time_que_node_t *node = qor_time_que_deque_block(time_que, -1)) {
-        bus_timer_expire(bus, priv, node);
+    qor_time_que_t *timers = bus->time_que; /* the bus may be destroyed while this waits */
+    const qor_bus_private &priv = *bus->priv;
+    qor_time_que_lock(timers);
+    while (qor_time_que_node_t *timer = qor_time_que_deque_block_locked(timers, -1)) {
+        /* Queued under the timer queue's lock: whoever cancels a timer finds it here or there. Of a
+         * bus that is gone only the private block may be looked at. */
+        const bool posted = !priv.gone && bus_timer_task_post(bus, timer);
+        qor_time_que_unlock(timers);
+        /* Deliberate: the copy that was posted keeps its recycle, so a timer's recycle runs here,
+         * where a worker may have begun the task already, and again after the task.
+         * Test: BusLoop.ATimerIsRecycledTwice. */
+        if (posted) {
+            qor_time_que_node_destroy(timer, recycle_of(qor_context_task_uninit));
+        } else {
+            time_que_node_discard(timer, recycle_of(qor_context_task_uninit));
+        }
+        qor_time_que_lock(timers);
     }
+    qor_time_que_unlock(timers);
+}
+
+void bus_loop_enter(qor_bus_private &priv)
+{
+    hal_scoped_lock lock(priv.mutex);
+    priv.looping = 1;
 }
 
 /* The loop has ended: from here on no quit is inside, and the bus may be closed. */
-void bus_loop_leave(qor_bus_t *bus, qor_bus_private &priv)
+void bus_loop_leave(qor_bus_private &priv)
 {
-    {
-        hal_scoped_lock lock(priv.mutex);
-        if (priv.gone) {
-            return;
-        }
-    }
-    bus_tasks_discard(bus);
     hal_scoped_lock lock(priv.mutex);
     priv.looping = 0;
 }
 
-/* Whether the loop and every worker wait and nothing is due. The only place that holds both queues'
- * locks, the timer queue's first. */
-bool bus_is_settled(qor_bus_t *bus)
+/* Whether qor_bus_uninit() has run while the loop waited. */
+bool bus_is_gone(qor_time_que_t *timers, const qor_bus_private &priv)
 {
-    hal_scoped_lock timers(bus->time_que->mutex);
-    if (!time_que_is_settled_locked(bus->time_que)) {
-        return false;
-    }
-    hal_scoped_lock tasks(bus->que->mutex);
-    return que_is_settled_locked(bus->que, hal_load(bus->priv->workers));
+    qor_time_que_lock(timers);
+    const bool gone = priv.gone;
+    qor_time_que_unlock(timers);
+    return gone;
 }
 
-/* A thread inside qor_bus_drain(), from construction to destruction. */
-class bus_drain {
-public:
-    explicit bus_drain(qor_bus_private &priv) : priv_(priv)
-    {
-        hal_scoped_lock lock(priv_.mutex);
-        priv_.drains++;
+/* Runs the bus with its workers until it quits. */
+void bus_loop_serve(qor_bus_t *bus, bus_crew *crew)
+{
+    qor_time_que_t *timers = bus->time_que;
+    qor_bus_private &priv = *bus->priv;
+    thread_record record = {}; /* a recycle that the loop calls must not drain the bus */
+    record.bus = bus;
+    thread_record_set(&record);
+    bus_timers_serve(bus);
+    bus_crew_join(priv, crew);
+    if (!timers || !bus_is_gone(timers, priv)) {
+        bus_helpers_join(bus);
+        bus_tasks_discard(bus);
+        bus_loop_leave(priv);
     }
-    ~bus_drain()
-    {
-        hal_scoped_lock lock(priv_.mutex);
-        if (--priv_.drains == 0) {
-            pthread_cond_broadcast(&priv_.drained);
-        }
-    }
-    bus_drain(const bus_drain &) = delete;
-    bus_drain &operator=(const bus_drain &) = delete;
+    thread_record_set(nullptr);
+}
 
-private:
-    qor_bus_private &priv_;
-};
+/* The lines carry the name of qor_bus_loop(), whose body this is. */
+int32_t bus_loop_run(qor_bus_t *bus, const char *func)
+{
+    /* Read once: a task may set it while the workers are being started. */
+    const uint32_t thread_num = hal_load(bus->thread_num);
+    bus_crew crew = {};
+    /* Never no bytes: for those a C library may give NULL. */
+    crew.workers =
+        static_cast<bus_worker *>(calloc(thread_num ? thread_num : 1, sizeof(*crew.workers)));
+    if (!crew.workers) {
+        qor_check_failed<file_tag>(func, __LINE__, "tid");
+        return -1;
+    }
+    hal_thread_attr_t attr;
+    if (bus_thread_attr_init(bus, &attr, func) != 0) {
+        free(crew.workers);
+        return -1;
+    }
+    crew.attr = &attr;
+    bus_loop_enter(*bus->priv);
+    bus_crew_start(bus, &crew, thread_num);
+    const bool idle = thread_num > 0 && crew.count == 0;
+    if (idle) {
+        QOR_LINE("err", func, "no worker started.");
+        bus_crew_join(*bus->priv, &crew); /* none; nobody is to find the crew any more */
+        bus_loop_leave(*bus->priv);
+    } else {
+        bus_loop_serve(bus, &crew);
+    }
+    pthread_attr_destroy(&attr);
+    free(crew.workers);
+    return idle ? -1 : 0;
+}
 
 } // namespace
 
 void bus_tasks_discard(qor_bus_t *bus)
 {
-    que_discard_all(bus->que, own_task_discard);
+    que_discard_all(bus->que, recycle_of(qor_context_task_uninit));
     if (bus->time_que) {
-        time_que_discard_all(bus->time_que, own_task_discard);
+        time_que_discard_all(bus->time_que, recycle_of(qor_context_task_uninit));
     }
-}
-
-void bus_drains_await(qor_bus_private &priv)
-{
-    hal_scoped_lock lock(priv.mutex);
-    while (priv.drains > 0) {
-        pthread_cond_wait(&priv.drained, &priv.mutex);
-    }
-}
-
-int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time)
-{
-    QOR_CHECK(_this, -1);
-    if (worked_for == _this) {
-        QOR_ERR("a task of the bus would wait for itself.");
-        return -1;
-    }
-    QOR_CHECK(_this->time_que, -1);
-    bus_drain under_way(*_this->priv);
-    const int64_t deadline = wait_time < 0 ? INT64_MAX : util_timestamp() + wait_time;
-    while (!bus_stopping(_this)) {
-        if (bus_is_settled(_this)) {
-            return 0;
-        }
-        if (util_timestamp() >= deadline) {
-            return -1;
-        }
-        /* The loop first: only while it waits is the number of workers known. */
-        time_que_settle_until(_this->time_que, deadline);
-        que_settle_until(_this->que, hal_load(_this->priv->workers), deadline);
-    }
-    return -1;
 }
 
 int32_t qor_bus_loop(qor_bus_t *_this)
 {
     QOR_CHECK(_this, -1);
-    /* Read once: a task may set it while the workers are being started. */
-    const uint32_t thread_num = hal_load(_this->thread_num);
-    /* Never no bytes: for those a C library may give NULL. */
-    hal_thread_t *tid =
-        static_cast<hal_thread_t *>(calloc(thread_num ? thread_num : 1, sizeof(*tid)));
-    QOR_CHECK(tid, -1);
-    hal_thread_attr_t attr;
-    pthread_attr_init(&attr);
-    (void)pthread_attr_setstacksize(&attr, _this->thread_stack_size);
-    if (_this->thread_priority >= 0 &&
-        hal_thread_attr_setpriority(&attr, _this->thread_priority) != 0) {
-        QOR_ERR("set thread priority failed.");
-        free(tid);
-        pthread_attr_destroy(&attr);
-        return -1;
-    }
-    qor_bus_private &priv = *_this->priv;
-    {
-        hal_scoped_lock lock(priv.mutex);
-        priv.looping = 1;
-    }
-    const uint32_t started = bus_workers_start(_this, thread_num, tid, &attr);
-    hal_store(priv.workers, started);
-    worked_for = _this;
-    bus_timers_serve(_this);
-    for (uint32_t i = 0; i < started; i++) {
-        pthread_join(tid[i], nullptr);
-    }
-    bus_loop_leave(_this, priv);
-    worked_for = nullptr;
-    pthread_attr_destroy(&attr);
-    free(tid);
-    return 0;
+    int state; /* the thread is the caller's: it gets its state back */
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    const int32_t ret = bus_loop_run(_this, __func__);
+    pthread_setcancelstate(state, nullptr);
+    return ret;
 }

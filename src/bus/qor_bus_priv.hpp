@@ -1,18 +1,42 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* What the bus keeps for its orderly end: who waits, which delegates exist, which contexts failed.
+/* What stands behind a bus: its threads, what its orderly end needs, and the memory of hand-overs.
  */
 #ifndef QOR_BUS_PRIV_HPP
 #define QOR_BUS_PRIV_HPP
 
 #include "qor_bus.h"
+#include "qor_context_task.h"
+#include "thread_record.hpp"
+
+/* A worker's place, which a new thread takes when a task has ended the one before. */
+struct bus_worker {
+    qor_bus_t *bus;
+    hal_thread_t thread; /* guarded by the bus's mutex until the crew is joined */
+    hal_thread_t before; /* the thread that it replaces, to be joined; valid when replaces is set */
+    int32_t replaces;
+    thread_record record;
+};
+
+/* The workers of a loop; lives in its frame. */
+struct bus_crew {
+    const hal_thread_attr_t *attr;
+    bus_worker *workers; /* as many as are wanted */
+    uint32_t count;      /* how many have started */
+};
 
 struct qor_bus_private {
     hal_thread_mutex_t mutex; /* guards the fields below; taken before a waiter's and a queue's */
     int32_t stopping;         /* 1 once qor_bus_quit() has begun; read without the mutex */
     int32_t looping;          /* 1 while qor_bus_loop() runs */
-    uint32_t workers;         /* how many have started; stored before the loop first waits */
-    int32_t gone;             /* 1 once qor_bus_uninit() has run: the loop leaves the bus alone */
-    uint32_t drains;          /* threads inside qor_bus_drain(); close waits for the last */
+    int32_t gone;             /* 1 once qor_bus_uninit() has run: the loop leaves the bus alone;
+                                 guarded by the timer queue's mutex */
+    uint32_t workers;         /* how many there are; read without the mutex */
+    bus_crew *crew;           /* NULL when the loop is not running, or joins them */
+    list_head helpers;        /* bus_helper::link */
+    uint32_t inits;           /* inits that run for somebody who waits; read without the mutex */
+    hal_thread_cond_t
+        inits_over;  /* monotonic; broadcast when there is none any more, and at quit */
+    uint32_t drains; /* threads inside qor_bus_drain(); close waits for the last */
     hal_thread_cond_t drained;
     list_head waiters;   /* bus_waiter::link */
     list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
@@ -29,9 +53,57 @@ void bus_drains_await(qor_bus_private &priv);
 /* Recycles what is still queued once the queues have quit. */
 void bus_tasks_discard(qor_bus_t *bus);
 
+/* Undoes what qor_bus_init() did before it made the tables; the private block goes with it. */
+void bus_head_uninit(qor_bus_t *bus);
+
+/* A node of the task queue with room for a task, zeroed; NULL without memory. */
+qor_que_node_t *bus_node();
+
+/* The task in a node of either queue. */
+qor_context_task_t *bus_task_of(qor_que_node_t *node);
+qor_context_task_t *bus_task_of(qor_time_que_node_t *node);
+
+/* Queues a node that carries its task, under the task's session. 0, or -1 when the bus quits, and
+ * the node stays the caller's. */
+int32_t bus_node_post(qor_bus_t *bus, qor_que_node_t *node);
+
+/* A node of the timer queue with room for a task, zeroed, and behind it the node that its task will
+ * be queued with: a timer that has been accepted cannot fail any more. NULL without memory. */
+qor_time_que_node_t *bus_timer_node();
+
+/* Queues such a node, due in task->delay milliseconds. 0, or -1 when the bus quits, and the node
+ * stays the caller's. */
+int32_t bus_timer_node_post(qor_bus_t *bus, qor_time_que_node_t *node);
+
+/* Prepares the attribute of the bus's threads: 0, or -1 with a line under the name of func and
+ * nothing to destroy. */
+int32_t bus_thread_attr_init(const qor_bus_t *bus, hal_thread_attr_t *attr, const char *func);
+
+/* Gives the calling thread the priority that the bus wants for its threads, if any. What their
+ * attribute says does not count, for it inherits. */
+void bus_thread_setpriority(const qor_bus_t *bus);
+
+/* Starts up to so many workers; crew->count says how many there are. */
+void bus_crew_start(qor_bus_t *bus, bus_crew *crew, uint32_t wanted);
+
+/* Joins the workers; the task queue quits. */
+void bus_crew_join(qor_bus_private &priv, bus_crew *crew);
+
+/* Runs a task on a thread of its own, beside the workers, and then counts the init out that the
+ * caller has counted in. 0, or -1 when the bus quits or has no thread to give, and nothing is
+ * counted out. The thread is joined by the loop. */
+int32_t bus_helper_start(qor_bus_t *bus, const qor_context_task_t *task);
+
+/* Joins all helpers. The bus quits, so no further one starts, and nobody else joins any. */
+void bus_helpers_join(qor_bus_t *bus);
+
+/* Counts an init in that runs for somebody who waits, and out again: drain waits for it. */
+void bus_init_begin(qor_bus_t *bus);
+void bus_init_end(qor_bus_t *bus);
+
 /* A thread that waits on a condition of a context's, from construction to destruction: quit
  * broadcasts the condition, so a waiting loop that also tests bus_stopping() ends. Made before the
- * mutex is taken. A NULL bus is let pass. */
+ * mutex is taken. Does nothing for a NULL bus. */
 class bus_waiter {
 public:
     bus_waiter(qor_bus_t *bus, hal_thread_mutex_t &mutex, hal_thread_cond_t &cond);

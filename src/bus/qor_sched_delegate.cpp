@@ -25,6 +25,13 @@ struct delegate_block {
     qor_sched_delegate_private priv;
 };
 
+/* One mutex for each kind of registration, and the reserve's: all, or -1 and none. */
+int32_t delegate_locks_init(delegate_block &block)
+{
+    return hal_mutexes_init({&block.delegate.subscriber_mutex, &block.delegate.listener_mutex,
+                             &block.delegate.filter_mutex, &block.priv.reserve.mutex});
+}
+
 const char *name_of(qor_context_t *context)
 {
     return qor_context_module_name_get(context);
@@ -69,7 +76,7 @@ void registrations_call(node_next next, qor_context_t *publisher, qor_context_ms
 {
     qor_topic_core_t *table = delegate_table(delegate_of(publisher));
     const qor_context_topic_t topic = msg->topic; /* a filter may change the message's */
-    topic_dispatch under_way(table, topic); /* a handler may remove the node that it runs for */
+    topic_walk under_way(table, topic); /* a handler may remove the node that it runs for */
     for (qor_topic_node_t *node = next(table, topic, nullptr); node;
          node = next(table, topic, node)) {
         qor_context_t *context = node->context;
@@ -187,19 +194,43 @@ void *qor_sched_delegate_handle_message_self(qor_context_t *publisher, int32_t, 
     return task_result(ret);
 }
 
-void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *arg)
+/* The memory of a publisher's responses; NULL when somebody has taken its delegate away. */
+response_reserve *reserve_of(const qor_context_t *publisher)
 {
-    qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
-    request_handle(publisher, clone, __func__);
+    const qor_sched_delegate_t *delegate = delegate_of(publisher);
+    return delegate ? &delegate->priv->reserve : nullptr;
+}
+
+/* The publisher's delegate expects no response to this request any more. */
+void response_settle(const qor_context_t *publisher)
+{
+    response_reserve *reserve = reserve_of(publisher);
+    if (reserve) {
+        response_reserve_settle(*reserve);
+    }
+}
+
+/* Hands a message that has become a response to its publisher. Refused when the bus quits, or when
+ * the publisher's init has failed, the message is freed. */
+int32_t response_hand_over(qor_context_t *publisher, qor_context_msg_t *clone)
+{
     qor_context_task_t response = {};
     qor_context_taskx_init(&response, publisher, nullptr, clone->session,
                            qor_sched_delegate_handle_message_self, clone);
     response.recycle = recycle_of(qor_context_msg_destroy);
     const int32_t handed = qor_context_handle_task(publisher, &response);
+    response_settle(publisher);
     if (handed < 0) {
         qor_context_msg_destroy(clone);
     }
-    return task_result(handed);
+    return handed;
+}
+
+void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *arg)
+{
+    qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
+    request_handle(publisher, clone, __func__);
+    return task_result(response_hand_over(publisher, clone));
 }
 
 int32_t qor_sched_delegate_session(qor_context_t *context, int32_t *session)
@@ -251,12 +282,16 @@ int32_t qor_sched_delegate_publish(qor_context_t *publisher, qor_context_msg_t *
                 name_of(publisher), msg->topic, msg->session, msg_payload_size(msg));
         return -1;
     }
+    if (response_reserve_add(_this->priv->reserve) < 0) {
+        qor_context_msg_destroy(clone);
+        return -1;
+    }
     qor_context_task_t relay = {};
     qor_context_taskx_init(&relay, publisher, nullptr, clone->session,
                            qor_sched_delegate_publish_relay, clone);
     const int32_t handed = qor_context_handle_task(subscriber, &relay);
     if (handed < 0) {
-        qor_context_msg_destroy(clone);
+        sched_delegate_relay_discard(&relay);
     }
     return handed;
 }
@@ -315,14 +350,6 @@ int32_t qor_sched_delegate_syscall(qor_context_t *context, qor_context_msg_t *ms
     return handed;
 }
 
-void post_refused(qor_context_t *context, const qor_context_task_t *task, const char *func)
-{
-    /* Deliberate: one text for tasks and timers, even when no timer was asked for.
-     * Test: SchedDelegate.ARefusedPostSpeaksOfATimer. */
-    QOR_LINE("err", func, "create a timer failed, source:%s, task:%s, session=%d", name_of(context),
-             task->name, task->session);
-}
-
 int32_t qor_sched_delegate_post(qor_context_t *context, qor_context_task_t *task)
 {
     qor_sched_delegate_t *_this = delegate_of(context);
@@ -331,7 +358,9 @@ int32_t qor_sched_delegate_post(qor_context_t *context, qor_context_task_t *task
     const int32_t posted =
         task->delay < 1 ? qor_bus_post(_this->bus, task) : qor_bus_timer_post(_this->bus, task);
     if (posted < 0) {
-        post_refused(context, task, __func__);
+        if (!sched_delegate_is_response(task)) { /* nobody asked for the post of a response */
+            sched_delegate_post_refused(context, task);
+        }
         return -1;
     }
     return 0;
@@ -394,29 +423,48 @@ qor_bus_t *sched_delegate_bus(const qor_context_t *context)
     return context->handler == &qor_sched_delegate_handler ? delegate_of(context)->bus : nullptr;
 }
 
-qor_que_node_t *sched_delegate_run_node()
+void sched_delegate_post_refused(qor_context_t *context, const qor_context_task_t *task)
 {
-    return qor_que_node_create(0, sizeof(qor_context_task_t));
+    /* Deliberate: one text for tasks and timers, even when no timer was asked for.
+     * Test: SchedDelegate.ARefusedPostSpeaksOfATimer. */
+    QOR_LINE("err", "qor_sched_delegate_post",
+             "create a timer failed, source:%s, task:%s, session=%d", name_of(context), task->name,
+             task->session);
 }
 
-int32_t sched_delegate_run_post(qor_context_t *context, qor_que_node_t *node, qor_context_run_t run)
+bool sched_delegate_is_relay(const qor_context_task_t *task)
 {
-    qor_bus_t *bus = delegate_of(context)->bus;
-    qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_que_node_body(node));
-    qor_context_task_init(task, context, nullptr, qor_bus_session(bus), run, context);
-    node->id = static_cast<size_t>(task->session);
-    return qor_que_enque(bus->que, node);
+    return task->fun_type != QOR_CONTEXT_FUN_RUN &&
+           task->fun.runx == qor_sched_delegate_publish_relay;
 }
 
-void sched_delegate_run_refused(qor_context_t *context, qor_que_node_t *node)
+bool sched_delegate_is_response(const qor_context_task_t *task)
 {
-    post_refused(context, static_cast<qor_context_task_t *>(qor_que_node_body(node)),
-                 "qor_sched_delegate_post");
+    return task->fun_type != QOR_CONTEXT_FUN_RUN &&
+           task->fun.runx == qor_sched_delegate_handle_message_self;
 }
 
-qor_context_runx_t sched_delegate_relay()
+void sched_delegate_relay_discard(void *task)
 {
-    return qor_sched_delegate_publish_relay;
+    const qor_context_task_t *relay = static_cast<const qor_context_task_t *>(task);
+    qor_context_msg_destroy(static_cast<qor_context_msg_t *>(relay->arg));
+    response_settle(relay->context);
+}
+
+void sched_delegate_relay_refuse(void *task)
+{
+    const qor_context_task_t *relay = static_cast<const qor_context_task_t *>(task);
+    qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(relay->arg);
+    clone->ret = -1;
+    clone->type = QOR_CONTEXT_MSG_RESPONSE;
+    response_hand_over(relay->context, clone);
+}
+
+qor_time_que_node_t *sched_delegate_response_node(const qor_context_t *publisher)
+{
+    response_reserve *reserve = reserve_of(publisher);
+    qor_time_que_node_t *node = reserve ? response_reserve_take(*reserve) : nullptr;
+    return node ? node : bus_timer_node();
 }
 
 void sched_delegates_free(qor_bus_t *bus)
@@ -427,6 +475,8 @@ void sched_delegates_free(qor_bus_t *bus)
         pthread_mutex_destroy(&block->delegate.subscriber_mutex);
         pthread_mutex_destroy(&block->delegate.listener_mutex);
         pthread_mutex_destroy(&block->delegate.filter_mutex);
+        response_reserve_free(block->priv.reserve);
+        pthread_mutex_destroy(&block->priv.reserve.mutex);
         list_del(link);
         free(block);
     });
@@ -435,9 +485,9 @@ void sched_delegates_free(qor_bus_t *bus)
 qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role, qor_context_t *context)
 {
     delegate_block *block = util_zalloc<delegate_block>();
-    if (!block) {
-        QOR_ERR("malloc for \"qor_sched_delegate_t\" failed.\n"); /* Deliberate: own newline, an
-                                                                     empty line follows. */
+    if (!block || delegate_locks_init(*block) < 0) {
+        free(block);
+        QOR_ERR_SPACED("malloc for \"qor_sched_delegate_t\" failed.");
         return nullptr;
     }
     qor_sched_delegate_t *_this = &block->delegate;
@@ -448,9 +498,7 @@ qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role, qor_co
     INIT_LIST_HEAD(&_this->subscriber_head);
     INIT_LIST_HEAD(&_this->listener_head);
     INIT_LIST_HEAD(&_this->filter_head);
-    pthread_mutex_init(&_this->subscriber_mutex, nullptr);
-    pthread_mutex_init(&_this->listener_mutex, nullptr);
-    pthread_mutex_init(&_this->filter_mutex, nullptr);
+    response_reserve_init(block->priv.reserve);
     if (bus) {
         hal_scoped_lock lock(bus->priv->mutex);
         list_add(&block->priv.link, &bus->priv->delegates);

@@ -1,12 +1,16 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* What the orderly end needs to know of delegates. */
+/* What bus and contexts need to know of delegates: registrations, and the tasks that carry requests
+ * and responses. */
 #ifndef QOR_SCHED_DELEGATE_PRIV_HPP
 #define QOR_SCHED_DELEGATE_PRIV_HPP
 
+#include "qor_context_task.h"
 #include "qor_sched_delegate.h"
+#include "response_reserve.hpp"
 
 struct qor_sched_delegate_private {
     list_head link; /* in the bus's list of delegates */
+    response_reserve reserve;
     int32_t closed; /* 1 once destroyed: registrations are refused; read without a common lock */
 };
 
@@ -36,21 +40,27 @@ void delegate_unregister_all(qor_sched_delegate_t *delegate);
 /* The bus that a context is attached to; NULL when it is not. */
 qor_bus_t *sched_delegate_bus(const qor_context_t *context);
 
-/* A node for a run of a context's, made before it is known whether the bus will take it. NULL
- * without memory; goes back with free() while it is unused. */
-qor_que_node_t *sched_delegate_run_node();
+/* Prints the line of a refused post. */
+void sched_delegate_post_refused(qor_context_t *context, const qor_context_task_t *task);
 
-/* Posts such a run(context) under a fresh session. 0, or -1 when the bus quits, and the node stays
- * the caller's. */
-int32_t sched_delegate_run_post(qor_context_t *context, qor_que_node_t *node,
-                                qor_context_run_t run);
+/* A relay hands a request to its subscriber: its context is the publisher, its argument the copy of
+ * the message that travels on. So it has no recycle, and whoever does not run it calls one of the
+ * two functions below. */
+bool sched_delegate_is_relay(const qor_context_task_t *task);
 
-/* Prints the line of a refused post for a run that could not be posted. */
-void sched_delegate_run_refused(qor_context_t *context, qor_que_node_t *node);
+/* Takes a request back: no response follows. The argument is the task; it stands in for a recycle.
+ */
+void sched_delegate_relay_discard(void *task);
 
-/* The function of the relay task. Its argument is a message clone that travels on, so the task has
- * no recycle: whoever discards it frees the clone. */
-qor_context_runx_t sched_delegate_relay();
+/* Answers a request that will not be handled: the publisher gets a response with ret -1. */
+void sched_delegate_relay_refuse(void *task);
+
+/* Whether a task brings a publisher its response. */
+bool sched_delegate_is_response(const qor_context_task_t *task);
+
+/* The node that a response waits with in the publisher's private queue, and behind it that of its
+ * run on the bus; had with the request. NULL without memory for a response that nobody expected. */
+qor_time_que_node_t *sched_delegate_response_node(const qor_context_t *publisher);
 
 /* Frees all delegates of a bus when no thread and no context is left to name them. */
 void sched_delegates_free(qor_bus_t *bus);

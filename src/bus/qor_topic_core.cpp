@@ -63,39 +63,26 @@ int32_t qor_topic_core_topic_check(qor_topic_core_t *_this, qor_context_topic_t 
 {
     QOR_CHECK(_this, -1);
     if (topic_id < 0 || topic_id >= _this->id_max) {
-        QOR_ERR("topic invalid.\n"); /* Deliberate: own newline, an empty line follows. */
+        QOR_ERR_SPACED("topic invalid.");
         return -1;
     }
     return 0;
 }
 
-/* The part of a topic that the three kinds of registration differ in. */
-struct topic_list {
-    list_head *head;
-    hal_thread_mutex_t *mutex;
+/* What the three kinds of registration differ in. */
+struct topic_kind {
+    list_head qor_topic_t::*head;
+    hal_thread_mutex_t qor_topic_t::*mutex;
 };
 
-topic_list subscribers_of(qor_topic_t *topic)
-{
-    return {&topic->subscriber_head, &topic->subscriber_mutex};
-}
-
-topic_list listeners_of(qor_topic_t *topic)
-{
-    return {&topic->listener_head, &topic->listener_mutex};
-}
-
-topic_list filters_of(qor_topic_t *topic)
-{
-    return {&topic->filter_head, &topic->filter_mutex};
-}
-
-using topic_list_of = topic_list (*)(qor_topic_t *topic);
+constexpr topic_kind subscribers = {&qor_topic_t::subscriber_head, &qor_topic_t::subscriber_mutex};
+constexpr topic_kind listeners = {&qor_topic_t::listener_head, &qor_topic_t::listener_mutex};
+constexpr topic_kind filters = {&qor_topic_t::filter_head, &qor_topic_t::filter_mutex};
 
 /* The name that is printed is the calling operation's. */
 qor_topic_node_t *topic_core_add(qor_topic_core_t *core, qor_context_t *context,
                                  qor_context_topic_t topic_id, qor_context_topic_attr_t *attr,
-                                 topic_list_of list_of, const char *func)
+                                 const topic_kind &kind, const char *func)
 {
     if (qor_topic_core_topic_check(core, topic_id) < 0) {
         return nullptr;
@@ -107,23 +94,23 @@ qor_topic_node_t *topic_core_add(qor_topic_core_t *core, qor_context_t *context,
         return nullptr;
     }
     whole_node(node)->home = &core->priv[topic_id];
-    const topic_list list = list_of(topic);
-    hal_scoped_lock lock(*list.mutex);
-    list_add(&node->topic_node, list.head);
+    hal_scoped_lock lock(topic->*kind.mutex);
+    list_add(&node->topic_node, &(topic->*kind.head));
     return node;
 }
 
 void topic_core_remove(qor_topic_core_t *core, qor_context_t *context, qor_context_topic_t topic_id,
-                       topic_list_of list_of)
+                       const topic_kind &kind)
 {
     if (qor_topic_core_topic_check(core, topic_id) < 0) {
         return;
     }
-    const topic_list list = list_of(&core->ids[topic_id]);
+    qor_topic_t *topic = &core->ids[topic_id];
+    const list_head *head = &(topic->*kind.head);
     qor_topic_node_t *node = nullptr;
     {
-        hal_scoped_lock lock(*list.mutex);
-        for (list_head *link = list.head->next; link != list.head && !node; link = link->next) {
+        hal_scoped_lock lock(topic->*kind.mutex);
+        for (list_head *link = head->next; link != head && !node; link = link->next) {
             node = node_of(link)->context == context ? node_of(link) : nullptr;
         }
         if (!node) {
@@ -134,23 +121,22 @@ void topic_core_remove(qor_topic_core_t *core, qor_context_t *context, qor_conte
     topic_node_retire(node);
 }
 
-void topic_core_remove_node(qor_topic_node_t *node, topic_list_of list_of)
+void topic_core_remove_node(qor_topic_node_t *node, const topic_kind &kind)
 {
-    const topic_list list = list_of(node->topic);
     {
-        hal_scoped_lock lock(*list.mutex);
+        hal_scoped_lock lock(node->topic->*kind.mutex);
         topic_node_unlink(node);
     }
     topic_node_retire(node);
 }
 
 int32_t topic_core_someone(qor_topic_core_t *core, qor_context_topic_t topic_id,
-                           topic_list_of list_of, int32_t bad_topic)
+                           const topic_kind &kind, int32_t bad_topic)
 {
     if (qor_topic_core_topic_check(core, topic_id) < 0) {
         return bad_topic;
     }
-    const list_head *head = list_of(&core->ids[topic_id]).head;
+    const list_head *head = &(core->ids[topic_id].*kind.head);
     return hal_load(head->next) != head;
 }
 
@@ -187,33 +173,81 @@ qor_topic_node_t *qor_topic_core_node_next(list_head *head, hal_thread_mutex_t *
 }
 
 qor_topic_node_t *topic_core_walk(qor_topic_core_t *core, qor_context_topic_t topic_id,
-                                  qor_topic_node_t *node, topic_list_of list_of)
+                                  qor_topic_node_t *node, const topic_kind &kind)
 {
     if (qor_topic_core_topic_check(core, topic_id) < 0) {
         return nullptr;
     }
-    const topic_list list = list_of(&core->ids[topic_id]);
-    return qor_topic_core_node_next(list.head, list.mutex, node);
+    qor_topic_t *topic = &core->ids[topic_id];
+    return qor_topic_core_node_next(&(topic->*kind.head), &(topic->*kind.mutex), node);
 }
 
-void topic_init(qor_topic_t &topic, qor_topic_core_private &priv, int32_t number)
+void topic_locks_destroy(qor_topic_t &topic)
 {
+    pthread_mutex_destroy(&topic.filter_mutex);
+    pthread_mutex_destroy(&topic.listener_mutex);
+    pthread_mutex_destroy(&topic.subscriber_mutex);
+}
+
+int32_t topic_init(qor_topic_t &topic, qor_topic_core_private &priv, int32_t number)
+{
+    if (hal_mutexes_init({&topic.subscriber_mutex, &topic.listener_mutex, &topic.filter_mutex}) <
+        0) {
+        return -1;
+    }
+    if (topic_epoch_init(priv) < 0) {
+        topic_locks_destroy(topic);
+        return -1;
+    }
     topic.topic = number;
     INIT_LIST_HEAD(&topic.subscriber_head);
     INIT_LIST_HEAD(&topic.listener_head);
     INIT_LIST_HEAD(&topic.filter_head);
-    pthread_mutex_init(&topic.subscriber_mutex, nullptr);
-    pthread_mutex_init(&topic.listener_mutex, nullptr);
-    pthread_mutex_init(&topic.filter_mutex, nullptr);
-    topic_epoch_init(priv);
+    return 0;
 }
 
 void topic_uninit(qor_topic_t &topic, qor_topic_core_private &priv)
 {
-    pthread_mutex_destroy(&topic.subscriber_mutex);
-    pthread_mutex_destroy(&topic.listener_mutex);
-    pthread_mutex_destroy(&topic.filter_mutex);
     topic_epoch_uninit(priv);
+    topic_locks_destroy(topic);
+}
+
+void topics_destroy(qor_topic_core_t *core)
+{
+    for (int32_t i = 0; i < core->id_max; i++) {
+        topic_uninit(core->ids[i], core->priv[i]);
+    }
+    free(core->ids);
+}
+
+/* Makes a table's topics: all, or -1 and none. */
+int32_t topics_create(qor_topic_core_t *core, int32_t id_max)
+{
+    /* One block for the public and the private half of all topics; without any it has room for one,
+     * as a C library may give NULL for no bytes. */
+    const size_t count = static_cast<size_t>(id_max);
+    void *topics = calloc(count ? count : 1, sizeof(qor_topic_t) + sizeof(qor_topic_core_private));
+    if (!topics) {
+        return -1;
+    }
+    core->ids = static_cast<qor_topic_t *>(topics);
+    core->priv = reinterpret_cast<qor_topic_core_private *>(core->ids + count);
+    for (core->id_max = 0; core->id_max < id_max; core->id_max++) {
+        const int32_t next = core->id_max;
+        if (topic_init(core->ids[next], core->priv[next], next) < 0) {
+            topics_destroy(core);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+/* A handler has ended the thread of a walk. */
+template <uint32_t epoch> void topic_left(void *topic)
+{
+    if (topic) {
+        topic_epoch_leave(*static_cast<qor_topic_core_private *>(topic), epoch);
+    }
 }
 
 } // namespace
@@ -233,6 +267,12 @@ topic_dispatch::~topic_dispatch()
     }
 }
 
+topic_walk::topic_walk(qor_topic_core_t *core, qor_context_topic_t topic)
+    : under_way_(core, topic),
+      inside_(under_way_.epoch_ ? topic_left<1> : topic_left<0>, under_way_.topic_)
+{
+}
+
 bool topic_node_removed(const qor_topic_node_t *node)
 {
     return hal_load(reinterpret_cast<const topic_node *>(node)->removed) != 0;
@@ -242,25 +282,13 @@ qor_topic_core_t *qor_topic_core_create(int32_t id_max)
 {
     qor_topic_core_t *core = util_zalloc<qor_topic_core_t>();
     if (!core) {
-        QOR_ERR("malloc \"qor_topic_core_t\" failed.\n"); /* Deliberate: own newline, an empty line
-                                                             follows. */
+        QOR_ERR_SPACED("malloc \"qor_topic_core_t\" failed.");
         return nullptr;
     }
-    /* One block for the public and the private half of all topics; without any it has room for one,
-     * as a C library may give NULL for no bytes. */
-    const size_t count = static_cast<size_t>(id_max);
-    void *topics = calloc(count ? count : 1, sizeof(qor_topic_t) + sizeof(qor_topic_core_private));
-    if (!topics) {
-        QOR_ERR("malloc a lots of \"qor_topic_t\" failed.\n"); /* Deliberate: own newline, an empty
-                                                                  line follows. */
+    if (topics_create(core, id_max) < 0) {
+        QOR_ERR_SPACED("malloc a lots of \"qor_topic_t\" failed.");
         free(core);
         return nullptr;
-    }
-    core->id_max = id_max;
-    core->ids = static_cast<qor_topic_t *>(topics);
-    core->priv = reinterpret_cast<qor_topic_core_private *>(core->ids + count);
-    for (int32_t i = 0; i < id_max; i++) {
-        topic_init(core->ids[i], core->priv[i], i);
     }
     return core;
 }
@@ -269,10 +297,7 @@ void qor_topic_core_destroy(qor_topic_core_t *core)
 {
     /* Deliberate: nodes that are still in a list are not freed, their owners hold pointers to them.
      * Test: TopicCore.DestroyLeavesRegistrationsAllocated. */
-    for (int32_t i = 0; i < core->id_max; i++) {
-        topic_uninit(core->ids[i], core->priv[i]);
-    }
-    free(core->ids);
+    topics_destroy(core);
     free(core);
 }
 
@@ -280,70 +305,70 @@ qor_topic_node_t *qor_topic_core_subscribe(qor_topic_core_t *core, qor_context_t
                                            qor_context_topic_t topic_id,
                                            qor_context_topic_attr_t *attr)
 {
-    return topic_core_add(core, context, topic_id, attr, subscribers_of, __func__);
+    return topic_core_add(core, context, topic_id, attr, subscribers, __func__);
 }
 
 qor_topic_node_t *qor_topic_core_listen(qor_topic_core_t *core, qor_context_t *context,
                                         qor_context_topic_t topic_id,
                                         qor_context_topic_attr_t *attr)
 {
-    return topic_core_add(core, context, topic_id, attr, listeners_of, __func__);
+    return topic_core_add(core, context, topic_id, attr, listeners, __func__);
 }
 
 qor_topic_node_t *qor_topic_core_filter(qor_topic_core_t *core, qor_context_t *context,
                                         qor_context_topic_t topic_id,
                                         qor_context_topic_attr_t *attr)
 {
-    return topic_core_add(core, context, topic_id, attr, filters_of, __func__);
+    return topic_core_add(core, context, topic_id, attr, filters, __func__);
 }
 
 void qor_topic_core_unsubscribe(qor_topic_core_t *core, qor_context_t *context,
                                 qor_context_topic_t topic_id)
 {
-    topic_core_remove(core, context, topic_id, subscribers_of);
+    topic_core_remove(core, context, topic_id, subscribers);
 }
 
 void qor_topic_core_unlisten(qor_topic_core_t *core, qor_context_t *context,
                              qor_context_topic_t topic_id)
 {
-    topic_core_remove(core, context, topic_id, listeners_of);
+    topic_core_remove(core, context, topic_id, listeners);
 }
 
 void qor_topic_core_unfilter(qor_topic_core_t *core, qor_context_t *context,
                              qor_context_topic_t topic_id)
 {
-    topic_core_remove(core, context, topic_id, filters_of);
+    topic_core_remove(core, context, topic_id, filters);
 }
 
 void qor_topic_core_unsubscribe_by_node(qor_topic_core_t *, qor_topic_node_t *node)
 {
     QOR_CHECK_VOID(node);
     QOR_CHECK_VOID(node->topic);
-    topic_core_remove_node(node, subscribers_of);
+    topic_core_remove_node(node, subscribers);
 }
 
 void qor_topic_core_unlisten_by_node(qor_topic_core_t *, qor_topic_node_t *node)
 {
     QOR_CHECK_VOID(node);
     QOR_CHECK_VOID(node->topic);
-    topic_core_remove_node(node, listeners_of);
+    topic_core_remove_node(node, listeners);
 }
 
 void qor_topic_core_unfilter_by_node(qor_topic_core_t *, qor_topic_node_t *node)
 {
     QOR_CHECK_VOID(node);
     QOR_CHECK_VOID(node->topic);
-    topic_core_remove_node(node, filters_of);
+    topic_core_remove_node(node, filters);
 }
 
 int32_t qor_topic_core_someone_subscribed(qor_topic_core_t *core, qor_context_topic_t topic_id)
 {
-    return topic_core_someone(core, topic_id, subscribers_of, 0);
+    return topic_core_someone(core, topic_id, subscribers, 0);
 }
 
 int32_t qor_topic_core_someone_listened(qor_topic_core_t *core, qor_context_topic_t topic_id)
 {
-    return topic_core_someone(core, topic_id, listeners_of, 0);
+    return topic_core_someone(core, topic_id, listeners, 0);
 }
 
 int32_t qor_topic_core_someone_filtered(qor_topic_core_t *core, qor_context_topic_t topic_id)
@@ -351,28 +376,28 @@ int32_t qor_topic_core_someone_filtered(qor_topic_core_t *core, qor_context_topi
     /* Deliberate: -1 for a bad topic, where the siblings say 0. A caller that tests for non-zero
      * walks on and gets the bad topic reported by the walk too.
      * Test: TopicCore.SomeoneFilteredAnswersMinusOneForABadTopic. */
-    return topic_core_someone(core, topic_id, filters_of, -1);
+    return topic_core_someone(core, topic_id, filters, -1);
 }
 
 qor_topic_node_t *qor_topic_core_subscriber_node_next(qor_topic_core_t *core,
                                                       qor_context_topic_t topic_id,
                                                       qor_topic_node_t *node)
 {
-    return topic_core_walk(core, topic_id, node, subscribers_of);
+    return topic_core_walk(core, topic_id, node, subscribers);
 }
 
 qor_topic_node_t *qor_topic_core_listener_node_next(qor_topic_core_t *core,
                                                     qor_context_topic_t topic_id,
                                                     qor_topic_node_t *node)
 {
-    return topic_core_walk(core, topic_id, node, listeners_of);
+    return topic_core_walk(core, topic_id, node, listeners);
 }
 
 qor_topic_node_t *qor_topic_core_filter_node_next(qor_topic_core_t *core,
                                                   qor_context_topic_t topic_id,
                                                   qor_topic_node_t *node)
 {
-    return topic_core_walk(core, topic_id, node, filters_of);
+    return topic_core_walk(core, topic_id, node, filters);
 }
 
 qor_topic_node_t *qor_topic_node_create(qor_topic_t *topic, qor_context_t *context,
@@ -380,8 +405,7 @@ qor_topic_node_t *qor_topic_node_create(qor_topic_t *topic, qor_context_t *conte
 {
     topic_node *whole = util_zalloc<topic_node>();
     if (!whole) {
-        QOR_ERR("malloc \"qor_topic_node_t\" failed.\n"); /* Deliberate: own newline, an empty line
-                                                             follows. */
+        QOR_ERR_SPACED("malloc \"qor_topic_node_t\" failed.");
         return nullptr;
     }
     qor_topic_node_t *node = &whole->node;

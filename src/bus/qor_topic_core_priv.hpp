@@ -4,11 +4,12 @@
 #define QOR_TOPIC_CORE_PRIV_HPP
 
 #include "qor_topic_core.h"
+#include "thread_record.hpp"
 
 /* A dispatch on a topic, from construction to destruction. A registration that is removed meanwhile
  * leaves its list at once, but its memory stays until every dispatch that may stand on it has
- * ended. Costs one atomic operation at each end and takes no lock. A bad topic number is let pass.
- */
+ * ended. Costs one atomic operation at each end and takes no lock. Does nothing for a bad topic
+ * number. */
 class topic_dispatch {
 public:
     topic_dispatch(qor_topic_core_t *core, qor_context_topic_t topic);
@@ -17,8 +18,19 @@ public:
     topic_dispatch &operator=(const topic_dispatch &) = delete;
 
 private:
+    friend class topic_walk;
     struct qor_topic_core_private *topic_; /* NULL: bad topic number */
     uint32_t epoch_;
+};
+
+/* A dispatch that calls handlers, one of which may end its thread. */
+class topic_walk {
+public:
+    topic_walk(qor_topic_core_t *core, qor_context_topic_t topic);
+
+private:
+    topic_dispatch under_way_;
+    thread_scope inside_;
 };
 
 /* Tells whether a registration has been removed; the caller's dispatch keeps it readable. */

@@ -51,9 +51,9 @@ void topic_epoch_reclaim(qor_topic_core_private &topic)
 
 } // namespace
 
-void topic_epoch_init(qor_topic_core_private &topic)
+int32_t topic_epoch_init(qor_topic_core_private &topic)
 {
-    pthread_mutex_init(&topic.mutex, nullptr);
+    return pthread_mutex_init(&topic.mutex, nullptr) == 0 ? 0 : -1;
 }
 
 void topic_epoch_uninit(qor_topic_core_private &topic)

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* When the memory of a removed registration may go back: the two epochs of a topic. */
+/* When the memory of a removed registration may be freed: the two epochs of a topic. */
 #ifndef QOR_TOPIC_EPOCH_HPP
 #define QOR_TOPIC_EPOCH_HPP
 
@@ -25,7 +25,8 @@ struct qor_topic_core_private {
     topic_retired *closing;   /* retired before: the older epoch's dispatches may stand on them */
 };
 
-void topic_epoch_init(qor_topic_core_private &topic);
+/* 0, or -1 when its mutex cannot be had. The rest of the record is zero. */
+int32_t topic_epoch_init(qor_topic_core_private &topic);
 
 /* Frees what still waits; nobody dispatches any more. */
 void topic_epoch_uninit(qor_topic_core_private &topic);

@@ -6,15 +6,14 @@
 
 #include <stdatomic.h>
 
-/** Counts one check, and writes what it says on standard error when it does not hold. Main thread
- * only. */
+/** Counts one check, and writes it to standard error when it does not hold. Main thread only. */
 void check(const char *what, int holds);
 
-/** Waits until a counter has reached a value, some seconds at the most. Returns 1, or 0 for late.
- */
+/** Waits until a counter has reached a value, some seconds at the most. Returns 1, or 0 if late. */
 int reached(atomic_int *counter, int value);
 
 void check_platform(void);
+void check_strict(void);
 void check_tree(void);
 void check_maps(void);
 void check_que(void);

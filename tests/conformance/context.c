@@ -201,8 +201,8 @@ static int serves(qor_context_core_t *registry)
     return served && !qor_context_core_create_context(registry, &module);
 }
 
-/* A class has one link, so each registry gives the class of system contexts back before the next
- * is made; the one that the rest of the program uses comes last. */
+/* A class has one link, so the class of system contexts is taken out of each registry before the
+ * next is made; the one that the rest of the program uses comes last. */
 void check_registry(void)
 {
     static qor_context_core_t record;

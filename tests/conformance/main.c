@@ -34,6 +34,7 @@ int reached(atomic_int *counter, int value)
 int main(void)
 {
     check_platform();
+    check_strict();
     check_tree();
     check_maps();
     check_que();

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Output, names, clock and list. */
+/* Version, output, names, clock and list. */
 #include "check.h"
 #include "qor_hal.h"
 
@@ -31,6 +31,7 @@ void check_platform(void)
     char text[16] = "";
     struct timespec moment;
 
+    check("qor_version tells the project's version", strcmp(qor_version(), PROJECT_VERSION) == 0);
     hal_printf("%s\n", "conformance");
     check("hal_snprintf gives the whole length", hal_snprintf(text, 4, "%d", 12345) == 5);
     check("hal_snprintf cuts and terminates", strcmp(text, "123") == 0);
@@ -41,7 +42,10 @@ void check_platform(void)
     check("the kernel has the name",
           prctl(PR_GET_NAME, text) == 0 && strcmp(text, "conformance") == 0);
 
-    check("the clock runs", util_timestamp() > 0);
+    const int64_t before = util_timestamp();
+    check("the clock runs", before > 0);
+    check("hal_timestamp reads the same", hal_timestamp() >= before);
+    check("and at the same time", hal_timestamp() <= util_timestamp());
     util_timespec(1234567, &moment);
     check("milliseconds become seconds", moment.tv_sec == 1234);
     check("and nanoseconds", moment.tv_nsec == 567000000);

@@ -7,6 +7,6 @@ export PKG_CONFIG_PATH="$3/lib/pkgconfig"
 program=$(mktemp)
 trap 'rm -f "$program"' EXIT
 # What pkg-config prints is quoted for a shell to read again.
-eval "\"\$1\" -std=c11 -D_POSIX_C_SOURCE=200809L -Wall -Wextra -Wpedantic -Werror \
+eval "\"\$1\" -std=c11 -Wall -Wextra -Wpedantic -Werror \
   \"\$2\" -o \"\$program\" $(pkg-config --cflags --libs libqor_bus)"
 LD_LIBRARY_PATH="$3/lib" "$program"

@@ -12,7 +12,9 @@
 #include "case_name.hpp"
 #include "fault.h"
 #include "output.hpp"
-#include "test_bus.hpp"
+#include "running_bus.hpp"
+#include "still_bus.hpp"
+#include "taking_tasks.hpp"
 
 namespace {
 
@@ -98,7 +100,7 @@ TEST(BusFaults, CloseGivesBackWhatARunTook)
     std::atomic<int> runs{0};
     fault_arm(FAULT_ALLOC, -1);
     {
-        LoopingBus looping;
+        RunningBus looping(RunningBus::by_start);
         looping.start();
         qor_bus_run(looping.get(), count_run, &runs, nullptr);
         EXPECT_EQ(qor_bus_drain(looping.get(), 60000), 0);
@@ -128,7 +130,7 @@ TEST(BusFaults, AMissingTimerQueueIsNotNoticedAtCreation)
     Output out;
     std::atomic<int> runs{0};
     fault_arm(FAULT_ALLOC, 7);
-    LoopingBus looping(/* workers */ 1);
+    RunningBus looping(RunningBus::by_start, /* workers */ 1);
     qor_bus_t *bus = looping.get();
     ASSERT_EQ(fault_fired(FAULT_ALLOC), 1);
     ASSERT_NE(bus, nullptr);
@@ -148,34 +150,33 @@ TEST(BusFaults, AMissingTimerQueueIsNotNoticedAtCreation)
     out.clear();
 
     /* Tasks run all the same, and the loop waits for the workers until somebody quits. */
-    qor_bus_cancel(bus, 0);
+    drop_start_up(bus);
     looping.start();
     qor_bus_run(bus, count_run, &runs, nullptr);
     EXPECT_TRUE(await([&] { return runs == 1; }));
     EXPECT_TRUE(out.await("qor_time_que_deque_block_locked"));
-    looping.stop();
-    EXPECT_EQ(looping.result, 0);
+    looping.quit();
+    EXPECT_EQ(looping.returned(), 0);
 }
 
-TEST(BusFaults, AStartUpThatCannotBeQueuedLeavesAnEmptyBus)
+TEST(BusFaults, AStartUpTaskWithoutMemoryLeavesNothing)
 {
     Output out;
     fault_arm(FAULT_ALLOC, 8);
-    qor_bus_t *bus = qor_bus_create(no_modules, 5);
 
-    ASSERT_NE(bus, nullptr);
+    EXPECT_EQ(qor_bus_create(no_modules, 5), nullptr);
+
     EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
-    EXPECT_EQ(qor_que_count(bus->que), 0);
-    EXPECT_EQ(qor_bus_session(bus), 1);
+    EXPECT_EQ(fault_live(), 0);
     EXPECT_EQ(out.printed(),
-              err_line("qor_que", "qor_que_node_create", "malloc \"qor_que_node_t\" failed."));
-    qor_bus_close(bus);
+              err_line("qor_que", "qor_que_node_create", "malloc \"qor_que_node_t\" failed.") +
+                  err_line("qor_bus", "qor_bus_init", "start-up task not queued."));
 }
 
 TEST(BusFaults, PostWithoutMemoryLeavesTheArgumentAlone)
 {
     Output out;
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     std::atomic<int> runs{0};
     static int releases;
     releases = 0;
@@ -184,7 +185,7 @@ TEST(BusFaults, PostWithoutMemoryLeavesTheArgumentAlone)
     EXPECT_EQ(qor_bus_run(bus.get(), count_run, &runs, [](void *) { releases++; }), -1);
 
     EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
-    EXPECT_EQ(bus.run(), 0);
+    EXPECT_EQ(bus.run_all(), 0);
     EXPECT_EQ(releases, 0);
     EXPECT_EQ(out.printed(),
               err_line("qor_que", "qor_que_node_create", "malloc \"qor_que_node_t\" failed."));
@@ -193,7 +194,7 @@ TEST(BusFaults, PostWithoutMemoryLeavesTheArgumentAlone)
 TEST(BusFaults, TimerPostWithoutMemoryIsReported)
 {
     Output out;
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     qor_context_task_t task = {};
     task.delay = 5;
     fault_arm(FAULT_ALLOC, 0);
@@ -207,7 +208,7 @@ TEST(BusFaults, TimerPostWithoutMemoryIsReported)
 
 TEST(BusFaults, RefusedPostsFreeTheirNodes)
 {
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     qor_context_task_t task = {};
     qor_bus_quit(bus.get());
     fault_arm(FAULT_ALLOC, -1);
@@ -218,35 +219,50 @@ TEST(BusFaults, RefusedPostsFreeTheirNodes)
     EXPECT_EQ(fault_live(), 0);
 }
 
-TEST(BusFaults, ATimerThatCannotBePostedIsRecycledOnce)
+TEST(BusFaults, ATimerWithoutMemoryForItsTaskIsRefused)
 {
     Output out;
-    LoopingBus looping(/* workers */ 1);
+    StillBus bus(StillBus::bare);
+    qor_context_task_t task = {};
+    task.delay = 5;
+    fault_arm(FAULT_ALLOC, 1); /* the timer's node, then the task's */
+
+    EXPECT_EQ(qor_bus_timer_post(bus.get(), &task), -1);
+
+    EXPECT_EQ(fault_live(), 0);
+    EXPECT_EQ(bus.get()->time_que->count, 0);
+    EXPECT_EQ(out.printed(),
+              err_line("qor_que", "qor_que_node_create", "malloc \"qor_que_node_t\" failed."));
+}
+
+TEST(BusFaults, AnAcceptedTimerNeedsNoMemory)
+{
+    RunningBus looping(RunningBus::by_start, /* workers */ 1);
     qor_bus_t *bus = looping.get();
     static std::atomic<int> releases;
     releases = 0;
     std::atomic<int> runs{0};
-    qor_bus_cancel(bus, 0);
+    drop_start_up(bus);
     qor_context_task_t timer = {};
     qor_context_task_init(&timer, nullptr, "timer", 1, count_run, &runs);
-    timer.delay = 1;
+    timer.delay = 20;
     timer.recycle = [](void *) { releases++; };
     looping.start();
     ASSERT_EQ(qor_bus_drain(bus, 60000), 0);
-    fault_arm(FAULT_ALLOC, 1); /* the timer's node, then the task's */
     ASSERT_EQ(qor_bus_timer_post(bus, &timer), 0);
+    fault_arm(FAULT_ALLOC, 0); /* whatever comes next */
 
-    EXPECT_TRUE(await([] { return releases == 1; }));
-    looping.stop();
-
-    EXPECT_EQ(releases, 1);
-    EXPECT_EQ(runs, 0);
+    EXPECT_TRUE(await([] { return releases == 2; }));
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 0);
+    looping.quit();
+    fault_arm(FAULT_ALLOC, -1);
 }
 
 TEST(BusFaults, LoopWithoutMemoryIsReported)
 {
     Output out;
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     fault_arm(FAULT_ALLOC, 0);
 
     EXPECT_EQ(qor_bus_loop(bus.get()), -1);
@@ -258,7 +274,7 @@ TEST(BusFaults, LoopWithoutMemoryIsReported)
 TEST(BusFaults, ARefusedPriorityKeepsTheLoopFromStarting)
 {
     Output out;
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     qor_bus_priority_set(bus.get(), 10);
     fault_arm(FAULT_ALLOC, -1);
     fault_arm(FAULT_THREAD, -1);
@@ -274,7 +290,7 @@ TEST(BusFaults, ARefusedPriorityKeepsTheLoopFromStarting)
 
 TEST(BusFaults, ThePriorityGoesIntoTheAttribute)
 {
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     qor_bus_priority_set(bus.get(), 17);
     qor_bus_quit(bus.get());
 
@@ -286,8 +302,8 @@ TEST(BusFaults, ThePriorityGoesIntoTheAttribute)
 TEST(BusFaults, EachWorkerAsksForThePriorityItself)
 {
     std::atomic<int> runs{0};
-    LoopingBus looping(/* workers */ 1);
-    qor_bus_cancel(looping.get(), 0);
+    RunningBus looping(RunningBus::by_start, /* workers */ 1);
+    drop_start_up(looping.get());
     qor_bus_priority_set(looping.get(), 23);
 
     looping.start();
@@ -300,9 +316,9 @@ TEST(BusFaults, EachWorkerAsksForThePriorityItself)
 TEST(BusFaults, WithoutPriorityNoWorkerAsksForOne)
 {
     std::atomic<int> runs{0};
-    LoopingBus looping(/* workers */ 1);
+    RunningBus looping(RunningBus::by_start, /* workers */ 1);
     const int before = fault_own_priority();
-    qor_bus_cancel(looping.get(), 0);
+    drop_start_up(looping.get());
 
     looping.start();
     qor_bus_run(looping.get(), count_run, &runs, nullptr);
@@ -314,7 +330,7 @@ TEST(BusFaults, WithoutPriorityNoWorkerAsksForOne)
 TEST(BusFaults, ALoopWithoutWorkersNeedsNoMemoryForThem)
 {
     Output out;
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     qor_bus_thread_num_set(bus.get(), 0);
     qor_bus_quit(bus.get());
 
@@ -325,7 +341,7 @@ TEST(BusFaults, ALoopWithoutWorkersNeedsNoMemoryForThem)
 
 TEST(BusFaults, ANegativePriorityLeavesTheAttributeAlone)
 {
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     qor_bus_priority_set(bus.get(), -20);
     qor_bus_quit(bus.get());
     fault_arm(FAULT_SCHED, -1);
@@ -338,31 +354,31 @@ TEST(BusFaults, ANegativePriorityLeavesTheAttributeAlone)
 TEST(BusFaults, TheLoopRunsWithTheWorkersThatStarted)
 {
     Output out;
-    LoopingBus looping(/* workers */ 3);
+    RunningBus looping(RunningBus::by_start, /* workers */ 3);
     std::atomic<int> runs{0};
-    qor_bus_cancel(looping.get(), 0);
+    drop_start_up(looping.get());
     fault_arm(FAULT_THREAD, 0);
 
     looping.start();
     qor_bus_run(looping.get(), count_run, &runs, nullptr);
     EXPECT_TRUE(await([&] { return runs == 1; }));
     EXPECT_TRUE(await([&] { return fault_calls(FAULT_THREAD) == 3; }));
-    looping.stop();
+    looping.quit();
 
     EXPECT_EQ(fault_fired(FAULT_THREAD), 1);
-    EXPECT_EQ(looping.result, 0);
+    EXPECT_EQ(looping.returned(), 0);
     EXPECT_EQ(out.printed(), "");
 }
 
 TEST(BusFaults, PostsAndRunsTakeOneBlockEach)
 {
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     std::atomic<int> runs{0};
     fault_arm(FAULT_ALLOC, -1);
 
     qor_bus_run(bus.get(), count_run, &runs, nullptr);
     EXPECT_EQ(fault_calls(FAULT_ALLOC), 1);
-    bus.run();
+    bus.run_all();
 
     EXPECT_EQ(fault_live(), 0);
     EXPECT_EQ(fault_calls(FAULT_ALLOC), 1);

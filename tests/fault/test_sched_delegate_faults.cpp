@@ -13,7 +13,8 @@
 #include "leak.hpp"
 #include "output.hpp"
 #include "qor_topic_core.h"
-#include "test_bus.hpp"
+#include "running_bus.hpp"
+#include "still_bus.hpp"
 
 namespace {
 
@@ -45,7 +46,7 @@ protected:
     }
 
     Output out;
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     Journal journal;
     Actor p{journal, "p"}, a{journal, "a"}, b{journal, "b"}, s{journal, "s"};
     char question[10] = "";
@@ -98,7 +99,7 @@ TEST_F(SchedDelegateFaults, PublishWithoutMemoryForTheCloneIsReported)
     EXPECT_EQ(qor_context_handler_publish(p.get(), msg.get()), -1);
 
     EXPECT_EQ(journal.text(), "b:FILTER_BEFORE");
-    EXPECT_EQ(bus.run(), 0);
+    EXPECT_EQ(bus.run_all(), 0);
     EXPECT_EQ(out.printed(),
               clone_line + line("publish", "clone message faied, source:p, topic:2, session=77, "
                                            "msg_len = 15"));
@@ -106,7 +107,7 @@ TEST_F(SchedDelegateFaults, PublishWithoutMemoryForTheCloneIsReported)
 
 TEST_F(SchedDelegateFaults, PublishThatCannotBePostedFreesItsClone)
 {
-    fault_arm(FAULT_ALLOC, 1);
+    fault_arm(FAULT_ALLOC, 3); /* the clone, two nodes for the response, the relay's */
 
     EXPECT_EQ(qor_context_handler_publish(p.get(), msg.get()), -1);
 
@@ -116,30 +117,55 @@ TEST_F(SchedDelegateFaults, PublishThatCannotBePostedFreesItsClone)
     EXPECT_EQ(out.count("create a timer failed, source:a, task:task:"), 1);
 }
 
-TEST_F(SchedDelegateFaults, ResponseThatCannotBePostedFreesItsClone)
+TEST_F(SchedDelegateFaults, PublishWithoutMemoryForTheResponseIsRefused)
+{
+    for (int node = 0; node < 2; node++) {
+        fault_arm(FAULT_ALLOC, 1 + node);
+
+        EXPECT_EQ(qor_context_handler_publish(p.get(), msg.get()), -1);
+
+        EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+        EXPECT_EQ(fault_live(), 0);
+    }
+    EXPECT_EQ(journal.text(), "");
+    EXPECT_EQ(out.count("malloc \"qor_time_que_node_t\" failed."), 1);
+    EXPECT_EQ(out.count("malloc \"qor_que_node_t\" failed."), 1);
+}
+
+TEST_F(SchedDelegateFaults, AResponseNeedsNoMemory)
 {
     fault_arm(FAULT_ALLOC, -1);
     ASSERT_EQ(qor_context_handler_publish(p.get(), msg.get()), 0);
-    EXPECT_EQ(fault_live(), 2);
     qor_context_task_t *relay = bus.take();
-    fault_arm(FAULT_ALLOC, 0);
+    fault_arm(FAULT_ALLOC, 0); /* whatever comes next */
     qor_context_task_excute(relay);
-    PumpedBus::finish(relay);
+    StillBus::finish(relay);
 
-    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
-    EXPECT_EQ(fault_live(), -2); /* the relay's node and the clone */
-    EXPECT_EQ(journal.text(), "a:REQUEST");
+    EXPECT_EQ(bus.run_all(), 1);
+
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 0);
+    EXPECT_EQ(journal.text(), "a:REQUEST p:RESPONSE");
 }
 
-TEST_F(SchedDelegateFaults, ARequestCostsOneCloneAndTwoNodes)
+TEST_F(SchedDelegateFaults, ARequestCostsOneCloneAndThreeNodes)
 {
     fault_arm(FAULT_ALLOC, -1);
 
     qor_context_handler_publish(p.get(), msg.get());
-    EXPECT_EQ(fault_calls(FAULT_ALLOC), 2);
-    bus.run();
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 4);
+    bus.run_all();
 
-    EXPECT_EQ(fault_calls(FAULT_ALLOC), 3);
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 4);
+    EXPECT_EQ(fault_live(), 0);
+}
+
+TEST_F(SchedDelegateFaults, ACancelledRequestKeepsNoMemory)
+{
+    fault_arm(FAULT_ALLOC, -1);
+    ASSERT_EQ(qor_context_handler_publish(p.get(), msg.get()), 0);
+
+    ASSERT_EQ(qor_bus_cancel(bus.get(), msg.get()->session), 0);
+
     EXPECT_EQ(fault_live(), 0);
 }
 
@@ -170,13 +196,13 @@ TEST_F(SchedDelegateFaults, AListenerTaskIsPostedWithoutItsMessage)
     ASSERT_NE(task, nullptr);
     EXPECT_EQ(task->arg, nullptr);
     qor_context_task_excute(task);
-    PumpedBus::finish(task);
+    StillBus::finish(task);
     EXPECT_EQ(journal.text(), "");
     EXPECT_EQ(b.entries, 0);
     EXPECT_EQ(out.printed(),
               err_line("qor_context_msg", "qor_context_msg_destroy", "!(msg) == true."));
 
-    bus.run(); /* the request goes its way */
+    bus.run_all(); /* the request goes its way */
     EXPECT_EQ(journal.text(), "a:REQUEST p:RESPONSE");
 }
 
@@ -189,7 +215,7 @@ TEST_F(SchedDelegateFaults, AListenerTaskThatCannotBePostedFreesItsClone)
 
     EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
     EXPECT_EQ(fault_live(), 2); /* clone and node of the task after it */
-    EXPECT_EQ(bus.run(), 1);
+    EXPECT_EQ(bus.run_all(), 1);
     EXPECT_EQ(fault_live(), 0);
     EXPECT_EQ(journal.text(), "a:REQUEST b:LISTEN_AFTER");
     EXPECT_EQ(out.printed(), node_line);
@@ -201,7 +227,7 @@ TEST_F(SchedDelegateFaults, SyscallWithoutMemoryForTheCloneIsReported)
 
     EXPECT_EQ(qor_context_handler_syscall(p.get(), msg.get()), -1);
 
-    EXPECT_EQ(bus.run(), 0);
+    EXPECT_EQ(bus.run_all(), 0);
     EXPECT_EQ(out.printed(), clone_line + line("syscall", "!(new_msg) == true."));
 }
 
@@ -221,7 +247,7 @@ TEST_F(SchedDelegateFaults, SyscallFreesItsCloneAfterTheCall)
 
     qor_context_handler_syscall(p.get(), msg.get());
     EXPECT_EQ(fault_live(), 2);
-    bus.run();
+    bus.run_all();
 
     EXPECT_EQ(journal.text(), "s:REQUEST");
     EXPECT_EQ(fault_live(), 0);
@@ -237,27 +263,23 @@ TEST_F(SchedDelegateFaults, CancelFreesTheCloneOfARequest)
     EXPECT_EQ(fault_live(), 0);
 }
 
-TEST_F(SchedDelegateFaults, ARelayThatIsDueAsATimerWithoutMemoryFreesItsClone)
+TEST_F(SchedDelegateFaults, ARelayThatIsATimerFreesItsCloneWhenTheBusQuits)
 {
-    LoopingBus looping(/* workers */ 1);
-    Actor from(journal, "from"), to(journal, "to");
-    from.attach(looping.get(), QOR_BUS_ROLE_USER);
-    to.attach(looping.get(), QOR_BUS_ROLE_USER);
+    Actor to(journal, "to");
+    to.attach(bus.get(), QOR_BUS_ROLE_USER);
     to.on_task = [&](qor_context_task_t *task) {
         qor_context_task_t later = *task;
-        later.delay = 1;
-        fault_arm(FAULT_ALLOC, 1); /* the timer's node, then that of the task */
-        return qor_bus_timer_post(looping.get(), &later);
+        later.delay = 100000;
+        return qor_bus_timer_post(bus.get(), &later);
     };
     qor_context_subscribe(to.get(), topic, nullptr);
-    looping.start();
-    ASSERT_EQ(qor_bus_drain(looping.get(), 60000), 0);
+    fault_arm(FAULT_ALLOC, -1);
+    ASSERT_EQ(qor_context_handler_publish(p.get(), msg.get()), 0);
 
-    ASSERT_EQ(qor_context_handler_publish(from.get(), msg.get()), 0);
+    qor_bus_quit(bus.get());
+    EXPECT_EQ(qor_bus_loop(bus.get()), 0);
 
-    EXPECT_TRUE(await([] { return fault_live() == -1; })); /* the node came and went */
-    looping.stop();
-    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+    EXPECT_EQ(fault_live(), 0);
     EXPECT_EQ(journal.text(), "");
 }
 
@@ -270,7 +292,7 @@ TEST_F(SchedDelegateFaults, DestroyOfTheBusFreesTheCloneOfAQueuedRelay)
         fault_arm(FAULT_ALLOC, -1);
         {
             PrescribedLeak delegates_and_registration;
-            doomed = qor_bus_create(bus.modules, topic + 1);
+            doomed = qor_bus_create(bus.table(), topic + 1);
             from.attach(doomed, QOR_BUS_ROLE_USER);
             to.attach(doomed, QOR_BUS_ROLE_USER);
             qor_context_subscribe(to.get(), topic, nullptr);

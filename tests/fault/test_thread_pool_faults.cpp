@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include "await.hpp"
 #include "fault.h"
+#include "hal_sync.hpp"
 #include "output.hpp"
 #include "qor_context_task.h"
 
@@ -31,11 +33,26 @@ qor_thread_pool_t *create(int32_t min, int32_t max, int32_t priority = -1)
 
 std::atomic<int> recycled;
 
-int32_t post(qor_thread_pool_t *pool)
+void *do_nothing(void *arg)
+{
+    return arg;
+}
+
+void *end_thread(void *)
+{
+    pthread_exit(nullptr);
+}
+
+int32_t thread_num(qor_thread_pool_t *pool)
+{
+    hal_scoped_lock lock(pool->que->mutex);
+    return pool->thread_num;
+}
+
+int32_t post(qor_thread_pool_t *pool, qor_context_run_t run = do_nothing)
 {
     qor_context_task_t task = {};
-    qor_context_task_init(
-        &task, nullptr, "task", 0, [](void *arg) { return arg; }, nullptr);
+    qor_context_task_init(&task, nullptr, "task", 0, run, nullptr);
     qor_context_task_set_recycle(&task, [](void *) { recycled++; });
     return qor_thread_pool_post(pool, &task);
 }
@@ -167,6 +184,49 @@ TEST(ThreadPoolFaults, ATemporaryThreadWhosePriorityIsRefusedIsReportedAndTakenB
     qor_thread_pool_destroy(pool);
 }
 
+TEST(ThreadPoolFaults, AStackSizeThatTheSystemRefusesBecomesTheSmallest)
+{
+    Output out;
+    recycled = 0;
+    fault_arm(FAULT_STACK, 0);
+
+    qor_thread_pool_t *pool = create(1, 1);
+
+    EXPECT_EQ(fault_fired(FAULT_STACK), 1);
+    EXPECT_EQ(fault_calls(FAULT_STACK), 2);
+    EXPECT_EQ(post(pool), 0);
+    EXPECT_TRUE(await([] { return recycled == 1; }));
+    EXPECT_EQ(out.printed(), "");
+    qor_thread_pool_destroy(pool);
+}
+
+TEST(ThreadPoolFaults, AThreadWhoseStackIsRefusedIsReportedAndStaysCounted)
+{
+    Output out;
+    recycled = 0;
+    const int locks = fault_locks();
+    fault_arm_from(FAULT_STACK, 0);
+
+    qor_thread_pool_t *pool = create(1, 2);
+
+    ASSERT_NE(pool, nullptr);
+    const std::string refused =
+        pool_line("qor_thread_pool_create_thread", "set thread stack size failed.");
+    EXPECT_EQ(out.printed(),
+              refused + pool_line("qor_thread_pool_init", "create thread failed. index = 0"));
+    EXPECT_EQ(pool->thread_num, 1);
+    out.clear();
+    for (int i = 0; i < 3; i++) { /* the third asks for a temporary one */
+        EXPECT_EQ(post(pool), 0);
+    }
+    EXPECT_EQ(out.printed(), refused + warning("create new thread failed."));
+    EXPECT_EQ(pool->thread_num, 1);
+    qor_thread_pool_destroy(pool);
+    EXPECT_EQ(recycled, 3);
+    EXPECT_EQ(fault_locks(), locks);
+    fault_arm(FAULT_STACK, -1);
+}
+
 TEST(ThreadPoolFaults, AThreadWithoutAttributeIsReportedAndStaysCounted)
 {
     Output out;
@@ -180,6 +240,57 @@ TEST(ThreadPoolFaults, AThreadWithoutAttributeIsReportedAndStaysCounted)
     EXPECT_EQ(out.printed(), pool_line("qor_thread_pool_init", "create thread failed. index = 0"));
     EXPECT_EQ(pool->thread_num, 1);
     qor_thread_pool_destroy(pool);
+}
+
+TEST(ThreadPoolFaults, AThreadThatATaskHasEndedCostsNoMemory)
+{
+    recycled = 0;
+    fault_arm(FAULT_ALLOC, -1);
+    const int locks = fault_locks();
+    qor_thread_pool_t *pool = create(1, 2);
+    for (int i = 0; i < 20; i++) {
+        EXPECT_EQ(post(pool, end_thread), 0);
+    }
+    EXPECT_TRUE(await([] { return recycled == 20; }));
+
+    qor_thread_pool_destroy(pool);
+
+    EXPECT_EQ(fault_live(), 0);
+    /* A thread that has started another in its place gives the attribute back as it ends. */
+    EXPECT_TRUE(await([&] { return fault_locks() == locks; }));
+}
+
+/* Without the thread that the system does not create, or whose attribute cannot be had. */
+TEST(ThreadPoolFaults, AThreadThatCannotBeReplacedIsTakenBack)
+{
+    for (fault_kind kind : {FAULT_THREAD, FAULT_ATTR, FAULT_STACK}) {
+        for (int32_t residents : {0, 1}) {
+            Output out;
+            recycled = 0;
+            const int locks = fault_locks();
+            qor_thread_pool_t *pool = create(residents, 1);
+            EXPECT_EQ(post(pool), 0);
+            EXPECT_TRUE(await([] { return recycled == 1; }));
+            fault_arm_from(kind, 0);
+
+            EXPECT_EQ(post(pool, end_thread), 0);
+
+            EXPECT_TRUE(await([&] { return thread_num(pool) == 0; }));
+            EXPECT_EQ(recycled, 2);
+            const std::string refused =
+                kind == FAULT_STACK
+                    ? pool_line("qor_thread_pool_create_thread", "set thread stack size failed.")
+                    : "";
+            EXPECT_EQ(out.printed(),
+                      refused + "[qor_thread_pool][wrn][qor_thread_pool_replace_thread]:create new "
+                                "thread failed.\n");
+            fault_arm(kind, -1);
+            EXPECT_EQ(post(pool), 0); /* adds a temporary one */
+            EXPECT_TRUE(await([] { return recycled == 3; }));
+            qor_thread_pool_destroy(pool); /* waits for no thread that is not there */
+            EXPECT_EQ(fault_locks(), locks);
+        }
+    }
 }
 
 TEST(ThreadPoolFaults, PostWithoutMemoryLeavesTheArgument)

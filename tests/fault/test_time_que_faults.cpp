@@ -12,6 +12,7 @@
 #include "fault.h"
 #include "output.hpp"
 #include "que_holder.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -27,8 +28,8 @@ void await_waits(qor_time_que_t *que, int waits)
     qor_time_que_unlock(que);
 }
 
-/* Nothing can be awaited where nothing is to happen: a test that passes by luck fails the next
- * time. */
+/* Where nothing is to happen there is nothing to await: a test that passes by luck once fails when
+ * it is run again. */
 void let_the_disturbed_show()
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -98,7 +99,7 @@ TEST(TimeQueFaults, ATakerSurvivesAWakeWithoutANode)
     count_waits();
     fault_arm(FAULT_WAIT, 0); /* the first wait is one */
     std::string name;
-    std::thread taker([&] { name = name_of(qor_time_que_deque_block(que, -1)); });
+    Thread taker([&] { name = free_and_name(qor_time_que_deque_block(que, -1)); });
     await_waits(que, 2);
 
     arm(que, 'a', 0);
@@ -112,15 +113,15 @@ TEST(TimeQueFaults, ALaterNodeDoesNotDisturbTheSleeper)
     TimeQue que;
     arm(que, 'a', far_off);
     count_waits();
-    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
+    Thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
     await_waits(que, 1);
 
     for (int i = 0; i < 10; i++) {
         arm(que, 'b', far_off + 1000);
-        name_of(qor_time_que_remove(que, 'b'));
+        free_and_name(qor_time_que_remove(que, 'b'));
     }
     let_the_disturbed_show();
-    name_of(qor_time_que_remove(que, 'a'));
+    free_and_name(qor_time_que_remove(que, 'a'));
     qor_time_que_quit(que);
 
     taker.join();
@@ -132,7 +133,7 @@ TEST(TimeQueFaults, ANodeAfterTheEndOfItsWaitDoesNotDisturbTheSleeper)
 {
     TimeQue que;
     count_waits();
-    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, far_off), nullptr); });
+    Thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, far_off), nullptr); });
     await_waits(que, 1);
 
     arm(que, 'a', 2 * far_off);
@@ -163,7 +164,7 @@ TEST(TimeQueFaults, AnEarlierNodeWakesTheSleeper)
     arm(que, 'b', far_off);
     count_waits();
     std::string name;
-    std::thread taker([&] { name = name_of(qor_time_que_deque_block(que, -1)); });
+    Thread taker([&] { name = free_and_name(qor_time_que_deque_block(que, -1)); });
     await_waits(que, 1);
 
     arm(que, 'a', 10);
@@ -180,9 +181,9 @@ TEST(TimeQueFaults, ANodeForAnEmptyQueueWakesEverySleeper)
     auto take = [&] {
         qor_time_que_node_t *node = qor_time_que_deque_block(que, -1);
         got += node != nullptr;
-        free(node);
+        qor_time_que_node_destroy(node, nullptr);
     };
-    std::thread first(take), second(take);
+    Thread first(take), second(take);
     await_waits(que, 2);
 
     arm(que, 'a', 20);
@@ -200,9 +201,9 @@ TEST(TimeQueFaults, ANodeBetweenTwoSleepersWakesTheLongerOne)
     auto take = [&](int32_t wait_time) {
         EXPECT_EQ(qor_time_que_deque_block(que, wait_time), nullptr);
     };
-    std::thread patient(take, -1);
+    Thread patient(take, -1);
     await_waits(que, 1);
-    std::thread hasty(take, far_off);
+    Thread hasty(take, far_off);
     await_waits(que, 2);
 
     arm(que, 'a', 2 * far_off); /* hasty looks before it is due, patient would not */
@@ -225,12 +226,12 @@ TEST(TimeQueFaults, ABatchOfTakesWakesAGiverForEach)
         EXPECT_EQ(qor_time_que_enque_block(que, new_time_node('b', far_off), -1), 0);
         given++;
     };
-    std::thread first(give), second(give);
+    Thread first(give), second(give);
     await_waits(que, 2);
 
     qor_time_que_lock(que);
-    EXPECT_EQ(name_of(qor_time_que_deque_locked(que)), "a");
-    EXPECT_EQ(name_of(qor_time_que_deque_locked(que)), "a");
+    EXPECT_EQ(free_and_name(qor_time_que_deque_locked(que)), "a");
+    EXPECT_EQ(free_and_name(qor_time_que_deque_locked(que)), "a");
     qor_time_que_unlock(que);
 
     EXPECT_TRUE(await([&] { return given == 2; }));
@@ -243,7 +244,7 @@ TEST(TimeQueFaults, WakeupLockedReachesTakersToo)
 {
     TimeQue que;
     count_waits();
-    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
+    Thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
     await_waits(que, 1);
 
     qor_time_que_lock(que);
@@ -262,8 +263,8 @@ TEST(TimeQueFaults, QuitReleasesTakersAndGiversTogether)
     arm(que, 'a', far_off);
     qor_time_que_node_t *node = new_time_node('b', 0);
     count_waits();
-    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
-    std::thread giver([&] { EXPECT_EQ(qor_time_que_enque_block(que, node, -1), -1); });
+    Thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
+    Thread giver([&] { EXPECT_EQ(qor_time_que_enque_block(que, node, -1), -1); });
     await_waits(que, 2);
 
     qor_time_que_quit(que);
@@ -280,9 +281,9 @@ TEST(TimeQueFaults, DestroyWaitsUntilTheLastThreadHasLeft)
     arm(que, 'a', far_off);
     qor_time_que_node_t *node = new_time_node('b', 0);
     count_waits();
-    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
-    std::thread giver([&] { EXPECT_EQ(qor_time_que_enque_block(que, node, far_off), -1); });
-    std::thread waiter([&] {
+    Thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
+    Thread giver([&] { EXPECT_EQ(qor_time_que_enque_block(que, node, far_off), -1); });
+    Thread waiter([&] {
         qor_time_que_lock(que);
         qor_time_que_wait_locked(que);
         qor_time_que_unlock(que);

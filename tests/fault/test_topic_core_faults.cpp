@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -15,7 +14,8 @@
 #include "case_name.hpp"
 #include "fault.h"
 #include "output.hpp"
-#include "test_bus.hpp"
+#include "still_bus.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -149,7 +149,7 @@ TEST(TopicCoreFaults, NodeOfAQuietTopicGoesBackAtOnce)
 
 TEST(TopicCoreFaults, NodeUnderADispatchGoesBackWhenThatEnds)
 {
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     Journal journal;
     Actor p(journal, "p"), a(journal, "a"), b(journal, "b");
     for (Actor *actor : {&p, &a, &b}) {
@@ -167,7 +167,7 @@ TEST(TopicCoreFaults, NodeUnderADispatchGoesBackWhenThatEnds)
 
     publish(p);
 
-    EXPECT_EQ(under_the_walk, 0); /* nothing has gone back yet */
+    EXPECT_EQ(under_the_walk, 0); /* nothing has been freed yet */
     EXPECT_EQ(fault_live(), -1);
     qor_context_unsubscribe(b.get(), 0);
     EXPECT_EQ(fault_live(), -2);
@@ -175,7 +175,7 @@ TEST(TopicCoreFaults, NodeUnderADispatchGoesBackWhenThatEnds)
 
 TEST(TopicCoreFaults, MemoryGoesBackWhereTheCountOfDispatchesWraps)
 {
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     Journal journal;
     Actor p(journal, "p"), a(journal, "a");
     p.attach(bus.get(), QOR_BUS_ROLE_USER);
@@ -201,7 +201,7 @@ TEST(TopicCoreFaults, MemoryGoesBackWhileDispatchesOverlapForEver)
 {
     constexpr int rounds = 400;
     Output out; /* no one subscribes */
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     Journal journal;
     Actor p(journal, "p"), filter(journal, "f"), guest(journal, "g");
     for (Actor *actor : {&p, &filter, &guest}) {
@@ -227,7 +227,7 @@ TEST(TopicCoreFaults, MemoryGoesBackWhileDispatchesOverlapForEver)
     };
     fault_arm(FAULT_ALLOC, -1);
 
-    std::thread odd([&] {
+    Thread odd([&] {
         for (int i = 0; i < rounds; i++) {
             ASSERT_TRUE(await([&] { return entered >= 2 * i; }));
             publish(p);

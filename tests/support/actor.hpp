@@ -4,13 +4,11 @@
 #define QOR_TESTS_ACTOR_HPP
 
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <string>
 
+#include "journal.hpp"
+#include "module.hpp"
 #include "qor_context.h"
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
@@ -18,46 +16,11 @@
 #include "qor_context_task.h"
 #include "qor_sched_delegate.h"
 
-/* Words in the order in which they were written. Any thread. */
-class Journal {
-public:
-    void write(const std::string &word)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        text_ += text_.empty() ? word : " " + word;
-    }
-
-    std::string text() const
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return text_;
-    }
-
-    void clear()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        text_.clear();
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::string text_;
-};
-
 inline std::string msg_type_name(int32_t type)
 {
     static const char *const names[] = {"REQUEST",      "RESPONSE",      "LISTEN_BEFORE",
                                         "LISTEN_AFTER", "FILTER_BEFORE", "FILTER_AFTER"};
     return type >= 0 && type < 6 ? names[type] : "type " + std::to_string(type);
-}
-
-/* An empty module descriptor under a name that is only known at run time. */
-using module_ptr = std::unique_ptr<qor_context_module_t, void (*)(void *)>;
-inline module_ptr named_module(const std::string &name)
-{
-    void *block = calloc(1, sizeof(qor_context_module_t)); /* the name is its first field */
-    memcpy(block, name.data(), name.size() < 19 ? name.size() : 19);
-    return module_ptr(static_cast<qor_context_module_t *>(block), free);
 }
 
 /* Every message is written down as "name:TYPE". The behaviour is the test's to set, before other
@@ -68,7 +31,7 @@ public:
         : journal(shared), name(own_name), module(named_module(own_name))
     {
         context.cls = &cls;
-        context.module = module.get();
+        context.module = &module;
         context.resource = this;
     }
     Actor(const Actor &) = delete;
@@ -120,7 +83,7 @@ private:
     static int32_t handle_message(qor_context_t *context, qor_context_msg_t *msg)
     {
         Actor &self = of(context);
-        self.journal.write(self.name + ":" + msg_type_name(msg->type));
+        self.journal.add(self.name + ":" + msg_type_name(msg->type));
         return self.on_message(msg);
     }
 
@@ -129,7 +92,7 @@ private:
         return of(context).on_task(task);
     }
 
-    module_ptr module;
+    qor_context_module_t module;
     qor_context_cls_t cls = {"actor",           /* id */ 0,
                              /* node */ {},     nullptr,    nullptr, nullptr,
                              nullptr,           nullptr,    nullptr, /* resume */ resume,

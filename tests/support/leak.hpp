@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Brackets a call that leaves memory behind as it must, so that the leak checker reports all
- * others. */
+/* Brackets a call that is to leave memory behind, so that the leak checker reports any other. */
 #ifndef QOR_TESTS_LEAK_HPP
 #define QOR_TESTS_LEAK_HPP
 

@@ -17,8 +17,7 @@
 
 class Ledger {
 public:
-    /* How a record is posted. A timer of the bus is recycled when it falls due and after its run.
-     */
+    /* How a record is posted. A timer of the bus is recycled when it is due and after its run. */
     enum Kind { of_module, of_bus, bus_timer };
 
     Ledger() = default;
@@ -48,8 +47,8 @@ public:
         return enter(record, qor_bus_timer_post(bus, &task));
     }
 
-    /* What does not balance, one line for each record; empty when everything does. Asked when no
-     * thread is left that posts, runs or discards. */
+    /* What does not balance, one line for each record; empty when everything does. To be called
+     * when no thread is left that posts, runs or discards. */
     std::string errors() const
     {
         std::lock_guard<std::mutex> lock(mutex_);

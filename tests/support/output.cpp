@@ -56,15 +56,17 @@ int Output::count(const std::string &part) const
     return found;
 }
 
-bool Output::await(const std::string &part, int times) const
+bool Output::await(const std::string &part, int times, const Where &where) const
 {
-    for (int tries = 0; tries < 6000; tries++) {
-        if (count(part) >= times) {
-            return true;
+    const auto deadline = std::chrono::steady_clock::now() + test_patience;
+    while (count(part) < times) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            print_awaited(std::to_string(times) + " times \"" + part + "\"", where);
+            return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return false;
+    return true;
 }
 
 void Output::clear()

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "await.hpp"
+
 /* From construction to destruction, standard output goes to a file of its own. The destructor
  * passes it on to the real standard output when the test has failed. */
 class Output {
@@ -24,8 +26,9 @@ public:
     /* How often a text occurs in printed(). */
     int count(const std::string &part) const;
 
-    /* Waits until the text has been printed at least `times` times; false after a minute. */
-    bool await(const std::string &part, int times = 1) const;
+    /* Waits until the text has been printed at least `times` times; false, and a line, when
+     * patience ends. */
+    bool await(const std::string &part, int times = 1, const Where &where = Where::here()) const;
 
     void clear();
 

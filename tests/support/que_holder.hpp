@@ -9,7 +9,6 @@
 #include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,6 +17,7 @@
 #include "output.hpp"
 #include "qor_que.h"
 #include "qor_time_que.h"
+#include "thread.hpp"
 
 /* Milliseconds: a delay that no test reaches, and one in which every machine gets on. */
 constexpr int32_t far_off = 3600 * 1000;
@@ -71,8 +71,8 @@ inline qor_time_que_node_t *new_time_node(char id, int32_t delay)
     return node;
 }
 
-/* Releases a taken node and tells its id; "-" for none. */
-inline std::string name_of(qor_que_node_t *node)
+/* Frees a taken node and tells the id that it had; "-" for none. */
+inline std::string free_and_name(qor_que_node_t *node)
 {
     if (!node) {
         return "-";
@@ -82,7 +82,7 @@ inline std::string name_of(qor_que_node_t *node)
     return name;
 }
 
-inline std::string name_of(qor_time_que_node_t *node)
+inline std::string free_and_name(qor_time_que_node_t *node)
 {
     if (!node) {
         return "-";
@@ -174,16 +174,16 @@ public:
     ChangeWaiter(const ChangeWaiter &) = delete;
     ChangeWaiter &operator=(const ChangeWaiter &) = delete;
 
-    bool wakes() const
+    bool wakes(const Where &where = Where::here()) const
     {
-        return await([this] { return woken_.load(); });
+        return await([this] { return woken_.load(); }, where);
     }
 
 private:
     Q *que_;
     bool waits_ = false; /* guarded by the queue's lock */
     std::atomic<bool> woken_{false};
-    std::thread thread_; /* last: it uses the others */
+    Thread thread_; /* last: it uses the others */
 };
 
 /* A change of a queue, for table tests. */

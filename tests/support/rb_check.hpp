@@ -33,8 +33,7 @@ inline int rb_check_below(const rb_node *node, const rb_node *parent, std::strin
     return std::max(left, right) + (rb_looks_red(node) ? 0 : 1);
 }
 
-/* What is wrong with the tree: parent words, colours, numbers of black nodes; "" when nothing is.
- */
+/* What is wrong with the tree's parent words, colours or numbers of black nodes; "" for nothing. */
 inline std::string rb_faults(const rb_root &root)
 {
     std::string faults;

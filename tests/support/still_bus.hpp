@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A bus without workers: its tasks run one by one, on the test's thread, when the test says so. */
+/* A bus driven by hand: its tasks run one by one, on the test's thread, when the test says so. */
 #ifndef QOR_TESTS_STILL_BUS_HPP
 #define QOR_TESTS_STILL_BUS_HPP
 
@@ -7,22 +7,26 @@
 #include <utility>
 #include <vector>
 
+#include "module.hpp"
 #include "qor_bus.h"
 #include "qor_context_module.h"
 #include "qor_context_task.h"
-#include "qor_que.h"
-#include "running_bus.hpp"
+#include "taking_tasks.hpp"
 
-/* Closes the bus at the end. The first task is the start-up of the system modules. */
+/* Closes the bus at the end. */
 class StillBus {
 public:
+    /* Its first task is the start-up of the system modules. */
     explicit StillBus(const std::vector<Module *> &modules = {}, int32_t topics = 8)
+        : table_(table_of(modules)), bus_(qor_bus_create(table_.data(), topics))
     {
-        for (Module *module : modules) {
-            table_.push_back(&module->descriptor);
-        }
-        table_.push_back(nullptr);
-        bus_ = qor_bus_create(table_.data(), topics);
+    }
+
+    /* Nothing is queued, and nothing comes up. */
+    enum Bare { bare };
+    explicit StillBus(Bare, int32_t topics = 4) : StillBus(std::vector<Module *>(), topics)
+    {
+        drop_start_up(bus_);
     }
 
     ~StillBus() { close(); }
@@ -32,26 +36,33 @@ public:
     qor_bus_t *get() { return bus_; } /* NULL when it could not be created */
     qor_context_module_t **table() { return table_.data(); }
 
-    /* Runs and releases the task that was queued first; gives its name, "" when there is none. */
+    /* Takes the first task; the caller passes it to finish(). NULL when none waits. */
+    qor_context_task_t *take() { return take_task(bus_); }
+    static void finish(qor_context_task_t *task) { release_task(task); }
+
+    /* Runs and releases the first task; gives its name, "" when there is none. */
     std::string run_next()
     {
-        qor_que_node_t *node = qor_que_deque(bus_->que);
-        if (!node) {
+        qor_context_task_t *task = take();
+        if (!task) {
             return "";
         }
-        qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_que_node_body(node));
         const std::string name = task->name;
         qor_context_task_excute(task);
-        qor_context_task_uninit(task);
-        qor_que_node_destroy(node, nullptr);
+        finish(task);
         return name;
     }
 
-    /* Runs tasks until none is queued. */
-    void run_all()
+    /* Runs all tasks, those included that they post. Returns how many there were. */
+    int run_all()
     {
-        while (!run_next().empty()) {
+        int tasks = 0;
+        while (qor_context_task_t *task = take()) {
+            qor_context_task_excute(task);
+            finish(task);
+            tasks++;
         }
+        return tasks;
     }
 
     void close()

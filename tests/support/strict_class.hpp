@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A context class for tests: every slot that the test leaves as it is fails the test when called.
- */
+/* A context class for tests: a call of any slot that the test has not replaced fails the test. */
 #ifndef QOR_TESTS_STRICT_CLASS_HPP
 #define QOR_TESTS_STRICT_CLASS_HPP
 

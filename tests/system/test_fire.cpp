@@ -15,6 +15,7 @@
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
 #include "running_bus.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -65,7 +66,7 @@ protected:
     void cease()
     {
         ceased = true;
-        for (std::thread &thread : threads) {
+        for (Thread &thread : threads) {
             thread.join();
         }
         threads.clear();
@@ -91,7 +92,7 @@ protected:
     std::atomic<int> responses{0};
     std::atomic<int> under_way{0}; /* requests without response yet */
     std::atomic<bool> ceased{false};
-    std::vector<std::thread> threads;
+    std::vector<Thread> threads;
     Module left{"left"}, right{"right"};
 };
 

@@ -22,6 +22,7 @@
 #include "qor_context_module.h"
 #include "qor_context_msg.h"
 #include "running_bus.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -76,12 +77,12 @@ public:
 
     void run()
     {
-        std::vector<std::thread> all;
+        std::vector<Thread> all;
         for (int i = 0; i < threads; i++) {
             all.emplace_back([this] { hammer(); });
         }
         lose_patience();
-        for (std::thread &one : all) {
+        for (Thread &one : all) {
             one.join();
         }
         bus_->end();
@@ -208,8 +209,7 @@ private:
         }
     }
 
-    /* Workers may all be waiting for a start whose turn then never comes, and the threads as well.
-     */
+    /* Starts that wait for one another in a circle do so until somebody quits. */
     void lose_patience()
     {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);

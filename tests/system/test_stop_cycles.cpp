@@ -29,6 +29,7 @@
 #include "qor_main.h"
 #include "qor_mng_module.h"
 #include "running_bus.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -121,7 +122,7 @@ private:
     std::condition_variable changed_;
     int cycle_ = 0;
     bool over_ = false;
-    std::thread thread_;
+    Thread thread_;
 };
 
 class Cycle;
@@ -152,8 +153,8 @@ public:
     void run()
     {
         pass(before_loop);
-        std::thread impatient([this] { lose_patience(); });
-        std::thread outsider([this] { meddle(); });
+        Thread impatient([this] { lose_patience(); });
+        Thread outsider([this] { meddle(); });
         EXPECT_EQ(qor_bus_loop(bus_), 0);
         impatient.join();
         outsider.join();
@@ -350,12 +351,12 @@ private:
         while (!quit_ && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
-        std::vector<std::thread> others;
+        std::vector<Thread> others;
         for (int i = 0; place == in_threads && i < 3; i++) {
             others.emplace_back([this] { quit(); });
         }
         quit();
-        for (std::thread &other : others) {
+        for (Thread &other : others) {
             other.join();
         }
     }

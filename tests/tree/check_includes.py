@@ -11,29 +11,27 @@ import sys
 from pathlib import Path
 
 RANKS = [
-    "qor_api qor_types",                                      # 0 language
-    "qor_hal hal_sync qor_diag qor_util",                     # 1 platform
+    "qor_api qor_types qor_version",                          # 0 language
+    "qor_hal hal_sync hal_thread qor_diag qor_util thread_record",  # 1 platform
     "rbtree rbapi rbapi_kv",                                  # 2 containers
-    "que_waits qor_que qor_time_que",                         # 3 queues
+    "que_front que_waits qor_que qor_time_que",                         # 3 queues
     "qor_context_msg qor_context_task qor_recycle qor_thread_pool",  # 4 records, pool
     "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
     " qor_context_forward",                                   # 5 context model
-    "qor_topic_epoch qor_topic_core qor_bus qor_bus_loop qor_sched_register qor_sched_delegate",              # 6 dispatch
+    "qor_topic_epoch qor_topic_core qor_bus qor_bus_worker qor_bus_helper qor_bus_loop qor_bus_drain"
+    " response_reserve qor_sched_register qor_sched_delegate",  # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
-    " qor_own_task",                                          # 7 context kinds
+    " user_init",                                             # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
-    "qor_main",                                               # 9 start-up
+    "qor_main qor_bus_close",                                               # 9 start-up
     "qor",                                                    # everything, for applications
 ]
 SIDEWAYS = {
     ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
-    ("qor_bus", "qor_topic_core"), ("qor_sched_delegate", "qor_bus"),
+    ("qor_bus", "qor_topic_core"), ("qor_sched_delegate", "qor_bus"), ("qor_sched_delegate", "response_reserve"),
 }
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),
-    ("qor_bus.cpp", "qor_main_priv.hpp"),
-    ("qor_bus.cpp", "qor_own_task.hpp"),
-    ("qor_bus_loop.cpp", "qor_own_task.hpp"),
     ("qor_context_core.cpp", "qor_impl_context.h"),
 }
 RANK = {name: rank for rank, names in enumerate(RANKS) for name in names.split()}
@@ -81,4 +79,5 @@ def main(root):
     return len(complaints) > 0
 
 
-sys.exit(main(Path(sys.argv[1])))
+if __name__ == "__main__":
+    sys.exit(main(Path(sys.argv[1])))

@@ -16,9 +16,11 @@ from pathlib import Path
 
 ROOT, BUILD, CMAKE = Path(sys.argv[1]), Path(sys.argv[2]), sys.argv[3]
 PACKAGING = ROOT / "packaging"
-BUILDROOT, OPENWRT = PACKAGING / "buildroot", PACKAGING / "openwrt/libqor-bus"
+OPENWRT = PACKAGING / "openwrt/libqor-bus"
 RECIPE = next(PACKAGING.glob("yocto/libqor-bus_*.bb"))
 SCRATCH = tempfile.TemporaryDirectory()
+BUILDROOT = Path(SCRATCH.name) / "tree/packaging/buildroot"  # make takes no path with spaces
+BUILDROOT.parents[1].symlink_to(ROOT)
 
 
 def run(*command, text="", **variables):
@@ -60,8 +62,11 @@ def recipe():
 def version():
     """Every version is that of project() in CMakeLists.txt."""
     wanted = re.search(r"project\(qor_bus VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text())[1]
-    major, minor, _ = wanted.split(".")
+    major, minor, patch = wanted.split(".")
     for path, pattern, expected in [
+        ("include/qor_api.h", r"^#define QOR_VERSION_MAJOR (\d+)$", major),
+        ("include/qor_api.h", r"^#define QOR_VERSION_MINOR (\d+)$", minor),
+        ("include/qor_api.h", r"^#define QOR_VERSION_PATCH (\d+)$", patch),
         ("CHANGELOG.md", r"^## ([\d.]+)", wanted),
         ("SECURITY.md", r"^\| ([\d.]+)\.x \| yes", f"{major}.{minor}"),
         ("packaging/debian/changelog", r"^libqor-bus \(([\d.]+)\)", wanted),
@@ -91,13 +96,17 @@ def licence():
 
 
 def debian():
-    """Each file of an install goes into one package."""
+    """Each file of an install goes into one package; the guides and examples are there."""
     patterns = [line for p in PACKAGING.glob("debian/*.install") for line in p.read_text().split()]
     patterns = [p.replace("usr/lib/*/", "usr/lib/") for p in patterns]
     for name in installed()[1]:
         takers = [p for p in patterns if fnmatch(name, p) or name.startswith(p + "/")]
         if len(takers) != 1:
             yield f"{name}: taken by {takers or 'no package'}"
+    for page in ("docs", "examples"):
+        for pattern in (PACKAGING / f"debian/libqor-bus-dev.{page}").read_text().split():
+            if not any(ROOT.glob(pattern)):
+                yield f"debian/libqor-bus-dev.{page}: there is no {pattern}"
 
 
 def yocto():

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +11,7 @@
 #include "qor_context.h"
 #include "qor_context_module.h"
 #include "qor_impl_context.h"
+#include "thread.hpp"
 
 namespace {
 
@@ -251,7 +251,8 @@ TEST(ContextCore, SecondRegistryTakesTheSystemClassAway)
 
     EXPECT_EQ(second.get()->head.next, &qor_impl_context_class.node);
     EXPECT_EQ(qor_impl_context_class.node.next, &second.get()->head);
-    EXPECT_EQ(first.get()->head.next, &qor_impl_context_class.node); /* but never comes back */
+    EXPECT_EQ(first.get()->head.next,
+              &qor_impl_context_class.node); /* which the link does not return to */
 }
 
 TEST(ContextCore, DestroyLeavesTheLinksOfItsClasses)
@@ -275,7 +276,7 @@ TEST(ContextCore, ClassesComeAndGoWhileContextsAreCreated)
     qor_context_cls_t steady = class_of(5, create<0>);
     qor_context_core_class_register(core.get(), &steady);
     std::atomic<bool> done{false};
-    std::thread registrar([&] {
+    Thread registrar([&] {
         qor_context_cls_t cls = class_of(6, create<1>);
         while (!done) {
             qor_context_core_class_register(core.get(), &cls);

@@ -5,12 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include "../../src/bus/qor_context_forward.hpp"
+#include "../../src/contexts/qor_context_forward.hpp"
 #include "actor.hpp"
 #include "output.hpp"
 #include "qor_topic_core.h"
 #include "recording_context.hpp"
-#include "test_bus.hpp"
+#include "still_bus.hpp"
 
 namespace {
 
@@ -256,7 +256,7 @@ TEST(ContextHandler, UnlistenOnTheBusLeavesTheListenerInPlace)
 {
     Journal journal;
     Actor actor(journal, "a");
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     qor_sched_delegate_t *delegate = actor.attach(bus.get(), QOR_BUS_ROLE_USER);
     qor_topic_core_t *table = qor_bus_topic_core_get(bus.get(), QOR_BUS_ROLE_USER);
     ASSERT_EQ(qor_context_subscribe(actor.get(), 1, nullptr), 0);

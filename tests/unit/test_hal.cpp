@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -11,6 +10,7 @@
 #include <stdio_ext.h>
 
 #include "output.hpp"
+#include "thread.hpp"
 
 static_assert(std::is_same_v<hal_thread_t, pthread_t>);
 static_assert(std::is_same_v<hal_thread_attr_t, pthread_attr_t>);
@@ -90,7 +90,7 @@ TEST(Hal, PrintfDoesNotMixLinesOfDifferentThreads)
 {
     Output out;
     const std::string text(200, 'x');
-    std::vector<std::thread> threads;
+    std::vector<Thread> threads;
     for (int t = 0; t < 4; t++) {
         threads.emplace_back([&] {
             for (int i = 0; i < 100; i++) {
@@ -98,7 +98,7 @@ TEST(Hal, PrintfDoesNotMixLinesOfDifferentThreads)
             }
         });
     }
-    for (std::thread &thread : threads) {
+    for (Thread &thread : threads) {
         thread.join();
     }
 
@@ -124,7 +124,7 @@ TEST(Hal, VsnprintfCutsAndReturnsTheWholeLength)
 
 TEST(Hal, ThreadNameIsCutAt15Characters)
 {
-    std::thread([] {
+    Thread([] {
         EXPECT_EQ(hal_thread_name_set("0123456789abcdefgh"), 0);
         EXPECT_EQ(thread_name(), "0123456789abcde");
     }).join();
@@ -134,14 +134,14 @@ TEST(Hal, ThreadNameIsTheCallingThreads)
 {
     const std::string before = thread_name();
 
-    std::thread([] { hal_thread_name_set("other"); }).join();
+    Thread([] { hal_thread_name_set("other"); }).join();
 
     EXPECT_EQ(thread_name(), before);
 }
 
 TEST(Hal, SetPriorityKeepsThePolicy)
 {
-    std::thread([] {
+    Thread([] {
         const Scheduling before = scheduling();
 
         hal_thread_setpriority(before.priority);
@@ -153,7 +153,7 @@ TEST(Hal, SetPriorityKeepsThePolicy)
 
 TEST(Hal, SetPrioritySurvivesARefusal)
 {
-    std::thread([] {
+    Thread([] {
         const Scheduling before = scheduling();
         Output out;
 

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "qor_impl_context.h"
 
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -11,12 +12,15 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "await.hpp"
 #include "case_name.hpp"
 #include "output.hpp"
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
+#include "que_holder.hpp"
+#include "sleeper.hpp"
 
 namespace {
 
@@ -370,6 +374,15 @@ protected:
         module.console = console_look;
         console = Console{};
     }
+
+    /* The console's, once it has started. */
+    pthread_t thread() const
+    {
+        void *resource = qor_context_resource_get(context);
+        pthread_t handle;
+        memcpy(&handle, &resource, sizeof(handle));
+        return handle;
+    }
 };
 
 } // namespace
@@ -389,15 +402,12 @@ TEST_F(ImplContextConsole, RunsOnAThreadOfItsOwnNamedAfterTheModule)
 TEST_F(ImplContextConsole, ThreadEndsWithItsResult)
 {
     ASSERT_EQ(qor_context_start(context), 0);
-    void *resource = qor_context_resource_get(context);
-    pthread_t thread;
-    memcpy(&thread, &resource, sizeof(thread));
     void *result = nullptr;
 
-    ASSERT_EQ(pthread_join(thread, &result), 0);
+    ASSERT_EQ(pthread_join(thread(), &result), 0);
 
     EXPECT_EQ(reinterpret_cast<intptr_t>(result), -5);
-    EXPECT_TRUE(pthread_equal(console.thread, thread));
+    EXPECT_TRUE(pthread_equal(console.thread, thread()));
     qor_context_resource_set(context, nullptr);
 }
 
@@ -415,6 +425,54 @@ TEST_F(ImplContextConsole, StopWaitsForItsReturn)
     qor_context_stop(context);
 
     EXPECT_EQ(returned, 1);
+}
+
+TEST_F(ImplContextConsole, ThatIsCancelledGoesOn)
+{
+    static qor_que_t *que;
+    static Sleeper *sleeper;
+    Que held;
+    Sleeper asleep;
+    que = held;
+    sleeper = &asleep;
+    module.console = [](qor_context_t *) {
+        sleeper->here();
+        hal_printf("%s\n", free_and_name(qor_que_deque_block(que, -1)).c_str());
+        return int32_t{0};
+    };
+    ASSERT_EQ(qor_context_start(context), 0);
+    ASSERT_TRUE(await([&] { return asleep.sleeps(); }));
+
+    pthread_cancel(thread());
+
+    ASSERT_TRUE(await([] { /* one that has ended keeps the lock */
+                           return pthread_mutex_trylock(&que->mutex) == 0;
+    }));
+    qor_que_unlock(que);
+    qor_que_enque(que, new_node('a'));
+    qor_context_stop(context);
+    EXPECT_EQ(out.printed(), "a\n");
+}
+
+TEST_F(ImplContextConsole, ThatIsCancelledGoesOnPrinting)
+{
+    static std::atomic<bool> cancelled, returned;
+    cancelled = returned = false;
+    module.console = [](qor_context_t *) {
+        while (!cancelled) {
+        }
+        hal_printf("still here\n");
+        returned = true;
+        return int32_t{0};
+    };
+    ASSERT_EQ(qor_context_start(context), 0);
+    pthread_cancel(thread());
+    cancelled = true;
+
+    qor_context_stop(context);
+
+    EXPECT_TRUE(returned);
+    EXPECT_EQ(out.printed(), "still here\n");
 }
 
 TEST_F(ImplContextConsole, SecondStopJoinsNothing)
@@ -467,7 +525,7 @@ TEST_P(ImplContextStack, IsAWholeMultipleOf64KiB)
     ASSERT_EQ(qor_context_start(context), 0);
     qor_context_stop(context);
 
-    /* 64-bit ARM refuses stacks below 128 KiB: the thread then has the system's default. */
+    /* 64-bit ARM gives 128 KiB at the least. */
     if (stacks_are_exact && GetParam().given >= static_cast<size_t>(PTHREAD_STACK_MIN)) {
         EXPECT_EQ(console.stack_size, GetParam().given);
     } else {

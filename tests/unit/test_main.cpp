@@ -1,4 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* The start-up routine. */
 #include "qor_main.h"
 
 #include <string>
@@ -8,14 +9,12 @@
 #include "output.hpp"
 #include "qor_bus_module.h"
 #include "qor_context.h"
-#include "qor_core_context.h"
 #include "qor_impl_context.h"
 #include "qor_mng_module.h"
 #include "qor_monitor_module.h"
 #include "qor_sched_delegate.h"
 #include "qor_topic_core.h"
 #include "still_bus.hpp"
-#include "strict_class.hpp"
 
 namespace {
 
@@ -157,69 +156,4 @@ TEST_F(Main, ClosingABusThatNeverRanLeavesTheDescriptorsOfAnother)
     EXPECT_EQ(qor_bus_module.arg, bus.get());
     EXPECT_EQ(qor_mng_module.arg, bus.table());
     EXPECT_EQ(listed(), "3:qor_mng_module 2:qor_monitor_module 1:qor_bus_module ");
-}
-
-/* ---- qor_context_init_task ---- */
-
-namespace {
-
-std::string called;
-int32_t init_result;
-int32_t start_result;
-
-class InitTask : public testing::Test {
-protected:
-    InitTask()
-    {
-        called.clear();
-        init_result = start_result = 0;
-        cls.init = [](qor_context_t *) {
-            called += "init ";
-            return init_result;
-        };
-        cls.start = [](qor_context_t *) {
-            called += "start ";
-            return start_result;
-        };
-        qor_context_constructor(&context, &cls, &module.descriptor);
-    }
-
-    Module module{"gauge"};
-    qor_context_cls_t cls = strict_class();
-    qor_context_t context;
-    Output out;
-};
-
-} // namespace
-
-TEST_F(InitTask, InitialisesAndThenStarts)
-{
-    init_result = 5;
-
-    qor_context_init_task(&context);
-
-    EXPECT_EQ(called, "init start ");
-    EXPECT_EQ(out.printed(), "");
-}
-
-TEST_F(InitTask, DoesNotStartWhatFailedToInitialise)
-{
-    init_result = -1;
-
-    qor_context_init_task(&context);
-
-    EXPECT_EQ(called, "init ");
-    EXPECT_EQ(out.printed(),
-              err_line("qor_main", "qor_context_init_task", "context init failed. name = gauge"));
-}
-
-TEST_F(InitTask, ReportsAFailedStart)
-{
-    start_result = -3;
-
-    qor_context_init_task(&context);
-
-    EXPECT_EQ(called, "init start ");
-    EXPECT_EQ(out.printed(),
-              err_line("qor_main", "qor_context_init_task", "context start failed. name = gauge"));
 }

@@ -2,13 +2,13 @@
 #include "qor_que.h"
 
 #include <algorithm>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "case_name.hpp"
 #include "output.hpp"
 #include "que_holder.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -23,7 +23,7 @@ std::string drain(qor_que_t *que)
     std::string names;
     qor_que_lock(que);
     while (qor_que_node_t *node = qor_que_deque_block_locked(que, 0)) {
-        names += name_of(node);
+        names += free_and_name(node);
     }
     qor_que_unlock(que);
     return names;
@@ -67,9 +67,9 @@ TEST(Que, TheReservedFieldIsLeftAlone)
     Que que(4);
     que->refer_count = 4711;
     fill(que, "abc");
-    name_of(qor_que_deque(que));
-    name_of(qor_que_deque_block(que, -1));
-    name_of(qor_que_remove(que, 'c'));
+    free_and_name(qor_que_deque(que));
+    free_and_name(qor_que_deque_block(que, -1));
+    free_and_name(qor_que_remove(que, 'c'));
 
     qor_que_quit(que);
 
@@ -129,9 +129,9 @@ TEST(Que, NodesComeOutInTheOrderOfArrival)
     Que que;
     fill(que, "abc");
 
-    std::string names = name_of(qor_que_deque(que));
-    names += name_of(qor_que_deque_block(que, -1));
-    names += name_of(qor_que_deque_block(que, 50));
+    std::string names = free_and_name(qor_que_deque(que));
+    names += free_and_name(qor_que_deque_block(que, -1));
+    names += free_and_name(qor_que_deque_block(que, 50));
 
     EXPECT_EQ(names, "abc");
 }
@@ -166,7 +166,7 @@ TEST(Que, NonBlockingTakeLeavesTheCount)
     Que que;
     fill(que, "a");
 
-    EXPECT_EQ(name_of(qor_que_deque(que)), "a");
+    EXPECT_EQ(free_and_name(qor_que_deque(que)), "a");
 
     EXPECT_EQ(qor_que_count(que), 1);
 }
@@ -176,7 +176,7 @@ TEST(Que, BlockingTakeWithoutWaitLeavesTheCount)
     Que que;
     fill(que, "a");
 
-    EXPECT_EQ(name_of(qor_que_deque_block(que, 0)), "a");
+    EXPECT_EQ(free_and_name(qor_que_deque_block(que, 0)), "a");
 
     EXPECT_EQ(qor_que_count(que), 1);
 }
@@ -186,9 +186,9 @@ TEST(Que, BlockingTakeLowersTheCount)
     Que que;
     fill(que, "abc");
 
-    name_of(qor_que_deque_block(que, -1));
+    free_and_name(qor_que_deque_block(que, -1));
     EXPECT_EQ(qor_que_count(que), 2);
-    name_of(qor_que_deque_block(que, 1));
+    free_and_name(qor_que_deque_block(que, 1));
     EXPECT_EQ(qor_que_count(que), 1);
     EXPECT_EQ(drain(que), "c");
     EXPECT_EQ(qor_que_count(que), 0);
@@ -198,9 +198,9 @@ TEST(Que, NonBlockingTakesFillABoundedQueueUp)
 {
     Que que(2);
     fill(que, "a");
-    name_of(qor_que_deque(que));
+    free_and_name(qor_que_deque(que));
     fill(que, "b");
-    name_of(qor_que_deque(que));
+    free_and_name(qor_que_deque(que));
     qor_que_node_t *node = new_node('c');
 
     EXPECT_EQ(qor_que_enque(que, node), -1);
@@ -271,7 +271,7 @@ TEST(Que, ABlockedTakerGetsTheNodeThatComes)
 {
     Que que;
     std::string name;
-    std::thread taker([&] { name = name_of(qor_que_deque_block(que, -1)); });
+    Thread taker([&] { name = free_and_name(qor_que_deque_block(que, -1)); });
 
     fill(que, "a");
 
@@ -283,7 +283,7 @@ TEST(Que, ATakerWithALimitGetsTheNodeThatComes)
 {
     Que que;
     std::string name;
-    std::thread taker([&] { name = name_of(qor_que_deque_block(que, 60000)); });
+    Thread taker([&] { name = free_and_name(qor_que_deque_block(que, 60000)); });
 
     fill(que, "a");
 
@@ -295,10 +295,10 @@ TEST(Que, ABlockedGiverGetsTheRoomOfABlockingTake)
 {
     Que que(1);
     fill(que, "a");
-    std::thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, new_node('b'), -1), 0); });
+    Thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, new_node('b'), -1), 0); });
 
-    EXPECT_EQ(name_of(qor_que_deque_block(que, -1)), "a");
-    EXPECT_EQ(name_of(qor_que_deque_block(que, -1)), "b");
+    EXPECT_EQ(free_and_name(qor_que_deque_block(que, -1)), "a");
+    EXPECT_EQ(free_and_name(qor_que_deque_block(que, -1)), "b");
 
     giver.join();
 }
@@ -307,9 +307,9 @@ TEST(Que, ABlockedGiverGetsTheRoomOfARemove)
 {
     Que que(1);
     fill(que, "a");
-    std::thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, new_node('b'), 60000), 0); });
+    Thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, new_node('b'), 60000), 0); });
 
-    EXPECT_EQ(name_of(qor_que_remove(que, 'a')), "a");
+    EXPECT_EQ(free_and_name(qor_que_remove(que, 'a')), "a");
 
     giver.join();
     EXPECT_EQ(drain(que), "b");
@@ -325,7 +325,7 @@ TEST(Que, RemoveTakesTheFirstNodeWithTheId)
     qor_que_node_t *removed = qor_que_remove(que, 'a');
 
     EXPECT_NE(removed, second);
-    EXPECT_EQ(name_of(removed), "a");
+    EXPECT_EQ(free_and_name(removed), "a");
     EXPECT_EQ(qor_que_count(que), 3);
     EXPECT_EQ(drain(que), "xya");
 }
@@ -361,7 +361,7 @@ TEST(Que, QuitResetsACountThatDrifted)
 {
     Que que;
     fill(que, "ab");
-    name_of(qor_que_deque(que));
+    free_and_name(qor_que_deque(que));
 
     qor_que_quit(que);
 
@@ -464,7 +464,7 @@ TEST(Que, ARemoveDuringQuitTakesANodeThatIsLeft)
     Que que(UINT32_MAX, [](void *body) {
         note_recycled(body);
         if (*static_cast<char *>(body) == 'a') {
-            EXPECT_EQ(name_of(qor_que_remove(quitting_que, 'b')), "b");
+            EXPECT_EQ(free_and_name(qor_que_remove(quitting_que, 'b')), "b");
         }
     });
     quitting_que = que;
@@ -491,7 +491,7 @@ TEST(Que, QuitReleasesABlockedTaker)
     Que que;
     qor_que_node_t *node = new_node('a');
     qor_que_node_t *taken = node;
-    std::thread taker([&] { taken = qor_que_deque_block(que, -1); });
+    Thread taker([&] { taken = qor_que_deque_block(que, -1); });
 
     qor_que_quit(que);
 
@@ -506,7 +506,7 @@ TEST(Que, QuitReleasesABlockedGiver)
     Que que(1, note_recycled);
     fill(que, "a");
     qor_que_node_t *node = new_node('b');
-    std::thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, node, -1), -1); });
+    Thread giver([&] { EXPECT_EQ(qor_que_enque_block(que, node, -1), -1); });
 
     qor_que_quit(que);
 
@@ -537,11 +537,13 @@ INSTANTIATE_TEST_SUITE_P(
         QueChange{
             "enque_block",
             [](qor_que_t *que) { EXPECT_EQ(qor_que_enque_block(que, new_node('c'), -1), 0); }},
-        QueChange{"deque", [](qor_que_t *que) { EXPECT_EQ(name_of(qor_que_deque(que)), "a"); }},
-        QueChange{"deque_block",
-                  [](qor_que_t *que) { EXPECT_EQ(name_of(qor_que_deque_block(que, -1)), "a"); }},
+        QueChange{"deque",
+                  [](qor_que_t *que) { EXPECT_EQ(free_and_name(qor_que_deque(que)), "a"); }},
+        QueChange{
+            "deque_block",
+            [](qor_que_t *que) { EXPECT_EQ(free_and_name(qor_que_deque_block(que, -1)), "a"); }},
         QueChange{"remove",
-                  [](qor_que_t *que) { EXPECT_EQ(name_of(qor_que_remove(que, 'b')), "b"); }},
+                  [](qor_que_t *que) { EXPECT_EQ(free_and_name(qor_que_remove(que, 'b')), "b"); }},
         QueChange{"quit", qor_que_quit},
         QueChange{"wakeup_locked",
                   [](qor_que_t *que) {
@@ -558,9 +560,9 @@ TEST(Que, StepsCombineUnderOneLock)
     qor_que_lock(que);
     EXPECT_EQ(qor_que_enque_locked(que, new_node('a')), 0);
     EXPECT_EQ(qor_que_enque_block_locked(que, new_node('b'), -1), 0);
-    EXPECT_EQ(name_of(qor_que_remove_locked(que, 'b')), "b");
+    EXPECT_EQ(free_and_name(qor_que_remove_locked(que, 'b')), "b");
     EXPECT_EQ(qor_que_count(que), 1);
-    EXPECT_EQ(name_of(qor_que_deque_locked(que)), "a");
+    EXPECT_EQ(free_and_name(qor_que_deque_locked(que)), "a");
     qor_que_unlock(que);
 }
 

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Both kinds of queues with many threads inside. */
 #include <atomic>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -9,6 +8,7 @@
 #include "await.hpp"
 #include "output.hpp"
 #include "que_holder.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -70,13 +70,13 @@ public:
 
     void join()
     {
-        for (std::thread &thread : threads_) {
+        for (Thread &thread : threads_) {
             thread.join();
         }
     }
 
 private:
-    std::vector<std::thread> threads_;
+    std::vector<Thread> threads_;
 };
 
 template <typename Kind> void pass_each_node_once()

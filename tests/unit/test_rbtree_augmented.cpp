@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Trees whose nodes carry data about their subtree: the hooks keep it right through every change.
- */
+/* Trees whose nodes carry data about their subtree: the hooks keep it right at every change. */
 #include "rbtree.h"
 
 #include <algorithm>

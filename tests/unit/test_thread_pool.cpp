@@ -17,107 +17,18 @@
 #include "case_name.hpp"
 #include "hal_sync.hpp"
 #include "output.hpp"
+#include "pool.hpp"
 #include "qor_context_task.h"
 #include "sleeper.hpp"
+#include "thread.hpp"
 
 namespace {
-
-constexpr int32_t stack_size = 128 * 1024; /* the least that 64-bit ARM accepts */
-constexpr int32_t unbounded = -1;
-constexpr int32_t no_priority = -1;
-constexpr int32_t stays_long = 60000;
 
 std::string thread_name()
 {
     char name[16] = "";
     prctl(PR_GET_NAME, name);
     return name;
-}
-
-/* A pool that is destroyed with the test. */
-class Pool {
-public:
-    Pool(int32_t min, int32_t max, int32_t tasks = unbounded, int32_t keep_alive = stays_long,
-         int32_t priority = no_priority)
-        : pool_(qor_thread_pool_create(min, max, tasks, stack_size, priority, keep_alive))
-    {
-        EXPECT_NE(pool_, nullptr);
-    }
-    ~Pool() { qor_thread_pool_destroy(pool_); }
-
-    qor_thread_pool_t *get() const { return pool_; }
-    qor_thread_pool_t *operator->() const { return pool_; }
-
-    int32_t thread_num() const
-    {
-        hal_scoped_lock lock(pool_->que->mutex);
-        return pool_->thread_num;
-    }
-
-private:
-    qor_thread_pool_t *pool_;
-};
-
-/* Counts the runs and releases of its tasks. Outlives the pool that it posts to. */
-class Job {
-public:
-    qor_context_task_t task(const char *name = "job")
-    {
-        qor_context_task_t task = {};
-        qor_context_task_init(&task, nullptr, name, 5, run, this);
-        qor_context_task_set_recycle(&task, recycle);
-        return task;
-    }
-
-    int32_t post(const Pool &pool, const char *name = "job")
-    {
-        qor_context_task_t copied = task(name);
-        return qor_thread_pool_post(pool.get(), &copied);
-    }
-
-    bool await_started(int count) const
-    {
-        return await([this, count] { return started >= count; });
-    }
-    bool await_recycled(int count) const
-    {
-        return await([this, count] { return recycled >= count; });
-    }
-
-    std::atomic<int> started{0}, finished{0}, recycled{0};
-    std::atomic<bool> held{false};
-    std::function<void()> body = [] {};
-
-private:
-    static void *run(void *arg)
-    {
-        Job *job = static_cast<Job *>(arg);
-        job->started++;
-        while (job->held) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        job->body();
-        job->finished++;
-        return nullptr;
-    }
-
-    static void recycle(void *arg) { static_cast<Job *>(arg)->recycled++; }
-};
-
-/* Keeps the tasks of a job from finishing until release() or the end of the block. */
-class Hold {
-public:
-    explicit Hold(Job &job) : job_(job) { job_.held = true; }
-    ~Hold() { release(); }
-    void release() { job_.held = false; }
-
-private:
-    Job &job_;
-};
-
-std::string pool_line(const std::string &function, const std::string &text)
-{
-    return err_line("qor_thread_pool", function, text);
 }
 
 struct Setting {
@@ -662,7 +573,7 @@ TEST(ThreadPool, ThreadsThatCannotStartAreTakenBackFromManyPostersAtOnce)
     Output out; /* each attempt prints */
     Job job;
     Pool pool(0, 4, unbounded, stays_long, /* priority */ 0);
-    std::vector<std::thread> posters;
+    std::vector<Thread> posters;
     for (int i = 0; i < 4; i++) {
         posters.emplace_back([&] {
             for (int n = 0; n < 100; n++) {
@@ -670,7 +581,7 @@ TEST(ThreadPool, ThreadsThatCannotStartAreTakenBackFromManyPostersAtOnce)
             }
         });
     }
-    for (std::thread &poster : posters) {
+    for (Thread &poster : posters) {
         poster.join();
     }
 
@@ -725,7 +636,7 @@ TEST(ThreadPool, QuitWaitsForRunningTasksAndDiscardsTheOthers)
         waiting.post(pool);
     }
     std::atomic<bool> quit_returned{false};
-    std::thread quitter([&] {
+    Thread quitter([&] {
         qor_thread_pool_quit(pool.get());
         quit_returned = true;
     });
@@ -793,7 +704,7 @@ TEST(ThreadPool, ASecondQuitReturnsAtOnce)
     Hold hold(job);
     job.post(pool);
     ASSERT_TRUE(job.await_started(1));
-    std::thread first([&] { qor_thread_pool_quit(pool.get()); });
+    Thread first([&] { qor_thread_pool_quit(pool.get()); });
     ASSERT_TRUE(await([&] { return hal_load(pool->quitting) == 1; }));
 
     qor_thread_pool_quit(pool.get()); /* while the first still waits */
@@ -812,9 +723,9 @@ TEST(ThreadPool, DestroyWaitsForTheQuitOfAnotherThread)
     qor_context_task_t task = job.task();
     qor_thread_pool_post(pool, &task);
     ASSERT_TRUE(job.await_started(1));
-    std::thread first([&] { qor_thread_pool_quit(pool); });
+    Thread first([&] { qor_thread_pool_quit(pool); });
     ASSERT_TRUE(await([&] { return hal_load(pool->quitting) == 1; }));
-    std::thread opener([&] { hold.release(); });
+    Thread opener([&] { hold.release(); });
 
     qor_thread_pool_destroy(pool);
 
@@ -837,11 +748,11 @@ TEST(ThreadPool, DestroyWaitsForAQuitThatStillDiscards)
         EXPECT_TRUE(await([] { return done.load(); }));
     });
     EXPECT_EQ(qor_thread_pool_post(pool, &task), 0);
-    std::thread quitter([&] { qor_thread_pool_quit(pool); });
+    Thread quitter([&] { qor_thread_pool_quit(pool); });
     EXPECT_TRUE(await([] { return discarding.load(); }));
     Sleeper sleeper;
     std::atomic<bool> destroyed{false};
-    std::thread destroyer([&] {
+    Thread destroyer([&] {
         sleeper.here();
         qor_thread_pool_destroy(pool);
         destroyed = true;
@@ -863,11 +774,11 @@ TEST(ThreadPool, ManyThreadsMayQuitAtOnce)
         for (int i = 0; i < 10; i++) {
             job.post(pool);
         }
-        std::vector<std::thread> quitters;
+        std::vector<Thread> quitters;
         for (int i = 0; i < 4; i++) {
             quitters.emplace_back([&] { qor_thread_pool_quit(pool.get()); });
         }
-        for (std::thread &quitter : quitters) {
+        for (Thread &quitter : quitters) {
             quitter.join();
         }
         EXPECT_EQ(job.recycled, 10);
@@ -963,7 +874,7 @@ TEST(ThreadPool, EveryAcceptedTaskIsReleasedOnceUnderLoad)
     std::atomic<int> accepted{0};
     {
         Pool pool(1, 4, 16, /* keep_alive */ 1);
-        std::vector<std::thread> posters;
+        std::vector<Thread> posters;
         for (int i = 0; i < 4; i++) {
             posters.emplace_back([&] {
                 for (int n = 0; n < 500; n++) {
@@ -971,7 +882,7 @@ TEST(ThreadPool, EveryAcceptedTaskIsReleasedOnceUnderLoad)
                 }
             });
         }
-        for (std::thread &poster : posters) {
+        for (Thread &poster : posters) {
             poster.join();
         }
     }
@@ -987,7 +898,7 @@ TEST(ThreadPool, PostingWhileThePoolQuitsLosesNoTask)
         Job job;
         int accepted = 0;
         Pool pool(0, 3);
-        std::thread poster([&] {
+        Thread poster([&] {
             while (job.post(pool) == 0) {
                 accepted++;
                 while (accepted - job.recycled > 1000) { /* memory has an end */

@@ -4,13 +4,13 @@
 #include <algorithm>
 #include <list>
 #include <random>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "case_name.hpp"
 #include "output.hpp"
 #include "que_holder.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -71,7 +71,7 @@ std::string drain(qor_time_que_t *que)
 {
     std::string names;
     while (qor_time_que_node_t *node = qor_time_que_deque(que)) {
-        names += name_of(node);
+        names += free_and_name(node);
     }
     return names;
 }
@@ -139,7 +139,7 @@ TEST(TimeQue, UpdateGivesANewIdAndDueTime)
 
     EXPECT_GE(node->when, before + 1000);
     EXPECT_LE(node->when, util_timestamp() + 1000);
-    EXPECT_EQ(name_of(node), "b");
+    EXPECT_EQ(free_and_name(node), "b");
 }
 
 TEST(TimeQue, UpdateDoesNotMoveAQueuedNode)
@@ -241,7 +241,7 @@ TEST(TimeQue, AnOverdueNodeIsHandedOutAtOnce)
     TimeQue que;
     arm(que, 'a', -20);
 
-    EXPECT_EQ(name_of(qor_time_que_deque(que)), "a");
+    EXPECT_EQ(free_and_name(qor_time_que_deque(que)), "a");
 }
 
 TEST(TimeQue, ABlockingTakeWithoutWaitTakesADueNode)
@@ -249,7 +249,7 @@ TEST(TimeQue, ABlockingTakeWithoutWaitTakesADueNode)
     TimeQue que;
     arm(que, 'a', 0); /* due in this very millisecond */
 
-    EXPECT_EQ(name_of(qor_time_que_deque_block(que, 0)), "a");
+    EXPECT_EQ(free_and_name(qor_time_que_deque_block(que, 0)), "a");
 }
 
 TEST(TimeQue, ANodeThatIsNotDueStays)
@@ -331,7 +331,7 @@ TEST(TimeQue, ABlockedTakerGetsTheNodeThatComes)
 {
     TimeQue que;
     std::string name;
-    std::thread taker([&] { name = name_of(qor_time_que_deque_block(que, -1)); });
+    Thread taker([&] { name = free_and_name(qor_time_que_deque_block(que, -1)); });
 
     arm(que, 'a', 20);
 
@@ -344,7 +344,7 @@ TEST(TimeQue, AnEarlierNodeOvertakesTheOneThatIsSleptFor)
     TimeQue que;
     arm(que, 'b', far_off);
     std::string name;
-    std::thread taker([&] { name = name_of(qor_time_que_deque_block(que, -1)); });
+    Thread taker([&] { name = free_and_name(qor_time_que_deque_block(que, -1)); });
 
     arm(que, 'a', 20);
 
@@ -395,23 +395,22 @@ TEST(TimeQue, ABlockedGiverGetsTheRoomOfATake)
 {
     TimeQue que(1);
     arm(que, 'a', 0);
-    std::thread giver(
+    Thread giver(
         [&] { EXPECT_EQ(qor_time_que_enque_block(que, new_time_node('b', 0), 60000), 0); });
 
-    EXPECT_EQ(name_of(qor_time_que_deque(que)), "a");
+    EXPECT_EQ(free_and_name(qor_time_que_deque(que)), "a");
 
     giver.join();
-    EXPECT_EQ(name_of(qor_time_que_deque(que)), "b");
+    EXPECT_EQ(free_and_name(qor_time_que_deque(que)), "b");
 }
 
 TEST(TimeQue, ABlockedGiverGetsTheRoomOfARemove)
 {
     TimeQue que(1);
     arm(que, 'a', far_off);
-    std::thread giver(
-        [&] { EXPECT_EQ(qor_time_que_enque_block(que, new_time_node('b', 0), -1), 0); });
+    Thread giver([&] { EXPECT_EQ(qor_time_que_enque_block(que, new_time_node('b', 0), -1), 0); });
 
-    EXPECT_EQ(name_of(qor_time_que_remove(que, 'a')), "a");
+    EXPECT_EQ(free_and_name(qor_time_que_remove(que, 'a')), "a");
 
     giver.join();
 }
@@ -428,7 +427,7 @@ TEST(TimeQue, RemoveTakesTheEarliestNodeWithTheId)
     qor_time_que_node_t *removed = qor_time_que_remove(que, 'a');
 
     EXPECT_NE(removed, late);
-    EXPECT_EQ(name_of(removed), "a");
+    EXPECT_EQ(free_and_name(removed), "a");
     EXPECT_EQ(order(que), "ba");
     EXPECT_EQ(que->count, 2);
 }
@@ -704,7 +703,7 @@ TEST(TimeQue, QuitReleasesABlockedTaker)
 {
     TimeQue que;
     arm(que, 'a', far_off);
-    std::thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
+    Thread taker([&] { EXPECT_EQ(qor_time_que_deque_block(que, -1), nullptr); });
 
     qor_time_que_quit(que);
 
@@ -737,14 +736,16 @@ INSTANTIATE_TEST_SUITE_P(
                                     0);
                       }},
         TimeQueChange{
-            "deque", [](qor_time_que_t *que) { EXPECT_EQ(name_of(qor_time_que_deque(que)), "a"); }},
+            "deque",
+            [](qor_time_que_t *que) { EXPECT_EQ(free_and_name(qor_time_que_deque(que)), "a"); }},
         TimeQueChange{"deque_block",
                       [](qor_time_que_t *que) {
-                          EXPECT_EQ(name_of(qor_time_que_deque_block(que, -1)), "a");
+                          EXPECT_EQ(free_and_name(qor_time_que_deque_block(que, -1)), "a");
                       }},
-        TimeQueChange{
-            "remove",
-            [](qor_time_que_t *que) { EXPECT_EQ(name_of(qor_time_que_remove(que, 'b')), "b"); }},
+        TimeQueChange{"remove",
+                      [](qor_time_que_t *que) {
+                          EXPECT_EQ(free_and_name(qor_time_que_remove(que, 'b')), "b");
+                      }},
         TimeQueChange{"early",
                       [](qor_time_que_t *que) { EXPECT_EQ(qor_time_que_early(que, 'b', 0), 0); }},
         TimeQueChange{"quit", qor_time_que_quit},
@@ -764,11 +765,11 @@ TEST(TimeQue, StepsCombineUnderOneLock)
     qor_time_que_lock(que);
     EXPECT_EQ(qor_time_que_enque_locked(que, new_time_node('a', -1)), 0);
     EXPECT_EQ(qor_time_que_enque_block_locked(que, new_time_node('b', 60000), -1), 0);
-    EXPECT_EQ(name_of(qor_time_que_deque_block_locked(que, -1)), "a");
+    EXPECT_EQ(free_and_name(qor_time_que_deque_block_locked(que, -1)), "a");
     EXPECT_EQ(qor_time_que_early_locked(que, 'b', 0), 0);
     EXPECT_EQ(qor_time_que_next_delay_locked(que, &delay), 0);
     EXPECT_EQ(qor_time_que_deque_locked(que), nullptr);
-    EXPECT_EQ(name_of(qor_time_que_remove_locked(que, 'b')), "b");
+    EXPECT_EQ(free_and_name(qor_time_que_remove_locked(que, 'b')), "b");
     qor_time_que_unlock(que);
 }
 

@@ -3,10 +3,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <future>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,9 +12,11 @@
 #include "actor.hpp"
 #include "await.hpp"
 #include "case_name.hpp"
+#include "door.hpp"
 #include "output.hpp"
 #include "qor_sched_delegate.h"
-#include "test_bus.hpp"
+#include "still_bus.hpp"
+#include "thread.hpp"
 
 namespace {
 
@@ -62,7 +62,8 @@ struct Publication {
         }
     }
 
-    /* Sends a request to topic 0, which is handled on this thread; listeners follow in run(). */
+    /* Sends a request to topic 0, which is handled on this thread; listeners follow in run_all().
+     */
     void publish()
     {
         qor_context_msg_t msg;
@@ -73,7 +74,7 @@ struct Publication {
     /* For filters and listeners of the point before the handler only. */
     qor_context_topic_attr_t before = {QOR_CONTEXT_TOPIC_ATTR_POINT,
                                        QOR_CONTEXT_TOPIC_ATTR_POINT_BEFORE, 0};
-    PumpedBus bus;
+    StillBus bus{StillBus::bare};
     Journal journal;
     Actor p{journal, "p"}, a{journal, "a"}, b{journal, "b"}, c{journal, "c"};
 };
@@ -233,22 +234,16 @@ TEST_F(TopicCore, KindsAndTopicsAreIndependent)
 
 TEST_F(TopicCore, RegisteringDoesNotWaitForAContextThatIsBeingEntered)
 {
-    std::atomic<bool> waits{false};
-    std::promise<void> start;
-    a.on_resume = [&] {
-        waits = true;
-        start.get_future().wait();
-        return 0;
-    };
+    Door start;
+    a.on_resume = [&] { return start.pass() ? 0 : -1; };
     qor_topic_core_subscribe(table, a.get(), 0, nullptr);
-    std::thread delivery([&] { qor_topic_core_subscriber_node_next(table, 0, nullptr); });
-    ASSERT_TRUE(await([&] { return waits.load(); }));
+    Thread delivery([&] { qor_topic_core_subscriber_node_next(table, 0, nullptr); });
+    ASSERT_TRUE(start.await(1));
 
-    auto registered = std::async(
-        std::launch::async, [&] { return qor_topic_core_subscribe(table, b.get(), 0, nullptr); });
-    EXPECT_EQ(registered.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    Thread registering([&] { qor_topic_core_subscribe(table, b.get(), 0, nullptr); });
+    registering.join();
 
-    start.set_value();
+    start.open();
     delivery.join();
     EXPECT_EQ(a.entries, 1);
 }
@@ -326,12 +321,12 @@ TEST_F(TopicCore, WalkGoesOnFromANodeThatAnotherThreadRemoves)
     qor_context_listen(on.a.get(), 0, &on.before);
     qor_context_listen(on.b.get(), 0, &on.before);
     on.b.on_message = [&](qor_context_msg_t *) {
-        std::thread([&] { qor_context_handler_unlisten(on.b.get(), 0); }).join();
+        Thread([&] { qor_context_handler_unlisten(on.b.get(), 0); }).join();
         return 0;
     };
 
     on.publish();
-    on.bus.run();
+    on.bus.run_all();
 
     EXPECT_EQ(on.journal.text(), "b:LISTEN_BEFORE a:LISTEN_BEFORE");
 }
@@ -341,7 +336,7 @@ TEST_F(TopicCore, NodeMayBeRemovedWhileItsContextIsBeingEntered)
     Publication on;
     qor_context_subscribe(on.a.get(), 0, nullptr);
     on.a.on_resume = [&] {
-        std::thread([&] { qor_context_unsubscribe(on.a.get(), 0); }).join();
+        Thread([&] { qor_context_unsubscribe(on.a.get(), 0); }).join();
         return 0;
     };
 
@@ -355,7 +350,7 @@ TEST_F(TopicCore, OneContextMayRegisterAndUnregisterOnTwoThreads)
 {
     constexpr int times = 2000;
     Publication on;
-    std::thread registering([&] {
+    Thread registering([&] {
         for (int i = 0; i < times; i++) {
             EXPECT_EQ(qor_context_subscribe(on.a.get(), 0, nullptr), 0);
         }
@@ -378,7 +373,7 @@ TEST_F(TopicCore, WalksAndRemovalsRunSideBySide)
     constexpr int times = 2000;
     Publication on;
     qor_context_filter(on.a.get(), 0, &on.before);
-    std::vector<std::thread> threads;
+    std::vector<Thread> threads;
     for (int i = 0; i < 2; i++) {
         threads.emplace_back([&] {
             for (int k = 0; k < times; k++) {
@@ -394,7 +389,7 @@ TEST_F(TopicCore, WalksAndRemovalsRunSideBySide)
             }
         });
     }
-    for (std::thread &thread : threads) {
+    for (Thread &thread : threads) {
         thread.join();
     }
 

@@ -175,13 +175,20 @@ static inline int list_empty(const list_head *head)
     return head->next == head;
 }
 
+/** util_timestamp() for strict ISO C, from which <time.h> hides the clock. Any thread. */
+QOR_API int64_t hal_timestamp(void);
+
 /** Reads the monotonic clock in milliseconds; changes of the wall clock do not touch it. */
 static inline int64_t util_timestamp(void)
 {
+#ifdef CLOCK_MONOTONIC
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     const int64_t seconds = ts.tv_sec;
     return seconds * 1000 + ts.tv_nsec / 1000000;
+#else
+    return hal_timestamp();
+#endif
 }
 
 /* A 32-bit time_t holds every moment of the monotonic clock. No cast: one that is valid in C is

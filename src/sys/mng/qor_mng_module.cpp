@@ -3,6 +3,7 @@
 #include "qor_mng_module.h"
 
 #include "hal_sync.hpp"
+#include "qor_bus_priv.hpp"
 #include "qor_context.h"
 #include "qor_context_handler.h"
 #include "qor_context_msg.h"
@@ -10,11 +11,15 @@
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_mng_module_priv.hpp"
+#include "qor_sched_delegate_priv.hpp"
 #include "qor_util.hpp"
+#include "que_front.hpp"
+#include "thread_record.hpp"
 
 namespace {
 
 constexpr char file_tag[] = "qor_mng_module";
+constexpr char init_task_name[] = "qor_mng_module_init_task"; /* whose lines these steps print */
 
 struct qor_mng_module_t {
     list_head ctx_head;             /* contexts that have started, the last one first */
@@ -64,8 +69,10 @@ int32_t manager_started(qor_mng_module_t *mng, qor_context_t *context)
 /* Takes down a context whose init has failed. */
 void manager_failed(qor_mng_module_t *mng, qor_context_t *context)
 {
-    qor_context_unregister(context);
-    qor_context_uninit(context);
+    QOR_LINE("inf", init_task_name,
+             "============ %s context(%p) init failed ===========", name_of(context),
+             static_cast<void *>(context));
+    user_context_fail(context);
     {
         hal_scoped_lock lock(mng->mutex);
         unlink_locked(context);
@@ -75,23 +82,48 @@ void manager_failed(qor_mng_module_t *mng, qor_context_t *context)
      * phase never starts. Test: MngModule.NoSecondPhaseWhenTheLastOneFails. */
 }
 
-void *qor_mng_module_init_task(qor_context_t *manager, int32_t, void *arg)
+/* An init has ended its thread, and so failed. */
+void manager_init_left(void *arg)
+{
+    qor_context_t *context = static_cast<qor_context_t *>(arg);
+    qor_core_context_t *core = qor_core_context_type(context);
+    user_init_failed(core);
+    manager_failed(manager_of(core->priv->init_task.context), context);
+}
+
+int32_t manager_context_init(qor_context_t *context)
+{
+    thread_scope inside(manager_init_left, context);
+    return qor_context_init(context);
+}
+
+/* An init that is claimed. */
+void *manager_init_run(qor_context_t *manager, int32_t, void *arg)
 {
     qor_mng_module_t *mng = manager_of(manager);
     qor_context_t *context = static_cast<qor_context_t *>(arg);
-    QOR_INF("============ %s context(%p) init start ===========", name_of(context), arg);
-    if (qor_context_init(context) < 0) {
-        QOR_INF("============ %s context(%p) init failed ===========", name_of(context), arg);
+    QOR_LINE("inf", init_task_name,
+             "============ %s context(%p) init start ===========", name_of(context), arg);
+    if (manager_context_init(context) < 0) {
         manager_failed(mng, context);
         return nullptr;
     }
-    QOR_INF("============ %s context(%p) init success ===========", name_of(context), arg);
+    QOR_LINE("inf", init_task_name,
+             "============ %s context(%p) init success ===========", name_of(context), arg);
     qor_context_start(context);
     const int32_t phase = manager_started(mng, context);
     if (phase >= 0) {
         qor_mng_module_init_module_by_pure(mng, phase);
     }
     return nullptr;
+}
+
+/* The task that a worker comes to; a thread that waited for the start may have been first. */
+void *qor_mng_module_init_task(qor_context_t *manager, int32_t session, void *arg)
+{
+    return user_init_claim(qor_core_context_type(static_cast<qor_context_t *>(arg)))
+               ? manager_init_run(manager, session, arg)
+               : nullptr;
 }
 
 int32_t manager_attach(qor_mng_module_t *mng, qor_context_t *context)
@@ -126,13 +158,48 @@ void manager_create(qor_mng_module_t *mng, qor_context_module_t *module, const c
     }
 }
 
-/* Queues the init tasks of a phase, newest context first. */
-void manager_init_post(qor_mng_module_t *mng)
+/* Offers an init and queues its task: 0, or -1 without memory. */
+int32_t manager_init_queue(qor_mng_module_t *mng, qor_context_t *context)
 {
-    hal_scoped_lock lock(mng->mutex);
-    util_list_each(mng->uninit_ctx_head, [mng](list_head *link) {
-        qor_context_t *context = context_of(link);
+    qor_bus_t *bus = sched_delegate_bus(mng->ctx);
+    if (!bus) {
         qor_context_runx_name(mng->ctx, name_of(context), qor_mng_module_init_task, context);
+        return 0;
+    }
+    qor_que_node_t *node = bus_node();
+    if (!node) {
+        return -1;
+    }
+    qor_context_task_t *task = bus_task_of(node);
+    qor_context_taskx_init(task, mng->ctx, name_of(context), qor_bus_session(bus), manager_init_run,
+                           context);
+    user_init_offer(qor_core_context_type(context), task);
+    task->fun.runx = qor_mng_module_init_task;
+    que_front_of(node)->flags = que_own;
+    if (bus_node_post(bus, node) < 0) {
+        sched_delegate_post_refused(mng->ctx, task);
+        qor_que_node_destroy(node, nullptr);
+    }
+    return 0;
+}
+
+/* Queues the init tasks of a phase, newest context first. One without memory has failed. */
+void manager_inits_queue(qor_mng_module_t *mng)
+{
+    list_head failed = {&failed, &failed};
+    {
+        hal_scoped_lock lock(mng->mutex);
+        util_list_each(mng->uninit_ctx_head, [mng, &failed](list_head *link) {
+            if (manager_init_queue(mng, context_of(link)) < 0) {
+                list_del(link);
+                list_add_tail(link, &failed);
+            }
+        });
+    }
+    util_list_each(failed, [mng](list_head *link) {
+        list_del(link);
+        user_init_failed(qor_core_context_type(context_of(link)));
+        manager_failed(mng, context_of(link));
     });
 }
 
@@ -146,7 +213,7 @@ int32_t qor_mng_module_init_module_by_pure(qor_mng_module_t *mng, int32_t pure)
             manager_create(mng, *module, __func__);
         }
     }
-    manager_init_post(mng);
+    manager_inits_queue(mng);
     return 1;
 }
 
@@ -165,7 +232,8 @@ void qor_mng_module_unsubscribe(qor_context_t *context)
 int32_t qor_mng_module_init(qor_context_t *context, void *arg)
 {
     qor_mng_module_t *mng = util_zalloc<qor_mng_module_t>();
-    if (!mng) {
+    if (!mng || pthread_mutex_init(&mng->mutex, nullptr) != 0) {
+        free(mng);
         QOR_ERR("malloc \"qor_mng_module_t\" failed.");
         return -1;
     }
@@ -174,7 +242,6 @@ int32_t qor_mng_module_init(qor_context_t *context, void *arg)
     INIT_LIST_HEAD(&mng->lost_head);
     mng->pure = 1;
     mng->modules = static_cast<qor_context_module_t **>(arg);
-    pthread_mutex_init(&mng->mutex, nullptr);
     mng->ctx = context;
     qor_context_priv_data_set(context, mng);
     /* Deliberate: the next phase is begun by the last successful init of this one and by nothing
@@ -221,13 +288,13 @@ void mng_module_close(qor_context_t *context)
     }
     const auto take_down = [](list_head *link) {
         list_del(link);
-        core_context_close(context_of(link));
+        user_context_close(context_of(link));
     };
     util_list_each(mng->uninit_ctx_head, take_down);
     util_list_each(mng->ctx_head, take_down);
     util_list_each(mng->lost_head, [](list_head *link) {
         list_del(link);
-        core_context_free(qor_core_context_type(context_of(link)));
+        user_context_free(qor_core_context_type(context_of(link)));
     });
     pthread_mutex_destroy(&mng->mutex);
     free(mng);

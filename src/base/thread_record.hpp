@@ -1,0 +1,78 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* What the library keeps about each of its own threads: the bus that the thread works for, and what
+ * has to be given back if a task ends the thread with pthread_exit(). */
+#ifndef THREAD_RECORD_HPP
+#define THREAD_RECORD_HPP
+
+#include "qor_hal.h"
+#include "qor_types.h"
+
+/* How deep scopes are remembered: a run, its task, and one for each walk over listeners or filters
+ * that calls a handler inside the one before. What lies deeper is not given back by a
+ * pthread_exit(). */
+constexpr uint32_t thread_scopes_max = 16;
+
+/* Outlives its thread, whose own data may still use the bus while it ends. Nothing here may point
+ * into the frames of tasks: they do not outlast a pthread_exit(). Only its thread touches it. */
+struct thread_record {
+    qor_bus_t *bus; /* NULL: none */
+    uint32_t depth; /* scopes entered, also those beyond the limit */
+    struct {
+        void (*leave)(void *what);
+        void *what;
+    } scopes[thread_scopes_max];
+};
+
+/* Makes the records findable: 0, or -1 when the system has no key left. Any thread, any number of
+ * times; once is enough for the process. */
+int32_t thread_records_open();
+
+/* The calling thread's record, or NULL: not a thread of the library's. */
+thread_record *thread_record_get();
+
+/* Makes a record the calling thread's, or takes it away with NULL. */
+void thread_record_set(thread_record *record);
+
+/* Leaves all scopes that are entered, innermost first: the thread is ending inside them. */
+void thread_record_leave(thread_record &record);
+
+/* From construction to destruction, a pthread_exit() calls leave(what) on the calling thread, if it
+ * is one of the library's. The usual way out calls nothing. */
+class thread_scope {
+public:
+    thread_scope(void (*leave)(void *), void *what) : record_(thread_record_get())
+    {
+        if (!record_) {
+            return;
+        }
+        if (record_->depth < thread_scopes_max) {
+            record_->scopes[record_->depth] = {leave, what};
+        }
+        record_->depth++;
+    }
+    ~thread_scope()
+    {
+        if (record_) {
+            record_->depth--;
+        }
+    }
+    thread_scope(const thread_scope &) = delete;
+    thread_scope &operator=(const thread_scope &) = delete;
+
+private:
+    thread_record *record_;
+};
+
+/* Calls visit(what) for each remembered scope of the calling thread that has this leave function.
+ */
+template <typename F> void thread_scopes_each(void (*leave)(void *), F visit)
+{
+    const thread_record *record = thread_record_get();
+    for (uint32_t i = 0; record && i < record->depth && i < thread_scopes_max; i++) {
+        if (record->scopes[i].leave == leave) {
+            visit(record->scopes[i].what);
+        }
+    }
+}
+
+#endif /* THREAD_RECORD_HPP */

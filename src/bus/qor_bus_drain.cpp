@@ -1,0 +1,101 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Drain: waiting until the threads of a bus have nothing to do. It costs them nothing while nobody
+ * drains. */
+#include "hal_sync.hpp"
+#include "qor_bus.h"
+#include "qor_bus_priv.hpp"
+#include "qor_diag.hpp"
+#include "qor_que_priv.hpp"
+#include "qor_time_que_priv.hpp"
+#include "que_waits.hpp"
+#include "thread_record.hpp"
+
+namespace {
+
+constexpr char file_tag[] = "qor_bus";
+
+/* Whether the loop and every worker wait, nothing is due and no helper runs an init. The only place
+ * but the expiry of a timer that holds both queues' locks, the timer queue's first. */
+bool bus_is_settled(qor_bus_t *bus)
+{
+    hal_scoped_lock timers(bus->time_que->mutex);
+    if (!time_que_is_settled_locked(bus->time_que)) {
+        return false;
+    }
+    hal_scoped_lock tasks(bus->que->mutex);
+    /* Last: an init is counted before its task can be found begun by a worker. */
+    return que_is_settled_locked(bus->que, hal_load(bus->priv->workers)) &&
+           hal_load(bus->priv->inits) == 0;
+}
+
+void bus_inits_await(qor_bus_private &priv, int64_t deadline)
+{
+    hal_scoped_lock lock(priv.mutex);
+    while (hal_load(priv.inits) > 0 && !priv.stopping && !que_time_is_over(deadline)) {
+        if (deadline == que_never) {
+            pthread_cond_wait(&priv.inits_over, &priv.mutex);
+        } else {
+            struct timespec until;
+            util_timespec(deadline, &until);
+            pthread_cond_timedwait(&priv.inits_over, &priv.mutex, &until);
+        }
+    }
+}
+
+/* A thread inside qor_bus_drain(), from construction to destruction. */
+class bus_drain {
+public:
+    explicit bus_drain(qor_bus_private &priv) : priv_(priv)
+    {
+        hal_scoped_lock lock(priv_.mutex);
+        priv_.drains++;
+    }
+    ~bus_drain()
+    {
+        hal_scoped_lock lock(priv_.mutex);
+        if (--priv_.drains == 0) {
+            pthread_cond_broadcast(&priv_.drained);
+        }
+    }
+    bus_drain(const bus_drain &) = delete;
+    bus_drain &operator=(const bus_drain &) = delete;
+
+private:
+    qor_bus_private &priv_;
+};
+
+} // namespace
+
+void bus_drains_await(qor_bus_private &priv)
+{
+    hal_scoped_lock lock(priv.mutex);
+    while (priv.drains > 0) {
+        pthread_cond_wait(&priv.drained, &priv.mutex);
+    }
+}
+
+int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time)
+{
+    QOR_CHECK(_this, -1);
+    const thread_record *record = thread_record_get();
+    if (record && record->bus == _this) {
+        QOR_ERR("a task of the bus would wait for itself.");
+        return -1;
+    }
+    QOR_CHECK(_this->time_que, -1);
+    bus_drain under_way(*_this->priv);
+    const int64_t deadline = que_deadline(wait_time);
+    while (!bus_stopping(_this)) {
+        if (bus_is_settled(_this)) {
+            return 0;
+        }
+        if (que_time_is_over(deadline)) {
+            return -1;
+        }
+        /* The loop first: only while it waits is the number of workers known. */
+        time_que_settle_until(_this->time_que, deadline);
+        que_settle_until(_this->que, _this->priv->workers, deadline);
+        bus_inits_await(*_this->priv, deadline);
+    }
+    return -1;
+}

@@ -1,0 +1,84 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* What stands behind a user context, and what the other sources may do with one. */
+#ifndef QOR_CORE_CONTEXT_PRIV_HPP
+#define QOR_CORE_CONTEXT_PRIV_HPP
+
+#include "qor_context_task.h"
+#include "qor_core_context.h"
+
+/* How far the init of a context has come. */
+enum user_init : int32_t {
+    user_init_unknown = 0, /* nobody has offered it yet */
+    user_init_offered,     /* whoever claims it first begins it */
+    user_init_begun,
+};
+
+struct qor_core_context_private {
+    list_head failed; /* in the bus's list of destroyed contexts */
+
+    /* Guarded by the private queue's lock: */
+    uint32_t numbers;   /* tasks so far, modulo 2^32; each has its own number */
+    uint32_t under_way; /* tasks out of the queue or past it that are not over: they run, or wait on
+                           the bus; not those below a failed init that waits */
+    int32_t closed;     /* 1 once the init has failed: takes no task, begins none */
+
+    /* Guarded by the context's mutex: */
+    user_init init;
+    qor_context_task_t init_task; /* what begins it, once it is offered; claimed already */
+};
+
+/* The class's handle_task: queues a copy of the task and schedules a run for it. */
+int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t *task);
+
+/* The class's loop, and a task's function: a loop run. Returns with the queue drained of what is
+ * due, or early when the bus quits: a module that keeps posting to itself must not keep its worker.
+ */
+int32_t qor_core_context_loop(qor_context_t *context);
+
+/* Takes a task out of the private queue, with the timer or the run that was to start it, and
+ * discards it; 0 when it was there, else -1. */
+int32_t user_task_cancel(qor_core_context_t *core, int32_t session);
+
+/* Releases what a task of a private queue carries when it is discarded unrun. Takes the task as
+ * void *, so that it can stand in for a recycle. */
+void user_task_discard(void *task);
+
+/* From now on posts are refused with a line and no task is begun. */
+void user_tasks_close(qor_core_context_t *core);
+
+/* Recycles what a closed context has queued, on the bus too. Requests of others are answered with
+ * ret -1. */
+void user_tasks_refuse(qor_core_context_t *core);
+
+/* Waits until no task of a closed context is under way any more. Tasks on the calling thread's own
+ * stack are not waited for, by nobody who waits here: they end only after this returns. */
+void user_tasks_await(qor_core_context_t *core);
+
+/* Offers an init: the task begins it, and whoever claims it first runs that. Those who wait for the
+ * start are woken. */
+void user_init_offer(qor_core_context_t *core, const qor_context_task_t *task);
+
+/* Claims an init for a task that is about to begin it: false when somebody else has. */
+bool user_init_claim(qor_core_context_t *core);
+
+/* For a thread that is about to wait for the start: has an init that nobody has begun run, by a
+ * helper, or on this thread if there is none to be had. false when there is nothing to begin. */
+bool user_init_help(qor_core_context_t *core, qor_bus_t *bus);
+
+/* Ends an init without success: STOP, and a line. */
+void user_init_failed(qor_core_context_t *core);
+
+/* Takes down a context whose init has failed: nothing is taken or begun any more, unreg, what is
+ * queued is recycled, what runs is waited for, uninit. */
+void user_context_fail(qor_context_t *context);
+
+/* Takes a context down in the order of the lifecycle, whatever it has reached. */
+void user_context_close(qor_context_t *context);
+
+/* Frees a user context and its inner one. No thread is left that could name either. */
+void user_context_free(qor_core_context_t *core);
+
+/* Frees the contexts that were destroyed while they were attached to the bus. */
+void user_contexts_free(qor_bus_t *bus);
+
+#endif /* QOR_CORE_CONTEXT_PRIV_HPP */

@@ -1,0 +1,83 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Waiting until a bus has nothing left to do. */
+#include "qor_bus.h"
+
+#include <cstdint>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "await.hpp"
+#include "bus_fixture.hpp"
+#include "door.hpp"
+#include "thread.hpp"
+
+TEST_F(BusLoop, DrainWaitsForTasksAndForThoseThatTheyPost)
+{
+    other.body = [] { usleep(20000); };
+    job.body = [&] { qor_bus_run(bus, Job::run, &other, nullptr); };
+    qor_bus_run(bus, Job::run, &job, nullptr);
+
+    EXPECT_EQ(qor_bus_drain(bus, 60000), 0);
+
+    EXPECT_EQ(job.runs, 1);
+    EXPECT_EQ(other.runs, 1);
+}
+
+TEST_F(BusLoop, DrainDoesNotWaitForATimerThatIsNotDue)
+{
+    qor_context_task_t timer = job.task(1, 60000);
+    timer.recycle = nullptr;
+    qor_bus_timer_post(bus, &timer);
+
+    EXPECT_EQ(qor_bus_drain(bus, 60000), 0);
+
+    EXPECT_EQ(job.runs, 0);
+}
+
+TEST_F(BusLoop, DrainEndsWithItsTime)
+{
+    Door door;
+    job.body = [&] { door.pass(); };
+    qor_bus_run(bus, Job::run, &job, nullptr);
+    ASSERT_TRUE(door.await(1));
+    const int64_t begun = now();
+
+    EXPECT_EQ(qor_bus_drain(bus, 50), -1);
+
+    EXPECT_GE(now() - begun, 49);
+    EXPECT_EQ(job.runs, 0);
+}
+
+TEST_F(BusLoop, DrainOfATaskIsRefused)
+{
+    int32_t drained = 0;
+    job.body = [&] { drained = qor_bus_drain(bus, -1); };
+    qor_bus_run(bus, Job::run, &job, Job::recycle);
+    ASSERT_TRUE(await([&] { return job.recycles == 1; }));
+
+    EXPECT_EQ(drained, -1);
+    EXPECT_EQ(out.printed(), line("drain", "a task of the bus would wait for itself."));
+}
+
+TEST_F(BusLoop, DrainEndsWithQuit)
+{
+    Door door;
+    job.body = [&] { door.pass(); };
+    qor_bus_run(bus, Job::run, &job, nullptr);
+    Thread draining([&] { EXPECT_EQ(qor_bus_drain(bus, -1), -1); });
+    ASSERT_TRUE(door.await(1));
+
+    qor_bus_quit(bus);
+    draining.join();
+
+    EXPECT_EQ(qor_bus_drain(bus, -1), -1);
+}
+
+TEST_F(Bus, DrainBeforeTheLoopHasSomethingToWaitFor)
+{
+    qor_bus_run(bus, Job::run, &job, nullptr);
+
+    EXPECT_EQ(qor_bus_drain(bus, 0), -1);
+    EXPECT_EQ(qor_bus_drain(bus, 20), -1);
+}

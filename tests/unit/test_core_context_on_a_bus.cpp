@@ -1,0 +1,186 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The private queue of a user context that is attached to a bus. */
+#include "qor_core_context.h"
+
+#include <gtest/gtest.h>
+
+#include "await.hpp"
+#include "module.hpp"
+#include "output.hpp"
+#include "qor_bus.h"
+#include "qor_context_handler.h"
+#include "qor_context_task.h"
+#include "qor_que.h"
+#include "qor_sched_delegate.h"
+#include "sleeper.hpp"
+#include "thread.hpp"
+
+namespace {
+
+qor_context_cls_t &cls = qor_core_context_class;
+
+/* A user context that is attached to a bus whose loop never runs. */
+class CoreContextOnABus : public testing::Test {
+protected:
+    CoreContextOnABus() : bus(qor_bus_create(modules, 1))
+    {
+        wrapper = qor_context_create(&cls, &module.descriptor);
+        core = qor_core_context_type(wrapper);
+        inner = core->context;
+        qor_sched_delegate_create(bus, QOR_BUS_ROLE_USER, wrapper);
+        recycled = 0;
+    }
+
+    ~CoreContextOnABus() override
+    {
+        if (core->lifecycle != QOR_USER_CONTEXT_LIFECYCLE_DESTROY) {
+            qor_context_uninit(wrapper);
+            qor_context_destroy(wrapper);
+        }
+        qor_bus_close(bus);
+        EXPECT_EQ(recycled, to_recycle);
+    }
+
+    int32_t post(int32_t session, int32_t delay = 0)
+    {
+        qor_context_task_t task = {};
+        qor_context_task_init(
+            &task, inner, "t", session, [](void *arg) { return arg; }, nullptr);
+        task.delay = delay;
+        task.recycle = [](void *) { recycled++; };
+        return qor_context_handler_post(inner, &task);
+    }
+
+    static int recycled;
+    int to_recycle = 0; /* by the time that the bus is closed */
+    Module module{"gauge"};
+    qor_context_module_t *modules[1] = {nullptr};
+    qor_bus_t *bus;
+    qor_context_t *wrapper;
+    qor_core_context_t *core;
+    qor_context_t *inner;
+    Output out;
+};
+
+int CoreContextOnABus::recycled;
+
+} // namespace
+
+TEST_F(CoreContextOnABus, XTimerCancelOfAnUnknownSessionFindsNoCancelx)
+{
+    EXPECT_EQ(qor_context_x_timer_cancel(inner, 5), -1);
+
+    EXPECT_EQ(out.printed(), err_line("qor_context_handler", "qor_context_handler_cancelx",
+                                      "!(handler->cancelx) == true."));
+}
+
+TEST_F(CoreContextOnABus, TimerCancelOfAnUnknownSessionReachesTheBus)
+{
+    EXPECT_EQ(qor_context_timer_cancel(inner, 5), -1);
+
+    EXPECT_EQ(out.printed(), err_line("qor_sched_delegate", "qor_sched_delegate_cancel",
+                                      "cancel a timer failed, source:gauge, session=5"));
+}
+
+TEST_F(CoreContextOnABus, AFiftyFirstTaskIsCancelledUnderItsOwnSession)
+{
+    for (int32_t session = 101; session <= 151; session++) {
+        ASSERT_EQ(post(session), 0);
+    }
+    ASSERT_EQ(core->que->count, 50);
+
+    EXPECT_EQ(qor_context_timer_cancel(inner, 151), 0);
+
+    EXPECT_EQ(recycled, 1);
+    EXPECT_EQ(core->que->count, 50);
+    to_recycle = 51;
+}
+
+TEST_F(CoreContextOnABus, ADelayedFiftyFirstTaskIsNotFoundByCancel)
+{
+    for (int32_t session = 101; session <= 150; session++) {
+        ASSERT_EQ(post(session), 0);
+    }
+    ASSERT_EQ(post(151, 60000), 0);
+
+    EXPECT_EQ(qor_context_timer_cancel(inner, 151), -1);
+
+    EXPECT_EQ(recycled, 0);
+    EXPECT_EQ(out.count("cancel a timer failed, source:gauge, session=151"), 1);
+    to_recycle = 51;
+}
+
+TEST_F(CoreContextOnABus, CloseRecyclesWhateverWaitsAndWhereverItWaits)
+{
+    for (int32_t session = 101; session <= 150; session++) {
+        ASSERT_EQ(post(session), 0);
+    }
+    ASSERT_EQ(post(151), 0);        /* in the bus's task queue */
+    ASSERT_EQ(post(152, 60000), 0); /* in the bus's timer queue */
+
+    to_recycle = 52;
+}
+
+TEST_F(CoreContextOnABus, NothingIsAcceptedOnceTheBusQuits)
+{
+    qor_bus_quit(bus);
+
+    EXPECT_EQ(post(7), -1);
+    EXPECT_EQ(post(8, 60000), -1);
+
+    EXPECT_EQ(core->que->count, 0);
+    EXPECT_EQ(core->refcount, 0);
+    EXPECT_EQ(out.count("create a timer failed, source:gauge, task:"), 2);
+}
+
+TEST_F(CoreContextOnABus, ATaskTakenBeforeTheBusRefusesItsRunIsNoError)
+{
+    Sleeper sleeper;
+    int32_t posted = -1;
+    qor_que_lock(bus->que); /* holds the posting thread up between the queues */
+    Thread posting([&] {
+        sleeper.here();
+        posted = post(7);
+    });
+    int32_t delay = 0;
+    ASSERT_TRUE(
+        await([&] { return sleeper.sleeps() && qor_time_que_next_delay(core->que, &delay) == 0; }));
+
+    EXPECT_EQ(cls.loop(wrapper), 0); /* a run that is under way */
+    __atomic_store_n(&bus->que->quitting, 1, __ATOMIC_RELEASE);
+    qor_que_unlock(bus->que);
+    posting.join();
+
+    EXPECT_EQ(posted, 0);
+    EXPECT_EQ(recycled, 1);
+    EXPECT_EQ(out.count("create a timer failed"), 0);
+    to_recycle = 1;
+}
+
+TEST_F(CoreContextOnABus, ALoopRunStopsOnceTheBusQuits)
+{
+    ASSERT_EQ(post(7), 0);
+    qor_bus_quit(bus);
+
+    EXPECT_EQ(cls.loop(wrapper), 0);
+
+    EXPECT_EQ(core->que->count, 1);
+    EXPECT_EQ(recycled, 0);
+    to_recycle = 1;
+}
+
+TEST_F(CoreContextOnABus, ADestroyedContextStaysUntilTheBusIsClosed)
+{
+    ASSERT_EQ(post(7), 0);
+    to_recycle = 1;
+    qor_context_uninit(wrapper);
+
+    qor_context_destroy(wrapper);
+
+    EXPECT_EQ(recycled, 1);
+    EXPECT_EQ(core->que->count, 0);
+    EXPECT_EQ(core->lifecycle, QOR_USER_CONTEXT_LIFECYCLE_DESTROY);
+    EXPECT_EQ(qor_context_resume(wrapper), -1);
+    EXPECT_EQ(cls.loop(wrapper), 0); /* a run that was under way */
+    EXPECT_STREQ(qor_context_module_name_get(inner), "gauge");
+}
