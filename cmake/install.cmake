@@ -6,8 +6,9 @@ set(_headers ${CMAKE_INSTALL_INCLUDEDIR}/qor_bus)
 set(_package ${CMAKE_INSTALL_LIBDIR}/cmake/qor_bus)
 file(GLOB _public_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h)
 
-install(TARGETS qor_bus EXPORT qor_bus LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-if(QOR_STATIC)
+install(TARGETS qor_bus EXPORT qor_bus
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+if(TARGET qor_bus_static)
   install(TARGETS qor_bus_static EXPORT qor_bus ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
 install(FILES ${_public_headers} ${PROJECT_SOURCE_DIR}/src/hal/linux/qor_hal.h

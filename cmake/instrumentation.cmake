@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Sanitizers and coverage, for everything that is built below.
+# Sanitizers and coverage, for everything that is built below; whether the library is hardened.
 if(QOR_SANITIZE)
   set(_san -fsanitize=${QOR_SANITIZE} -fno-omit-frame-pointer)
   if(QOR_SANITIZE MATCHES "undefined")
@@ -17,4 +17,13 @@ if(QOR_COVERAGE)
 endif()
 if(QOR_WERROR)
   add_compile_options(-Werror)
+endif()
+
+# Checks of stack and buffers, and no address of a function that can be overwritten after loading: for
+# builds that are made for speed. Those for size go without; sanitizers check more than that.
+set(QOR_HARDENED $<BOOL:${QOR_HARDENING}>)
+if(QOR_SANITIZE)
+  set(QOR_HARDENED 0)
+elseif(QOR_HARDENING STREQUAL "AUTO")
+  set(QOR_HARDENED $<CONFIG:Release,RelWithDebInfo>)
 endif()

@@ -7,6 +7,10 @@
 set -eu
 folder=${1:?usage: musl-sysroot.sh FOLDER}
 [ ! -f "$folder/.complete" ] || exit 0
+fail() {
+  echo "musl-sysroot.sh: $*" >&2
+  exit 1
+}
 
 release=${QOR_APT_RELEASE:-$(. /etc/os-release && echo "${VERSION_CODENAME:-}")}
 mirror=${QOR_APT_MIRROR:-$(
@@ -14,10 +18,7 @@ mirror=${QOR_APT_MIRROR:-$(
   apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
     awk -v release="$release" '$2 == release && $3 == "main" { print $1; exit }'
 )}
-[ -n "$mirror" ] || {
-  echo "musl-sysroot.sh: no package source here: set QOR_APT_MIRROR and QOR_APT_RELEASE" >&2
-  exit 1
-}
+[ -n "$mirror" ] || fail "no package source here: set QOR_APT_MIRROR and QOR_APT_RELEASE"
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 signed=
 [ ! -f "$keyring" ] || signed="[signed-by=$keyring] "
@@ -31,8 +32,10 @@ set -- -q -o APT::Architecture=armhf -o APT::Architectures=armhf -o APT::Sandbox
   -o Dir::State="$work/state" -o Dir::State::status=/dev/null -o Dir::Cache="$work/cache" \
   -o Dir::Etc::sourcelist="$work/sources.list" -o Dir::Etc::sourceparts=/dev/null \
   -o Acquire::Languages=none -o Acquire::Retries=3
-apt-get "$@" update
-(cd "$work/packages" && apt-get "$@" download musl musl-dev)
+# An update that fetches nothing still succeeds; the download does not.
+(cd "$work/packages" && apt-get "$@" update && apt-get "$@" download musl musl-dev) ||
+  fail "could not fetch musl and musl-dev for armhf from $mirror ($release). Is the machine online?" \
+    "QOR_APT_MIRROR names another source; a sysroot made elsewhere may be copied to $folder"
 for package in "$work"/packages/*.deb; do
   dpkg-deb -x "$package" "$work/root"
 done

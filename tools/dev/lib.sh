@@ -1,29 +1,26 @@
 # shellcheck shell=bash
 # SPDX-License-Identifier: Apache-2.0
-# What the commands share. Sourcing it goes to the root of the tree and sees to it that the packages
-# on the third line of the command are installed.
+# What the commands share. Sourcing it refuses arguments that the fourth line of the command does not
+# name, goes to the root of the tree, and sees to it that the packages on its third line are installed.
 set -euo pipefail
 
-# need PACKAGE...: on a terminal asks before it installs what is missing; without one it installs as
-# root and otherwise says what to install. Where there is no dpkg, the tools speak for themselves.
-need() {
-  command -v dpkg-query >/dev/null || return 0
-  local package missing=() as_root=()
-  for package; do
-    dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
-      missing+=("$package")
+# accept ARGUMENT...: ends with status 2 and one line unless the command takes them. The fourth line
+# says 'nothing', 'one of WORD...', 'any of WORD...', or whose arguments they are if it hands them on.
+accept() {
+  local takes known='' argument bad=0
+  takes=$(sed -n '4s/^# takes: //p' "$0")
+  case $takes in
+    'arguments of '*) return ;;
+    'one of '* | 'any of '*) known=" ${takes#* of } " ;;
+  esac
+  [ $# -le 1 ] || [[ $takes != 'one of '* ]] || bad=1
+  for argument; do
+    [[ $argument =~ ^[a-z0-9_-]+$ && $known = *" $argument "* ]] || bad=1
   done
-  [ ${#missing[@]} -gt 0 ] || return 0
-  [ "$(id -u)" = 0 ] || as_root=(sudo)
-  local install=("${as_root[@]}" apt-get install -y --no-install-recommends "${missing[@]}")
-  if [ -t 0 ] && [ -t 1 ]; then
-    read -r -p "Missing packages. Run '${install[*]}' now? [Y/n] " answer
-    [[ $answer =~ ^([Yy]|$) ]] || exit 1
-  elif [ "$(id -u)" != 0 ]; then
-    printf 'Missing packages; install them with:\n  %s\n' "${install[*]}" >&2
-    exit 1
-  fi
-  "${as_root[@]}" apt-get update && "${install[@]}"
+  [ $bad = 0 ] || {
+    printf './dev %s: not understood: %s (it takes %s)\n' "${0##*/}" "${*@Q}" "$takes" >&2
+    exit 2
+  }
 }
 
 # build PRESET [ARGUMENT...]: configures and builds; the arguments go to the build.
@@ -37,6 +34,8 @@ preset() {
     ctest --preset "$1" --parallel $((2 * $(nproc))) --output-junit results.xml "${@:2}"
 }
 
+accept "$@"
+. "$(dirname -- "$0")/packages.sh"
 _packages=$(sed -n '3s/^# needs: //p' "$0")
 cd -- "$(dirname -- "$0")/../.."
 # shellcheck disable=SC2086 # a list of words
