@@ -23,7 +23,7 @@ struct listing {
 
 int count_init(rbtree_kv_root *counts)
 {
-    return rbapi_kv_init(counts, NULL); /* counters go back with free() */
+    return rbapi_kv_init(counts, NULL); /* counters are released by free() */
 }
 
 /* Looks before it inserts: the map loses the memory of an insert that it refuses. */

@@ -8,8 +8,8 @@
 /* Makes an empty map of counters; rbapi_kv_destroy() releases it. */
 int count_init(rbtree_kv_root *counts);
 
-/* Counts the words of a text, which is written over. A word is a letter with the letters, digits
- * and underscores that follow, in lower case; bytes beyond ASCII are letters. Returns -1 without
+/* Counts the words of a text, which is written over. A word is a letter and what follows of
+ * letters, digits and underscores, in lower case; bytes beyond ASCII are letters. -1 without
  * memory. */
 int count_text(rbtree_kv_root *counts, char *text);
 

@@ -6,15 +6,82 @@
 #ifndef TELEMETRY_H
 #define TELEMETRY_H
 
+#include <signal.h>
 #include <stdatomic.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 #include "qor.h"
 
-#include "recording.h"
-#include "spread.h"
-#include "trace.h"
+/* What the sampler reads each time. Signed, so that an impossible value can be seen. */
+struct reading {
+    int64_t at_ms;        /* since the watch began */
+    int64_t cpu_busy;     /* ticks of all processors since boot, idle and waiting not counted */
+    int64_t cpu_total;    /* the same with idle and waiting */
+    int64_t mem_total_kb; /* memory of the machine */
+    int64_t mem_free_kb;  /* what programs could still have */
+    int64_t own_kb;       /* resident memory of this program */
+};
+
+/* A recording that is being replayed. */
+struct recording {
+    FILE *file; /* NULL when there is none */
+    const char *path;
+    int32_t line;    /* the last one read */
+    int32_t skipped; /* malformed ones */
+    int64_t last_ms; /* of the last good one: time must not run backwards */
+};
+
+/* Least, mean and greatest of a series of numbers, without keeping the numbers. */
+struct spread {
+    int64_t count;
+    int64_t min;
+    int64_t max;
+    int64_t sum;
+};
+
+static inline void spread_add(struct spread *spread, int64_t value)
+{
+    if (spread->count == 0 || value < spread->min) {
+        spread->min = value;
+    }
+    if (spread->count == 0 || value > spread->max) {
+        spread->max = value;
+    }
+    spread->sum += value;
+    spread->count++;
+}
+
+/* Which module ran when. */
+enum lane { LANE_SAMPLER, LANE_GUARD, LANE_JUDGE, LANE_ALARM, LANE_RECORDER, LANE_HOG, LANES };
+
+enum run_kind {
+    RUN_PUBLISH,  /* a reading is taken and published */
+    RUN_FILTER,   /* a filter sees the request, inside the publishing run */
+    RUN_REQUEST,  /* the subscriber handles the request */
+    RUN_CALL,     /* a request is handled on the caller's thread, inside the caller's run */
+    RUN_LISTEN,   /* a listener sees the answered request */
+    RUN_RESPONSE, /* the publisher receives the response */
+    RUN_TASK,     /* a task of the module's own */
+    RUN_KINDS
+};
+
+struct run {
+    int32_t lane;
+    int32_t kind;
+    int32_t sample; /* the number of the sample that it belongs to, or -1 */
+    int64_t began_us;
+    int64_t ended_us;
+};
+
+enum { TRACE_MAX = 4096 };
+
+struct trace {
+    pthread_mutex_t mutex; /* guards the rest until the bus is closed */
+    uint32_t count;        /* runs ever added; the last TRACE_MAX are kept */
+    struct run runs[TRACE_MAX];
+};
 
 /* Served by the sampler, the judge and the alarm, in this order. */
 enum { TOPIC_READY, TOPIC_SAMPLE, TOPIC_ALARM, TOPICS };
@@ -49,7 +116,7 @@ enum stop_reason { STOP_NOT, STOP_SAMPLES, STOP_RECORDING, STOP_COMMAND, STOP_SI
 struct sampler {
     pthread_mutex_t mutex; /* guards the counters: a response may be handled beside the timer */
     struct recording input;
-    FILE *record;        /* NULL when nothing is recorded */
+    FILE *record;        /* where the readings are kept, or NULL */
     int32_t limit;       /* samples to take, or 0 */
     int64_t zero_ms;     /* when the watch began */
     int64_t due_ms;      /* when the next sample is due */
@@ -108,6 +175,18 @@ struct recorder {
     struct spread own_kb;
 };
 
+/* The command that is watched, and the thread that takes signals. */
+struct command {
+    pid_t pid;       /* 0 when there is none */
+    int ended;       /* its end has been seen */
+    int status;      /* as waitpid() gives it, once ended */
+    int stopped;     /* it was still running at the end of the watch and was told to stop */
+    sigset_t taken;  /* the signals that the thread waits for */
+    sigset_t before; /* the mask that the program was started with */
+    pthread_t thread;
+    atomic_int over; /* the thread is to end */
+};
+
 struct telemetry {
     qor_bus_t *bus;
     atomic_int stop;   /* why the watch is to end; set by anybody, obeyed by the sampler */
@@ -119,6 +198,7 @@ struct telemetry {
     struct alarm alarm;
     struct recorder recorder;
     struct trace trace;
+    struct command command;
 };
 
 extern qor_context_module_t sampler_module, guard_module, judge_module, alarm_module,
@@ -134,6 +214,13 @@ void telemetry_done(struct telemetry *t);
 /* Stops the bus at once, because something failed that has been reported. */
 void telemetry_fail(struct telemetry *t);
 
+/* Monotonic microseconds. */
+int64_t trace_now(void);
+
+/* Adds a run that ends now. Any thread. */
+void trace_add(struct trace *trace, enum lane lane, enum run_kind kind, int32_t sample,
+               int64_t began_us);
+
 /* Copies a payload out of a message, whose parts need not be aligned, and into it. Both return -1
  * when the part is too small for the record. */
 int payload_read(const qor_context_request_t *from, void *record, int32_t size);
@@ -144,5 +231,38 @@ int payload_write(qor_context_response_t *to, const void *record, int32_t size);
  * makes the shared record the module's private data. */
 int32_t telemetry_attach(qor_context_t *context, void *arg);
 void telemetry_nothing(qor_context_t *context);
+
+/* The format of a recording, as --help prints it. */
+extern const char recording_format[];
+
+/* Opens what is to be replayed, or NULL for this machine, and takes the first reading. Returns -1
+ * after a line on standard error. */
+int sampler_open(struct sampler *s, const char *path);
+
+/* The table at the end, and what a recording has behind its readings; after the bus is closed. */
+void recorder_report(const struct telemetry *t);
+void recorder_write(FILE *record, const struct telemetry *t);
+
+/* Blocks the signals, so that every later thread has them blocked and only ours takes them. */
+void signals_block(struct command *command);
+
+/* Starts that thread. The first SIGINT or SIGTERM ends the watch in good order, a second one stops
+ * the bus at once; the end of the command ends the watch. Returns -1 when there is no thread. */
+int signals_start(struct telemetry *t);
+
+/* Ends the thread; after the loop has returned, before the bus is closed. */
+void signals_end(struct command *command);
+
+/* Runs a command. Returns -1 after a line on standard error. */
+int command_start(struct command *command, char **argv);
+
+/* Stops the command if it still runs. */
+void command_stop(struct command *command);
+
+/* Says in words how it ended. */
+void command_describe(const struct command *command, char *text, size_t size);
+
+/* Tells whether it ended by itself and with another status than 0. */
+int command_failed(const struct command *command);
 
 #endif /* TELEMETRY_H */

@@ -10,13 +10,8 @@
 
 enum { COLUMNS = 3, COLUMN_GAP = 18, LANE_HEIGHT = 36, BOX = 22, FOOT = 98 };
 
-static const char *const lane_names[LANES] = {"sampler", "guard",    "judge",
-                                              "alarm",   "recorder", "hog"};
-static const char *const kind_classes[RUN_KINDS] = {"publish", "filter",   "request", "call",
-                                                    "listen",  "response", "task"};
-
 struct column {
-    int32_t sample;
+    const struct sample *sample;
     const struct run *runs[RUN_KINDS]; /* of this sample, by kind; NULL where there is none */
     int64_t from_us;
     int64_t to_us;
@@ -24,29 +19,30 @@ struct column {
     double top_us; /* what the width stands for */
 };
 
-static int lane_count(const struct telemetry *t)
+static int lane_count(const struct recording *r)
 {
-    for (uint32_t i = 0; i < trace_kept(&t->trace); i++) {
-        if (trace_run(&t->trace, i)->lane == LANE_HOG) {
-            return LANES;
+    for (size_t i = 0; i < r->runs.count; i++) {
+        if (recording_run(r, i)->module == MODULE_HOG) {
+            return MODULES;
         }
     }
-    return LANE_HOG;
+    return MODULE_HOG;
 }
 
-double lanes_height(const struct telemetry *t)
+double lanes_height(const struct recording *r)
 {
-    return lane_count(t) * LANE_HEIGHT + FOOT;
+    return lane_count(r) * LANE_HEIGHT + FOOT;
 }
 
-/* Gathers what is known of a sample. Returns 0 when that is not all: the trace has forgotten it, or
+/* Gathers what is known of a sample. Returns 0 when that is not all: the trace had forgotten it, or
  * the bus was stopped in a hurry. */
-static int column_find(struct column *column, const struct telemetry *t, int32_t sample)
+static int column_find(struct column *column, const struct recording *r,
+                       const struct sample *sample)
 {
     *column = (struct column){.sample = sample};
-    for (uint32_t i = 0; i < trace_kept(&t->trace); i++) {
-        const struct run *run = trace_run(&t->trace, i);
-        if (run->sample == sample) {
+    for (size_t i = 0; i < r->runs.count; i++) {
+        const struct run *run = recording_run(r, i);
+        if (run->sample == sample->number) {
             column->runs[run->kind] = run;
             column->to_us = run->ended_us > column->to_us ? run->ended_us : column->to_us;
         }
@@ -59,26 +55,35 @@ static int column_find(struct column *column, const struct telemetry *t, int32_t
     return 1;
 }
 
-/* The sample that raised the newest alarm, or -1 when the trace has it no longer. */
-static int32_t alarm_sample(const struct telemetry *t)
+/* The place of the sample that raised the newest alarm; -1 when the trace has it no longer. */
+static int32_t alarm_place(const struct recording *r)
 {
     struct column column;
-    const int32_t sample = t->alarm.now.first;
-    return t->alarm.raised > 0 && column_find(&column, t, sample) ? sample : -1;
+    if (r->alarms.count == 0) {
+        return -1;
+    }
+    const int32_t number = recording_alarm(r, r->alarms.count - 1)->sample;
+    for (size_t i = r->samples.count; i-- > 0;) {
+        const struct sample *sample = recording_sample(r, i);
+        if (sample->number == number) {
+            return column_find(&column, r, sample) ? (int32_t)i : -1;
+        }
+    }
+    return -1;
 }
 
 /* Picks the samples to show: around the newest alarm, or the last ones. */
-static int columns_choose(struct column *columns, const struct telemetry *t)
+static int columns_choose(struct column *columns, const struct recording *r)
 {
-    const int32_t samples = t->sampler.requests;
-    const int32_t alarm = alarm_sample(t);
+    const int32_t samples = (int32_t)r->samples.count;
+    const int32_t alarm = alarm_place(r);
     int32_t first = samples - COLUMNS;
     int count = 0;
     if (alarm > 0 && alarm - 1 < first) {
         first = alarm - 1;
     }
     for (int32_t i = first < 0 ? 0 : first; i < samples && count < COLUMNS; i++) {
-        count += column_find(&columns[count], t, i);
+        count += column_find(&columns[count], r, recording_sample(r, (size_t)i));
     }
     return count;
 }
@@ -98,9 +103,9 @@ static void draw_run(FILE *file, const struct column *c, const struct run *run)
 {
     const double x = run_x(c, run->began_us);
     const double width = run_x(c, run->ended_us) - x;
-    svg_box(file, kind_classes[run->kind], x, lane_y(c, run->lane), width < 2 ? 2 : width, BOX);
+    svg_box(file, run_kind_names[run->kind], x, lane_y(c, run->module), width < 2 ? 2 : width, BOX);
     if (width > 30 && run->kind != RUN_TASK) {
-        svg_text(file, "inside", x + width / 2, lane_y(c, run->lane) + 15, "%d",
+        svg_text(file, "inside", x + width / 2, lane_y(c, run->module) + 15, "%d",
                  (int)(run->ended_us - run->began_us));
     }
 }
@@ -110,30 +115,31 @@ static void draw_arrow(FILE *file, const char *cls, const struct column *c, cons
                        int64_t at_us, const struct run *to)
 {
     if (from && to) {
-        const int down = to->lane > from->lane;
-        svg_line(file, cls, run_x(c, at_us), lane_y(c, from->lane) + (down ? BOX : 0),
-                 run_x(c, to->began_us) + 1, lane_y(c, to->lane) + (down ? 0 : BOX));
+        const int down = to->module > from->module;
+        svg_line(file, cls, run_x(c, at_us), lane_y(c, from->module) + (down ? BOX : 0),
+                 run_x(c, to->began_us) + 1, lane_y(c, to->module) + (down ? 0 : BOX));
     }
 }
 
 static void column_arrows(FILE *file, const struct column *c)
 {
-    const struct run *const *r = c->runs;
+    const struct run *const *runs = c->runs;
     /* the request leaves the publishing run when the filter has seen it */
-    draw_arrow(file, "ask", c, r[RUN_PUBLISH], r[RUN_FILTER] ? r[RUN_FILTER]->ended_us : c->from_us,
-               r[RUN_REQUEST]);
-    draw_arrow(file, "answer", c, r[RUN_REQUEST], r[RUN_REQUEST]->ended_us, r[RUN_RESPONSE]);
-    draw_arrow(file, "copy", c, r[RUN_REQUEST], r[RUN_REQUEST]->ended_us, r[RUN_LISTEN]);
-    if (r[RUN_CALL]) {
-        draw_arrow(file, "invoke", c, r[RUN_REQUEST], r[RUN_CALL]->began_us, r[RUN_CALL]);
+    draw_arrow(file, "ask", c, runs[RUN_PUBLISH],
+               runs[RUN_FILTER] ? runs[RUN_FILTER]->ended_us : c->from_us, runs[RUN_REQUEST]);
+    draw_arrow(file, "answer", c, runs[RUN_REQUEST], runs[RUN_REQUEST]->ended_us,
+               runs[RUN_RESPONSE]);
+    draw_arrow(file, "copy", c, runs[RUN_REQUEST], runs[RUN_REQUEST]->ended_us, runs[RUN_LISTEN]);
+    if (runs[RUN_CALL]) {
+        draw_arrow(file, "invoke", c, runs[RUN_REQUEST], runs[RUN_CALL]->began_us, runs[RUN_CALL]);
     }
 }
 
-static void column_frame(FILE *file, const struct column *c, const struct telemetry *t)
+static void column_frame(FILE *file, const struct column *c, const struct recording *r)
 {
     const struct area *a = &c->area;
     const double step = picture_step(c->top_us, 5);
-    for (int i = 0; i < lane_count(t); i++) {
+    for (int i = 0; i < lane_count(r); i++) {
         svg_box(file, i % 2 ? "even" : "odd", a->x, a->y + i * LANE_HEIGHT, a->width, LANE_HEIGHT);
     }
     for (double at = 0; at <= c->top_us; at += step) {
@@ -142,15 +148,15 @@ static void column_frame(FILE *file, const struct column *c, const struct teleme
         svg_text(file, "mid small", x, a->y + a->height + 16, "%.0f", at);
     }
     svg_line(file, "axis", a->x, a->y + a->height, a->x + a->width, a->y + a->height);
-    svg_text(file, "head", a->x, a->y - 8, "sample %d, at %.1f s", c->sample,
-             (double)t->recorder.series[c->sample].at_ms / 1000.0);
+    svg_text(file, "head", a->x, a->y - 8, "sample %d, at %.1f s", c->sample->number,
+             (double)c->sample->at_ms / 1000.0);
 }
 
-static void column_draw(FILE *file, const struct column *c, const struct telemetry *t)
+static void column_draw(FILE *file, const struct column *c, const struct recording *r)
 {
-    column_frame(file, c, t);
-    for (uint32_t i = 0; i < trace_kept(&t->trace); i++) {
-        const struct run *run = trace_run(&t->trace, i);
+    column_frame(file, c, r);
+    for (size_t i = 0; i < r->runs.count; i++) {
+        const struct run *run = recording_run(r, i);
         if (run->sample < 0 && run->began_us <= c->from_us && run->ended_us > c->from_us) {
             draw_run(file, c, run);
         }
@@ -173,7 +179,7 @@ static void runs_legend(FILE *file, double x, double y)
                                                  "receives the verdict",
                                                  "a task of its own"};
     for (int kind = 0; kind < RUN_KINDS; kind++) {
-        svg_box(file, kind_classes[kind], x, y - 10, 12, 12);
+        svg_box(file, run_kind_names[kind], x, y - 10, 12, 12);
         svg_text(file, "", x + 17, y, "%s", texts[kind]);
         x += 32 + 6.2 * (double)strlen(texts[kind]);
     }
@@ -192,27 +198,27 @@ static void arrows_legend(FILE *file, double x, double y)
     }
 }
 
-void lanes_draw(FILE *file, const struct telemetry *t, struct area area)
+void lanes_draw(FILE *file, const struct recording *r, struct area area)
 {
     struct column columns[COLUMNS];
-    const int count = columns_choose(columns, t);
-    const int lanes = lane_count(t);
+    const int count = columns_choose(columns, r);
+    const int lanes = lane_count(r);
     const double width = (area.width - (COLUMNS - 1) * COLUMN_GAP) / COLUMNS;
     svg_text(file, "head", 24, area.y - 62, "What each module did with a sample");
     svg_text(file, "sub", 24, area.y - 44,
              "Shown are %d of the %d samples%s, each on a scale of its own: \302\265s since the"
              " sampler began.",
-             count, t->sampler.requests, alarm_sample(t) >= 0 ? ", around the last alarm" : "");
+             count, r->requests, alarm_place(r) >= 0 ? ", around the last alarm" : "");
     for (int i = 0; i < lanes; i++) {
         svg_text(file, "right", area.x - 8, area.y + i * LANE_HEIGHT + LANE_HEIGHT / 2.0 + 4, "%s",
-                 lane_names[i]);
+                 module_names[i]);
     }
     for (int i = 0; i < count; i++) {
         struct column *c = &columns[i];
         c->area =
             (struct area){area.x + i * (width + COLUMN_GAP), area.y, width, lanes * LANE_HEIGHT};
         c->top_us = (double)(c->to_us - c->from_us) * 1.04 + 1;
-        column_draw(file, c, t);
+        column_draw(file, c, r);
     }
     runs_legend(file, area.x, area.y + lanes * LANE_HEIGHT + 54);
     arrows_legend(file, area.x, area.y + lanes * LANE_HEIGHT + 78);

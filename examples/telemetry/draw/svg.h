@@ -5,14 +5,12 @@
 
 #include <stdio.h>
 
-#include "qor_api.h"
-
 void svg_begin(FILE *file, double width, double height);
 void svg_end(FILE *file);
 void svg_box(FILE *file, const char *cls, double x, double y, double width, double height);
 void svg_line(FILE *file, const char *cls, double x1, double y1, double x2, double y2);
 void svg_text(FILE *file, const char *cls, double x, double y, const char *format, ...)
-    QOR_PRINTF(5, 6);
+    __attribute__((format(printf, 5, 6)));
 
 /* A triangle that points down to (x, y). */
 void svg_mark(FILE *file, const char *cls, double x, double y);

@@ -3,7 +3,7 @@
 #ifndef PICTURE_H
 #define PICTURE_H
 
-#include "telemetry.h"
+#include "recording.h"
 
 struct area {
     double x;
@@ -12,15 +12,15 @@ struct area {
     double height;
 };
 
-/* Draws everything; after the bus is closed. Errors stay in the file for ferror(). */
-void picture_draw(FILE *file, const struct telemetry *t);
+/* Draws everything. Errors stay in the file for ferror(). */
+void picture_draw(FILE *file, const struct recording *r);
 
 /* A step for at most `count` labels on a scale up to `top`: 1, 2 or 5 times a power of ten. */
 double picture_step(double top, int count);
 
 /* The two halves. The lanes' height follows from their number. */
-void chart_draw(FILE *file, const struct telemetry *t, struct area area);
-void lanes_draw(FILE *file, const struct telemetry *t, struct area area);
-double lanes_height(const struct telemetry *t);
+void chart_draw(FILE *file, const struct recording *r, struct area area);
+void lanes_draw(FILE *file, const struct recording *r, struct area area);
+double lanes_height(const struct recording *r);
 
 #endif /* PICTURE_H */

@@ -38,30 +38,30 @@ static void chart_frame(FILE *file, const struct scale *s)
              "seconds since the watch began");
 }
 
-static double value(const struct point *p, int memory)
+static double value(const struct sample *p, int memory)
 {
     return (memory ? p->headroom : p->load) / 10.0;
 }
 
 /* Draws one curve. Of a long watch, several samples fall on one spot: then the least and the
  * greatest of them are drawn, so that no peak is lost. */
-static void chart_curve(FILE *file, const struct scale *s, const struct recorder *r, int memory)
+static void chart_curve(FILE *file, const struct scale *s, const struct recording *r, int memory)
 {
-    const int32_t bundle = r->seen / 800 + 1;
+    const size_t bundle = r->samples.count / 800 + 1;
     svg_curve_begin(file, memory ? "memory" : "load");
-    for (int32_t from = 0; from < r->room; from += bundle) {
-        const struct point *least = NULL;
-        const struct point *most = NULL;
-        for (int32_t i = from; i < from + bundle && i < r->room; i++) {
-            const struct point *p = &r->series[i];
-            if (p->known && value(p, memory) >= 0) {
+    for (size_t from = 0; from < r->samples.count; from += bundle) {
+        const struct sample *least = NULL;
+        const struct sample *most = NULL;
+        for (size_t i = from; i < from + bundle && i < r->samples.count; i++) {
+            const struct sample *p = recording_sample(r, i);
+            if (value(p, memory) >= 0) {
                 least = !least || value(p, memory) < value(least, memory) ? p : least;
                 most = !most || value(p, memory) > value(most, memory) ? p : most;
             }
         }
         if (least) {
-            const struct point *first = least < most ? least : most;
-            const struct point *second = least < most ? most : least;
+            const struct sample *first = least < most ? least : most;
+            const struct sample *second = least < most ? most : least;
             svg_curve_to(file, at_x(s, first->at_ms), at_y(s, value(first, memory)));
             if (second != first) {
                 svg_curve_to(file, at_x(s, second->at_ms), at_y(s, value(second, memory)));
@@ -71,12 +71,12 @@ static void chart_curve(FILE *file, const struct scale *s, const struct recorder
     svg_curve_end(file);
 }
 
-static void chart_alarms(FILE *file, const struct scale *s, const struct alarm *alarm)
+static void chart_alarms(FILE *file, const struct scale *s, const struct recording *r)
 {
-    for (int32_t i = 0; i < alarm->raised && i < ALARMS_KEPT; i++) {
-        const struct alarm_episode *e = &alarm->episodes[i];
-        const double from = at_x(s, e->from_ms);
-        svg_box(file, "alarmed", from, s->area.y, at_x(s, e->to_ms) - from, s->area.height);
+    for (size_t i = 0; i < r->alarms.count; i++) {
+        const struct alarm *a = recording_alarm(r, i);
+        const double from = at_x(s, a->from_ms);
+        svg_box(file, "alarmed", from, s->area.y, at_x(s, a->to_ms) - from, s->area.height);
         svg_mark(file, "mark", from, s->area.y);
     }
 }
@@ -102,18 +102,15 @@ static void chart_legend(FILE *file, const struct scale *s)
     svg_text(file, "", x + 30, y + 4, "headroom limit");
 }
 
-void chart_draw(FILE *file, const struct telemetry *t, struct area area)
+void chart_draw(FILE *file, const struct recording *r, struct area area)
 {
-    struct scale s = {.area = area, .to_ms = 100};
-    for (int32_t i = 0; i < t->recorder.room; i++) {
-        const struct point *p = &t->recorder.series[i];
-        s.to_ms = p->known && (double)p->at_ms > s.to_ms ? (double)p->at_ms : s.to_ms;
-    }
+    const double last_ms = (double)recording_sample(r, r->samples.count - 1)->at_ms;
+    const struct scale s = {.area = area, .to_ms = last_ms > 100 ? last_ms : 100};
     chart_frame(file, &s);
     svg_line(file, "limit", area.x, at_y(&s, 90), area.x + area.width, at_y(&s, 90));
     svg_line(file, "low", area.x, at_y(&s, 10), area.x + area.width, at_y(&s, 10));
-    chart_alarms(file, &s, &t->alarm);
-    chart_curve(file, &s, &t->recorder, 1);
-    chart_curve(file, &s, &t->recorder, 0);
+    chart_alarms(file, &s, r);
+    chart_curve(file, &s, r, 1);
+    chart_curve(file, &s, r, 0);
     chart_legend(file, &s);
 }

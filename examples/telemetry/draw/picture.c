@@ -16,18 +16,17 @@ double picture_step(double top, int count)
     return step;
 }
 
-void picture_draw(FILE *file, const struct telemetry *t)
+void picture_draw(FILE *file, const struct recording *r)
 {
-    const struct spread *trip = &t->sampler.round_trip_us;
     const struct area chart = {LEFT, CHART_TOP, WIDTH - LEFT - RIGHT, CHART_HEIGHT};
     const struct area lanes = {LEFT, CHART_TOP + CHART_HEIGHT + GAP, WIDTH - LEFT - RIGHT, 0};
-    svg_begin(file, WIDTH, lanes.y + lanes_height(t));
+    svg_begin(file, WIDTH, lanes.y + lanes_height(r));
     svg_text(file, "title", 24, 32, "Telemetry: the machine as the judge saw it");
     svg_text(file, "sub", 24, 52,
-             "Samples: %d. Alarms: %d. From request to response: %" PRId64 " to %" PRId64
+             "Samples: %zu. Alarms: %d. From request to response: %" PRId64 " to %" PRId64
              " \302\265s, on average %" PRId64 " \302\265s.",
-             t->recorder.seen, t->alarm.raised, trip->min, trip->max, spread_mean(trip));
-    chart_draw(file, t, chart);
-    lanes_draw(file, t, lanes);
+             r->samples.count, r->raised, r->trip_least_us, r->trip_most_us, r->trip_mean_us);
+    chart_draw(file, r, chart);
+    lanes_draw(file, r, lanes);
     svg_end(file);
 }
