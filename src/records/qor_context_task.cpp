@@ -31,6 +31,27 @@ void task_name_put(qor_context_task_t *task, const char *name)
     task_name_copy(task->name, name_size - 1, name, name_size - 1);
 }
 
+/* The default name, "task:%p". By hand, for it is made for each task that the library makes. */
+void task_name_default(qor_context_task_t *task, const void *func)
+{
+    constexpr char start[] = "task:0x";
+    const uintptr_t address = reinterpret_cast<uintptr_t>(func);
+    if (!address) { /* which every C library prints its own way */
+        hal_snprintf(task->name, name_size, "task:%p", func);
+        return;
+    }
+    memcpy(task->name, start, sizeof(start) - 1);
+    char *to = task->name + sizeof(start) - 1;
+    int shift = 0;
+    while (shift + 4 < static_cast<int>(8 * sizeof(address)) && address >> (shift + 4)) {
+        shift += 4;
+    }
+    for (; shift >= 0; shift -= 4) {
+        *to++ = "0123456789abcdef"[address >> shift & 0xf];
+    }
+    *to = '\0';
+}
+
 /* What both kinds of task share; the name is the one that its diagnostics print. The function comes
  * as an address, only to name a nameless task after it. */
 int32_t _qor_context_task_init(qor_context_task_t *_this, qor_context_t *context, const char *name,
@@ -40,7 +61,7 @@ int32_t _qor_context_task_init(qor_context_task_t *_this, qor_context_t *context
     if (name) {
         task_name_put(_this, name);
     } else {
-        hal_snprintf(_this->name, name_size, "task:%p", func);
+        task_name_default(_this, func);
     }
     _this->context = context;
     _this->session = ss;

@@ -40,11 +40,15 @@ QOR_API int hal_snprintf(char *str, const int len, const char *fmt, ...) QOR_PRI
 QOR_API int hal_vsnprintf(char *str, const int len, const char *format, va_list ap)
     QOR_PRINTF(3, 0);
 
-/** Names the calling thread; the kernel keeps the first 15 characters. Returns prctl's result. */
-static inline int hal_thread_name_set(const char *thread_name)
-{
-    return prctl(PR_SET_NAME, thread_name);
-}
+/**
+ * Names the calling thread; the kernel keeps the first 15 characters.
+ *
+ * @return  0, or prctl's result when the kernel was asked and refused
+ *
+ * On the library's own threads the kernel is asked only for a name that differs from the last one
+ * set here. A thread that is renamed some other way keeps that name until another one comes.
+ */
+QOR_API int hal_thread_name_set(const char *thread_name);
 
 /**
  * Gives the calling thread a priority under its present scheduling policy. A priority that the
