@@ -22,8 +22,8 @@ struct qor_bus {
     qor_context_module_t **modules;    /**< the application's array, NULL-terminated; borrowed */
     qor_topic_core_t *user_topic_core; /**< the application's topics */
     qor_topic_core_t *sys_topic_core;  /**< QOR_SYS_NUM topics */
-    int32_t session;                   /**< the next session number; guarded by session_mutex */
-    hal_thread_mutex_t session_mutex;  /**< a leaf: no other lock is taken under it */
+    int32_t session;                   /**< the next session number; changed atomically */
+    hal_thread_mutex_t session_mutex;  /**< reserved: numbers are drawn without it */
     uint32_t thread_num;               /**< number of workers */
     uint32_t thread_stack_size;        /**< of each worker, in bytes */
     int32_t thread_priority;           /**< of each worker; negative leaves scheduling alone */

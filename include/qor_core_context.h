@@ -39,7 +39,7 @@ typedef enum {
 struct qor_core_context {
     qor_context_t base;         /**< the wrapper; first, so that it is a context */
     qor_context_t *context;     /**< the module's context; stays when the wrapper is destroyed */
-    int32_t active_refcount;    /**< entries less leaves, modulo 2^32; guarded by mutex */
+    int32_t active_refcount;    /**< entries less leaves, modulo 2^32; changed atomically */
     volatile int32_t lifecycle; /**< written under mutex, read without */
     hal_thread_cond_t cond;     /**< broadcast on every change of lifecycle but resume's, and on
                                      every pause */

@@ -358,9 +358,12 @@ int32_t qor_bus_quitting(qor_bus_t *_this)
 
 int32_t qor_bus_session(qor_bus_t *_this)
 {
-    hal_scoped_lock lock(_this->session_mutex);
-    const int32_t session = _this->session;
-    _this->session = session == INT32_MAX ? 0 : session + 1;
+    int32_t session = __atomic_load_n(&_this->session, __ATOMIC_RELAXED);
+    int32_t next;
+    do { /* not by adding alone: two threads at the wrap would draw a negative number */
+        next = session == INT32_MAX ? 0 : session + 1;
+    } while (!__atomic_compare_exchange_n(&_this->session, &session, next, true, __ATOMIC_RELAXED,
+                                          __ATOMIC_RELAXED));
     return session;
 }
 

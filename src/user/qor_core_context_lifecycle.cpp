@@ -28,12 +28,10 @@ void lifecycle_store(qor_core_context_t *core, int32_t lifecycle)
     pthread_cond_broadcast(&core->cond);
 }
 
-/* Rises with every publish that is never left again, so it wraps, without sign. The caller holds
- * the mutex. */
-void active_refcount_add(qor_core_context_t *core, uint32_t count)
+/* Rises with every publish that is never left again, and wraps. */
+void active_refcount_add(qor_core_context_t *core, int32_t count)
 {
-    core->active_refcount =
-        static_cast<int32_t>(static_cast<uint32_t>(core->active_refcount) + count);
+    __atomic_fetch_add(&core->active_refcount, count, __ATOMIC_RELAXED);
 }
 
 } // namespace
@@ -104,6 +102,10 @@ int32_t qor_core_context_lifecycle_stop(qor_core_context_t *_this)
 int32_t qor_core_context_lifecycle_resume(qor_core_context_t *_this)
 {
     QOR_CHECK(_this, -1);
+    if (hal_load(_this->lifecycle) == QOR_USER_CONTEXT_LIFECYCLE_RESUME) {
+        active_refcount_add(_this, 1);
+        return 0;
+    }
     qor_bus_t *bus = sched_delegate_bus(&_this->base);
     const auto started = [_this] { return _this->lifecycle > QOR_USER_CONTEXT_LIFECYCLE_CREATE; };
     const auto disturbed = [&] { return started() || _this->priv->init == user_init_offered; };
@@ -146,7 +148,7 @@ int32_t qor_core_context_lifecycle_pause(qor_core_context_t *_this)
             /* Deliberate: the lifecycle stays RESUME however often the context is left; only the
              * application sets PAUSE, and a stop waits for that.
              * Test: Lifecycle.PauseNeverReachesPause. */
-            active_refcount_add(_this, UINT32_MAX);
+            active_refcount_add(_this, -1);
             pthread_cond_broadcast(&_this->cond);
             return 0;
         }

@@ -23,12 +23,9 @@ TEST_F(Lifetimes, CountersThatRiseForEverWrap)
     ASSERT_TRUE(bus.up());
     qor_context_subscribe(server.context(), topic, nullptr);
     ASSERT_EQ(qor_bus_drain(bus.get(), 60000), 0);
-    pthread_mutex_lock(&server.core()->mutex);
-    server.core()->active_refcount = INT32_MAX - 5; /* one more with each request */
-    pthread_mutex_unlock(&server.core()->mutex);
-    pthread_mutex_lock(&bus.get()->session_mutex);
-    bus.get()->session = INT32_MAX - 10;
-    pthread_mutex_unlock(&bus.get()->session_mutex);
+    /* One more with each request. */
+    __atomic_store_n(&server.core()->active_refcount, INT32_MAX - 5, __ATOMIC_RELAXED);
+    __atomic_store_n(&bus.get()->session, INT32_MAX - 10, __ATOMIC_RELAXED);
 
     for (int i = 0; i < 20; i++) {
         EXPECT_GE(request(client), 0); /* a session, which is never negative */
