@@ -41,7 +41,7 @@ const char *name_of(qor_context_t *context)
 qor_context_t *subscriber_enter(qor_topic_core_t *table, qor_context_topic_t topic)
 {
     topic_dispatch under_way(table, topic);
-    qor_topic_node_t *node = qor_topic_core_subscriber_node_next(table, topic, nullptr);
+    qor_topic_node_t *node = topic_subscriber_step(table, topic, nullptr);
     return node ? node->context : nullptr;
 }
 
@@ -100,7 +100,7 @@ int32_t qor_sched_delegate_filter_dispatch(qor_context_t *publisher, qor_context
     const int32_t point = msg->type == QOR_CONTEXT_MSG_FILTER_BEFORE
                               ? QOR_CONTEXT_TOPIC_ATTR_POINT_BEFORE
                               : QOR_CONTEXT_TOPIC_ATTR_POINT_AFTER;
-    registrations_call(qor_topic_core_filter_node_next, publisher, msg, point, __func__);
+    registrations_call(topic_filter_step, publisher, msg, point, __func__);
     return 0;
 }
 
@@ -113,7 +113,7 @@ void *qor_sched_delegate_listen_dispatch_task(qor_context_t *publisher, int32_t,
     const int32_t point = msg->type == QOR_CONTEXT_MSG_LISTEN_BEFORE
                               ? QOR_CONTEXT_TOPIC_ATTR_POINT_BEFORE
                               : QOR_CONTEXT_TOPIC_ATTR_POINT_AFTER;
-    registrations_call(qor_topic_core_listener_node_next, publisher, msg, point, __func__);
+    registrations_call(topic_listener_step, publisher, msg, point, __func__);
     return nullptr;
 }
 

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Topic table. Lists are changed and stepped through under one mutex each; a removed registration
- * is freed when the dispatches that may stand on it have ended. */
+/* Topic table. Lists are changed under one mutex each, and stepped through under it by callers; the
+ * bus's own dispatches step without. A removed registration is freed when the dispatches that may
+ * stand on it have ended. */
 #include "qor_topic_core.h"
 
 #include "hal_sync.hpp"
@@ -140,38 +141,40 @@ int32_t topic_core_someone(qor_topic_core_t *core, qor_context_topic_t topic_id,
     return hal_load(head->next) != head;
 }
 
-qor_topic_node_t *qor_topic_core_node_next(list_head *head, hal_thread_mutex_t *mutex,
-                                           qor_topic_node_t *node)
-{
-    const list_head *from = node ? &node->topic_node : head;
-    if (hal_load(head->next) == head || hal_load(from->next) == head) {
-        return nullptr;
-    }
-    qor_topic_node_t *next;
+/* A registration, and its context as it was while the registration could be read. */
+struct topic_step {
+    qor_topic_node_t *node;
     qor_context_t *context;
-    {
-        hal_scoped_lock lock(*mutex);
-        list_head *link = from->next;
-        while (link != head && whole_node(node_of(link))->removed) {
-            link = link->next; /* a removed node still leads to those behind it */
-        }
-        if (link == head) {
-            return nullptr;
-        }
-        next = node_of(link);
-        context = next->context;
+};
+
+/* The first registration behind another, or of the list, that is still there. A removed one leads
+ * on to those behind it. */
+topic_step topic_step_from(const list_head &head, const qor_topic_node_t *node)
+{
+    list_head *link = hal_load((node ? &node->topic_node : &head)->next);
+    while (link != &head && topic_node_removed(node_of(link))) {
+        link = hal_load(link->next);
+    }
+    return link == &head ? topic_step{} : topic_step{node_of(link), node_of(link)->context};
+}
+
+qor_topic_node_t *qor_topic_core_node_next(const topic_step &next)
+{
+    if (!next.node) {
+        return nullptr;
     }
     /* Outside the mutex: entering may wait until the context has started, and its own init may be
      * about to register on this very topic. */
-    if (qor_context_resume(context) < 0) {
+    if (qor_context_resume(next.context) < 0) {
         /* Deliberate: the walk ends at a context that cannot be entered, those behind it are not
          * visited. Test: TopicCore.AWalkEndsAtAContextThatCannotBeEntered. */
-        QOR_ERR("resume failed. context = %s", qor_context_module_name_get(context));
+        QOR_ERR("resume failed. context = %s", qor_context_module_name_get(next.context));
         return nullptr;
     }
-    return next;
+    return next.node;
 }
 
+/* A step of a caller's walk. */
 qor_topic_node_t *topic_core_walk(qor_topic_core_t *core, qor_context_topic_t topic_id,
                                   qor_topic_node_t *node, const topic_kind &kind)
 {
@@ -179,7 +182,23 @@ qor_topic_node_t *topic_core_walk(qor_topic_core_t *core, qor_context_topic_t to
         return nullptr;
     }
     qor_topic_t *topic = &core->ids[topic_id];
-    return qor_topic_core_node_next(&(topic->*kind.head), &(topic->*kind.mutex), node);
+    topic_step next;
+    {
+        hal_scoped_lock lock(topic->*kind.mutex);
+        next = topic_step_from(topic->*kind.head, node);
+    }
+    return qor_topic_core_node_next(next);
+}
+
+/* A step of a walk inside a dispatch. It needs no lock: the dispatch was counted in before it
+ * reached this registration, so that and all it leads to stay readable. */
+qor_topic_node_t *topic_core_step(qor_topic_core_t *core, qor_context_topic_t topic_id,
+                                  qor_topic_node_t *node, const topic_kind &kind)
+{
+    if (qor_topic_core_topic_check(core, topic_id) < 0) {
+        return nullptr;
+    }
+    return qor_topic_core_node_next(topic_step_from(core->ids[topic_id].*kind.head, node));
 }
 
 void topic_locks_destroy(qor_topic_t &topic)
@@ -276,6 +295,24 @@ topic_walk::topic_walk(qor_topic_core_t *core, qor_context_topic_t topic)
 bool topic_node_removed(const qor_topic_node_t *node)
 {
     return hal_load(reinterpret_cast<const topic_node *>(node)->removed) != 0;
+}
+
+qor_topic_node_t *topic_subscriber_step(qor_topic_core_t *core, qor_context_topic_t topic,
+                                        qor_topic_node_t *node)
+{
+    return topic_core_step(core, topic, node, subscribers);
+}
+
+qor_topic_node_t *topic_listener_step(qor_topic_core_t *core, qor_context_topic_t topic,
+                                      qor_topic_node_t *node)
+{
+    return topic_core_step(core, topic, node, listeners);
+}
+
+qor_topic_node_t *topic_filter_step(qor_topic_core_t *core, qor_context_topic_t topic,
+                                    qor_topic_node_t *node)
+{
+    return topic_core_step(core, topic, node, filters);
 }
 
 qor_topic_core_t *qor_topic_core_create(int32_t id_max)

@@ -33,6 +33,15 @@ private:
     thread_scope inside_;
 };
 
+/* As qor_topic_core_subscriber_node_next() and its siblings, without a lock: for steps inside a
+ * dispatch of the caller's on that topic, from which it has the node. */
+qor_topic_node_t *topic_subscriber_step(qor_topic_core_t *core, qor_context_topic_t topic,
+                                        qor_topic_node_t *node);
+qor_topic_node_t *topic_listener_step(qor_topic_core_t *core, qor_context_topic_t topic,
+                                      qor_topic_node_t *node);
+qor_topic_node_t *topic_filter_step(qor_topic_core_t *core, qor_context_topic_t topic,
+                                    qor_topic_node_t *node);
+
 /* Tells whether a registration has been removed; the caller's dispatch keeps it readable. */
 bool topic_node_removed(const qor_topic_node_t *node);
 
