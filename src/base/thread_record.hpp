@@ -19,6 +19,10 @@ struct thread_record {
     char name[16];  /* what hal_thread_name_set() has named the thread, as far as the kernel keeps
                        it */
     int32_t named;  /* 1 once it has */
+    void *running;  /* the queue node whose task a worker runs; NULL: none, or it has been taken
+                       over by its task, and is no longer the worker's */
+    void *request;  /* the node of the request that the thread handles, for its response to travel
+                       with; NULL: none, or it is on its way */
     uint32_t depth; /* scopes entered, also those beyond the limit */
     struct {
         void (*leave)(void *what);
@@ -57,6 +61,13 @@ public:
     {
         if (record_) {
             record_->depth--;
+        }
+    }
+    /* Changes what is left; nothing has been entered inside since. */
+    void becomes(void (*leave)(void *), void *what)
+    {
+        if (record_ && record_->depth <= thread_scopes_max) {
+            record_->scopes[record_->depth - 1] = {leave, what};
         }
     }
     thread_scope(const thread_scope &) = delete;

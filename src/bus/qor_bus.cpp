@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "hal_sync.hpp"
+#include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_task.h"
 #include "qor_diag.hpp"
@@ -133,23 +134,32 @@ template <typename N> void bus_task_put(N *node, const qor_context_task_t *task)
     }
 }
 
-/* A publisher without a private queue needs but the run of a response. */
-qor_que_node_t *bus_response_node(const qor_context_t *publisher)
+/* What filling a task leaves alone. */
+template <typename N> N *bus_task_blank(N *node)
 {
-    qor_time_que_node_t *node = sched_delegate_response_node(publisher);
-    if (!node) {
-        return nullptr;
+    if (node) {
+        bus_task_of(node)->name[sizeof(qor_context_task_t::name) - 1] = '\0';
     }
-    qor_que_node_t *run = que_spare_take(node);
-    qor_time_que_node_destroy(node, nullptr);
-    return run;
+    return node;
+}
+
+/* A node for a task, or NULL without memory. */
+qor_que_node_t *bus_node_for(const qor_context_task_t *task)
+{
+    if (sched_delegate_is_relay(task)) {
+        return message_node_create_for_bus();
+    }
+    if (!sched_delegate_is_response(task)) {
+        return bus_node();
+    }
+    qor_time_que_node_t *node = message_node_for_response();
+    return node ? message_node_for_bus(node) : nullptr;
 }
 
 /* A node of the task queue that carries a copy of the task, or NULL without memory. */
 qor_que_node_t *bus_task_node(qor_context_task_t *task)
 {
-    qor_que_node_t *node =
-        sched_delegate_is_response(task) ? bus_response_node(task->context) : bus_node();
+    qor_que_node_t *node = bus_node_for(task);
     if (node) {
         bus_task_put(node, task);
     }
@@ -209,7 +219,7 @@ void bus_head_uninit(qor_bus_t *bus)
 
 qor_que_node_t *bus_node()
 {
-    return qor_que_node_create(0, sizeof(qor_context_task_t));
+    return bus_task_blank(que_node_unfilled(sizeof(qor_context_task_t)));
 }
 
 qor_context_task_t *bus_task_of(qor_que_node_t *node)
@@ -230,7 +240,7 @@ int32_t bus_node_post(qor_bus_t *bus, qor_que_node_t *node)
 
 qor_time_que_node_t *bus_timer_node()
 {
-    qor_time_que_node_t *node = qor_time_que_node_create(0, 0, sizeof(qor_context_task_t));
+    qor_time_que_node_t *node = bus_task_blank(time_que_node_unfilled(sizeof(qor_context_task_t)));
     if (!node) {
         return nullptr;
     }

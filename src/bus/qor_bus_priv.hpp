@@ -6,6 +6,7 @@
 
 #include "qor_bus.h"
 #include "qor_context_task.h"
+#include "task_watch.hpp"
 #include "thread_record.hpp"
 
 /* A worker's place, which a new thread takes when a task has ended the one before. */
@@ -40,7 +41,8 @@ struct qor_bus_private {
     hal_thread_cond_t drained;
     list_head waiters;   /* bus_waiter::link */
     list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
-    list_head failed;    /* user contexts that were destroyed while others may still name them */
+    task_watch watch;
+    list_head failed; /* user contexts that were destroyed while others may still name them */
 };
 
 /* Tells whether the bus has been asked to end; false for NULL. */
@@ -56,7 +58,7 @@ void bus_tasks_discard(qor_bus_t *bus);
 /* Undoes what qor_bus_init() did before it made the tables; the private block goes with it. */
 void bus_head_uninit(qor_bus_t *bus);
 
-/* A node of the task queue with room for a task, zeroed; NULL without memory. */
+/* A node of the task queue with room for a task that is still to be filled; NULL without memory. */
 qor_que_node_t *bus_node();
 
 /* The task in a node of either queue. */
@@ -67,8 +69,8 @@ qor_context_task_t *bus_task_of(qor_time_que_node_t *node);
  * the node stays the caller's. */
 int32_t bus_node_post(qor_bus_t *bus, qor_que_node_t *node);
 
-/* A node of the timer queue with room for a task, zeroed, and behind it the node that its task will
- * be queued with: a timer that has been accepted cannot fail any more. NULL without memory. */
+/* The same of the timer queue, and behind it the node that its task will be queued with: a timer
+ * that has been accepted cannot fail any more. */
 qor_time_que_node_t *bus_timer_node();
 
 /* Queues such a node, due in task->delay milliseconds. 0, or -1 when the bus quits, and the node

@@ -3,6 +3,7 @@
  * pthread_exit() is replaced. */
 #include "hal_sync.hpp"
 #include "hal_thread.hpp"
+#include "message_node.hpp"
 #include "qor_bus.h"
 #include "qor_bus_priv.hpp"
 #include "qor_diag.hpp"
@@ -16,37 +17,65 @@ namespace {
 
 constexpr char file_tag[] = "qor_bus";
 
+/* A node whose memory the response to its request may take; else NULL. */
+qor_que_node_t *bus_request(qor_que_node_t *node)
+{
+    const bool request =
+        (que_front_of(node)->flags & que_message) && sched_delegate_is_relay(bus_task_of(node));
+    return request ? node : nullptr;
+}
+
+/* Destroys the node whose task the thread has run, unless the task has taken it over. */
+void bus_node_over(thread_record &record, qor_que_node_t *node, qor_que_node_recycle_t recycle)
+{
+    if (record.running == node) {
+        record.running = nullptr;
+        qor_que_node_destroy(node, recycle);
+    }
+}
+
 /* A task that has ended its thread is over all the same; a request that it was handling is answered
  * for it. A run of several tasks goes on with the next one, on another worker. */
 void bus_task_left(void *arg)
 {
     qor_que_node_t *left = static_cast<qor_que_node_t *>(arg);
-    if ((que_front_of(left)->flags & que_again) &&
-        bus_node_post(thread_record_get()->bus, left) == 0) {
+    thread_record &record = *thread_record_get();
+    if (record.running != left) {
+        return;
+    }
+    if ((que_front_of(left)->flags & que_again) && bus_node_post(record.bus, left) == 0) {
         return;
     }
     if (!que_front_of(left)->discard) {
-        qor_que_node_destroy(left, recycle_of(qor_context_task_uninit));
-    } else if (sched_delegate_is_relay(bus_task_of(left))) {
-        qor_que_node_destroy(left, sched_delegate_relay_refuse);
-    } else {
-        qor_que_node_destroy(left, nullptr); /* its argument has been left with the task in it */
+        bus_node_over(record, left, recycle_of(qor_context_task_uninit));
+        return;
     }
+    if (sched_delegate_is_relay(bus_task_of(left))) {
+        message_offer offer(bus_request(left));
+        qor_context_task_t relay = *bus_task_of(left);
+        sched_delegate_relay_refuse(&relay);
+    }
+    bus_node_over(record, left, nullptr); /* what it carried has been left with the task in it */
 }
 
-void bus_task_run(qor_que_node_t *node)
+void bus_task_run(thread_record &record, qor_que_node_t *node)
 {
     thread_scope inside(bus_task_left, node);
+    record.running = node;
     qor_context_task_t *task = bus_task_of(node);
     if (!(que_front_of(node)->flags & que_quiet)) {
         hal_thread_name_set(task->name);
     }
-    qor_context_task_excute(task);
-    qor_que_node_destroy(node, recycle_of(qor_context_task_uninit));
+    {
+        message_offer offer(bus_request(node));
+        qor_context_task_excute(task);
+    }
+    bus_node_over(record, node, recycle_of(qor_context_task_uninit));
 }
 
-void bus_worker_run(const qor_bus_t *bus)
+void bus_worker_run(thread_record &record)
 {
+    const qor_bus_t *bus = record.bus;
     bus_thread_setpriority(bus);
     for (;;) {
         qor_que_node_t *node = que_take(bus->que);
@@ -58,7 +87,7 @@ void bus_worker_run(const qor_bus_t *bus)
         if (!node) {
             return;
         }
-        bus_task_run(node);
+        bus_task_run(record, node);
     }
 }
 
@@ -107,7 +136,7 @@ void *qor_bus_task_loop(void *arg)
     worker->record.bus = worker->bus;
     thread_record_set(&worker->record);
     pthread_cleanup_push(bus_worker_left, worker);
-    bus_worker_run(worker->bus);
+    bus_worker_run(worker->record);
     pthread_cleanup_pop(0);
     return nullptr;
 }

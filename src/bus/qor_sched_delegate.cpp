@@ -25,11 +25,11 @@ struct delegate_block {
     qor_sched_delegate_private priv;
 };
 
-/* One mutex for each kind of registration, and the reserve's: all, or -1 and none. */
+/* One mutex for each kind of registration: all, or -1 and none. */
 int32_t delegate_locks_init(delegate_block &block)
 {
     return hal_mutexes_init({&block.delegate.subscriber_mutex, &block.delegate.listener_mutex,
-                             &block.delegate.filter_mutex, &block.priv.reserve.mutex});
+                             &block.delegate.filter_mutex});
 }
 
 const char *name_of(qor_context_t *context)
@@ -194,32 +194,15 @@ void *qor_sched_delegate_handle_message_self(qor_context_t *publisher, int32_t, 
     return task_result(ret);
 }
 
-/* The memory of a publisher's responses; NULL when somebody has taken its delegate away. */
-response_reserve *reserve_of(const qor_context_t *publisher)
-{
-    const qor_sched_delegate_t *delegate = delegate_of(publisher);
-    return delegate ? &delegate->priv->reserve : nullptr;
-}
-
-/* The publisher's delegate expects no response to this request any more. */
-void response_settle(const qor_context_t *publisher)
-{
-    response_reserve *reserve = reserve_of(publisher);
-    if (reserve) {
-        response_reserve_settle(*reserve);
-    }
-}
+void *qor_sched_delegate_message(qor_context_t *publisher, int32_t session, void *arg);
 
 /* Hands a message that has become a response to its publisher. Refused when the bus quits, or when
  * the publisher's init has failed, the message is freed. */
 int32_t response_hand_over(qor_context_t *publisher, qor_context_msg_t *clone)
 {
     qor_context_task_t response = {};
-    qor_context_taskx_init(&response, publisher, nullptr, clone->session,
-                           qor_sched_delegate_handle_message_self, clone);
-    response.recycle = recycle_of(qor_context_msg_destroy);
+    sched_delegate_message_task(&response, publisher, clone, recycle_of(qor_context_msg_destroy));
     const int32_t handed = qor_context_handle_task(publisher, &response);
-    response_settle(publisher);
     if (handed < 0) {
         qor_context_msg_destroy(clone);
     }
@@ -231,6 +214,22 @@ void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *
     qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
     request_handle(publisher, clone, __func__);
     return task_result(response_hand_over(publisher, clone));
+}
+
+/* What brings a request to its subscriber and the response back. One function for both, so that
+ * both have the same default name and a thread that runs one after the other keeps it. */
+void *qor_sched_delegate_message(qor_context_t *publisher, int32_t session, void *arg)
+{
+    const bool response =
+        static_cast<const qor_context_msg_t *>(arg)->type == QOR_CONTEXT_MSG_RESPONSE;
+    return response ? qor_sched_delegate_handle_message_self(publisher, session, arg)
+                    : qor_sched_delegate_publish_relay(publisher, session, arg);
+}
+
+/* Requests and responses differ in their recycle: a request's message lives on as the response. */
+bool task_is_message(const qor_context_task_t *task)
+{
+    return task->fun_type != QOR_CONTEXT_FUN_RUN && task->fun.runx == qor_sched_delegate_message;
 }
 
 int32_t qor_sched_delegate_session(qor_context_t *context, int32_t *session)
@@ -282,13 +281,8 @@ int32_t qor_sched_delegate_publish(qor_context_t *publisher, qor_context_msg_t *
                 name_of(publisher), msg->topic, msg->session, msg_payload_size(msg));
         return -1;
     }
-    if (response_reserve_add(_this->priv->reserve) < 0) {
-        qor_context_msg_destroy(clone);
-        return -1;
-    }
     qor_context_task_t relay = {};
-    qor_context_taskx_init(&relay, publisher, nullptr, clone->session,
-                           qor_sched_delegate_publish_relay, clone);
+    sched_delegate_message_task(&relay, publisher, clone, nullptr);
     const int32_t handed = qor_context_handle_task(subscriber, &relay);
     if (handed < 0) {
         sched_delegate_relay_discard(&relay);
@@ -434,21 +428,18 @@ void sched_delegate_post_refused(qor_context_t *context, const qor_context_task_
 
 bool sched_delegate_is_relay(const qor_context_task_t *task)
 {
-    return task->fun_type != QOR_CONTEXT_FUN_RUN &&
-           task->fun.runx == qor_sched_delegate_publish_relay;
+    return task_is_message(task) && !task->recycle;
 }
 
 bool sched_delegate_is_response(const qor_context_task_t *task)
 {
-    return task->fun_type != QOR_CONTEXT_FUN_RUN &&
-           task->fun.runx == qor_sched_delegate_handle_message_self;
+    return task_is_message(task) && task->recycle;
 }
 
 void sched_delegate_relay_discard(void *task)
 {
     const qor_context_task_t *relay = static_cast<const qor_context_task_t *>(task);
     qor_context_msg_destroy(static_cast<qor_context_msg_t *>(relay->arg));
-    response_settle(relay->context);
 }
 
 void sched_delegate_relay_refuse(void *task)
@@ -460,11 +451,11 @@ void sched_delegate_relay_refuse(void *task)
     response_hand_over(relay->context, clone);
 }
 
-qor_time_que_node_t *sched_delegate_response_node(const qor_context_t *publisher)
+void sched_delegate_message_task(qor_context_task_t *task, qor_context_t *publisher,
+                                 qor_context_msg_t *msg, qor_context_recycle_t recycle)
 {
-    response_reserve *reserve = reserve_of(publisher);
-    qor_time_que_node_t *node = reserve ? response_reserve_take(*reserve) : nullptr;
-    return node ? node : bus_timer_node();
+    qor_context_taskx_init(task, publisher, nullptr, msg->session, qor_sched_delegate_message, msg);
+    task->recycle = recycle;
 }
 
 void sched_delegates_free(qor_bus_t *bus)
@@ -475,8 +466,6 @@ void sched_delegates_free(qor_bus_t *bus)
         pthread_mutex_destroy(&block->delegate.subscriber_mutex);
         pthread_mutex_destroy(&block->delegate.listener_mutex);
         pthread_mutex_destroy(&block->delegate.filter_mutex);
-        response_reserve_free(block->priv.reserve);
-        pthread_mutex_destroy(&block->priv.reserve.mutex);
         list_del(link);
         free(block);
     });
@@ -498,7 +487,6 @@ qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role, qor_co
     INIT_LIST_HEAD(&_this->subscriber_head);
     INIT_LIST_HEAD(&_this->listener_head);
     INIT_LIST_HEAD(&_this->filter_head);
-    response_reserve_init(block->priv.reserve);
     if (bus) {
         hal_scoped_lock lock(bus->priv->mutex);
         list_add(&block->priv.link, &bus->priv->delegates);

@@ -6,11 +6,9 @@
 
 #include "qor_context_task.h"
 #include "qor_sched_delegate.h"
-#include "response_reserve.hpp"
 
 struct qor_sched_delegate_private {
     list_head link; /* in the bus's list of delegates */
-    response_reserve reserve;
     int32_t closed; /* 1 once destroyed: registrations are refused; read without a common lock */
 };
 
@@ -58,9 +56,9 @@ void sched_delegate_relay_refuse(void *task);
 /* Whether a task brings a publisher its response. */
 bool sched_delegate_is_response(const qor_context_task_t *task);
 
-/* The node that a response waits with in the publisher's private queue, and behind it that of its
- * run on the bus; had with the request. NULL without memory for a response that nobody expected. */
-qor_time_que_node_t *sched_delegate_response_node(const qor_context_t *publisher);
+/* Fills the task of a request, without recycle, or of a response. */
+void sched_delegate_message_task(qor_context_task_t *task, qor_context_t *publisher,
+                                 qor_context_msg_t *msg, qor_context_recycle_t recycle);
 
 /* Frees all delegates of a bus when no thread and no context is left to name them. */
 void sched_delegates_free(qor_bus_t *bus);

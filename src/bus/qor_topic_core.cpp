@@ -32,6 +32,17 @@ topic_node *whole_node(qor_topic_node_t *node)
     return reinterpret_cast<topic_node *>(node); /* the public part is the first field */
 }
 
+/* A registration of the node's topic has come or gone. To be called after it has: who looks a
+ * registration up first reads the count, and an older count with what is found is looked up again.
+ */
+void topic_changed(const qor_topic_node_t *node)
+{
+    qor_topic_core_private *home = reinterpret_cast<const topic_node *>(node)->home;
+    if (home) {
+        __atomic_fetch_add(&home->changes, 1, __ATOMIC_SEQ_CST);
+    }
+}
+
 /* Hands a node that has left its lists over to be freed. One that its maker linked, not the table,
  * is freed at once: its maker knows who walks it. */
 void topic_node_retire(qor_topic_node_t *node)
@@ -58,6 +69,7 @@ void topic_node_unlink(qor_topic_node_t *node)
          * on. Test: TopicCore.AWalkGoesOnFromARemovedNode. */
         __list_del_entry(&node->topic_node);
     }
+    topic_changed(node);
 }
 
 int32_t qor_topic_core_topic_check(qor_topic_core_t *_this, qor_context_topic_t topic_id)
@@ -97,6 +109,7 @@ qor_topic_node_t *topic_core_add(qor_topic_core_t *core, qor_context_t *context,
     whole_node(node)->home = &core->priv[topic_id];
     hal_scoped_lock lock(topic->*kind.mutex);
     list_add(&node->topic_node, &(topic->*kind.head));
+    topic_changed(node);
     return node;
 }
 
@@ -182,10 +195,14 @@ qor_topic_node_t *topic_core_walk(qor_topic_core_t *core, qor_context_topic_t to
         return nullptr;
     }
     qor_topic_t *topic = &core->ids[topic_id];
+    const list_head &head = topic->*kind.head;
+    if (hal_load((node ? &node->topic_node : &head)->next) == &head) {
+        return nullptr;
+    }
     topic_step next;
     {
         hal_scoped_lock lock(topic->*kind.mutex);
-        next = topic_step_from(topic->*kind.head, node);
+        next = topic_step_from(head, node);
     }
     return qor_topic_core_node_next(next);
 }
@@ -313,6 +330,16 @@ qor_topic_node_t *topic_filter_step(qor_topic_core_t *core, qor_context_topic_t 
                                     qor_topic_node_t *node)
 {
     return topic_core_step(core, topic, node, filters);
+}
+
+qor_context_t *topic_newest_subscriber(qor_topic_core_t *core, qor_context_topic_t topic)
+{
+    return topic_step_from(core->ids[topic].subscriber_head, nullptr).context;
+}
+
+uint32_t topic_changes(const qor_topic_core_t *core, qor_context_topic_t topic)
+{
+    return hal_load(core->priv[topic].changes);
 }
 
 qor_topic_core_t *qor_topic_core_create(int32_t id_max)

@@ -42,6 +42,12 @@ qor_topic_node_t *topic_listener_step(qor_topic_core_t *core, qor_context_topic_
 qor_topic_node_t *topic_filter_step(qor_topic_core_t *core, qor_context_topic_t topic,
                                     qor_topic_node_t *node);
 
+/* The context of a topic's newest subscription, not entered, or NULL; inside a dispatch. */
+qor_context_t *topic_newest_subscriber(qor_topic_core_t *core, qor_context_topic_t topic);
+
+/* How often registrations of a topic were made or removed, modulo 2^32. */
+uint32_t topic_changes(const qor_topic_core_t *core, qor_context_topic_t topic);
+
 /* Tells whether a registration has been removed; the caller's dispatch keeps it readable. */
 bool topic_node_removed(const qor_topic_node_t *node);
 

@@ -21,8 +21,9 @@ struct qor_topic_core_private {
     uint32_t left[2];         /* exits from either epoch, modulo 2^32 */
     uint32_t closed;          /* entries into the older epoch when it was closed, modulo 2^31 */
     int32_t pending;          /* blocks wait to be freed; read without the mutex at each exit */
-    topic_retired *waiting;   /* retired in the current epoch */
-    topic_retired *closing;   /* retired before: the older epoch's dispatches may stand on them */
+    uint32_t changes; /* registrations made and removed, modulo 2^32; read without any mutex */
+    topic_retired *waiting; /* retired in the current epoch */
+    topic_retired *closing; /* retired before: the older epoch's dispatches may stand on them */
 };
 
 /* 0, or -1 when its mutex cannot be had. The rest of the record is zero. */

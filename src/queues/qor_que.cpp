@@ -165,6 +165,15 @@ void qor_que_destroy(qor_que_t *_this)
     free(_this);
 }
 
+qor_que_node_t *que_node_unfilled(size_t size)
+{
+    qor_que_node_t *node = que_node_alloc_unfilled<qor_que_node_t>(size);
+    if (!node) {
+        QOR_LINE("err", "qor_que_node_create", "malloc \"qor_que_node_t\" failed.");
+    }
+    return node;
+}
+
 qor_que_node_t *qor_que_node_create(size_t id, int32_t size)
 {
     qor_que_node_t *node =

@@ -9,6 +9,11 @@
  * que_discard_all(). Once is enough, again does no harm. Takes the lock. */
 void que_quit_begin(qor_que_t *que);
 
+/* As qor_que_node_create(), with id 0 and a body that is not zeroed: the caller is about to fill
+ * it.
+ */
+qor_que_node_t *que_node_unfilled(size_t size);
+
 /* Destroys a node that is not run. recycle, which may be NULL, is for bodies whose node says
  * nothing of its own (que_front::discard). */
 void que_node_discard(qor_que_node_t *node, qor_que_node_recycle_t recycle);

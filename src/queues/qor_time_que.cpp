@@ -14,6 +14,8 @@
 struct qor_time_que_private {
     que_waits waits;
     int64_t latest_look; /* no waiting taker would look again by itself later than this */
+    list_head kept;      /* nodes out of use, until destroy */
+    uint32_t kept_count;
 };
 
 namespace {
@@ -21,6 +23,7 @@ namespace {
 constexpr char file_tag[] = "qor_time_que";
 
 constexpr int64_t nobody_looks = INT64_MIN; /* no taker waits without being woken */
+constexpr uint32_t kept_max = 32;
 
 /* One block, one allocation. */
 struct time_que_block {
@@ -36,6 +39,7 @@ qor_time_que_t *time_que_alloc()
     }
     block->que.priv = &block->priv;
     block->priv.latest_look = nobody_looks;
+    INIT_LIST_HEAD(&block->priv.kept);
     if (que_waits_open(block->priv.waits, block->que.mutex, block->que.cond, CLOCK_MONOTONIC) !=
         0) {
         free(block);
@@ -146,6 +150,27 @@ void time_que_quit_begin(qor_time_que_t *que)
     que_wake_everybody(que->priv->waits);
 }
 
+void time_que_keep_locked(qor_time_que_t *que, qor_time_que_node_t *node)
+{
+    if (que->priv->kept_count == kept_max) {
+        qor_time_que_node_destroy(node, nullptr);
+        return;
+    }
+    que->priv->kept_count++;
+    list_add(&node->node, &que->priv->kept);
+}
+
+qor_time_que_node_t *time_que_kept_locked(qor_time_que_t *que)
+{
+    if (list_empty(&que->priv->kept)) {
+        return nullptr;
+    }
+    que->priv->kept_count--;
+    qor_time_que_node_t *node = time_que_node(que->priv->kept.next);
+    list_del(&node->node);
+    return node;
+}
+
 void time_que_node_discard(qor_time_que_node_t *node, qor_time_que_node_recycle_t recycle)
 {
     qor_time_que_node_destroy(node, que_discard_of(node, recycle));
@@ -206,6 +231,9 @@ void qor_time_que_destroy(qor_time_que_t *_this)
     time_que_quit_begin(_this);
     time_que_discard_all(_this, _this->recycle); /* also what a quit that only began has left */
     que_waits_close(_this->priv->waits);
+    while (qor_time_que_node_t *kept = time_que_kept_locked(_this)) {
+        qor_time_que_node_destroy(kept, nullptr);
+    }
     free(_this);
 }
 
@@ -399,6 +427,15 @@ int32_t qor_time_que_next_delay(qor_time_que_t *_this, int32_t *delay)
     const int32_t ret = qor_time_que_next_delay_locked(_this, delay);
     qor_time_que_unlock(_this);
     return ret;
+}
+
+qor_time_que_node_t *time_que_node_unfilled(size_t size)
+{
+    qor_time_que_node_t *node = que_node_alloc_unfilled<qor_time_que_node_t>(size);
+    if (!node) {
+        QOR_LINE("err", "qor_time_que_node_create", "malloc \"qor_time_que_node_t\" failed.");
+    }
+    return node;
 }
 
 qor_time_que_node_t *qor_time_que_node_create(size_t id, int32_t delay, int32_t size)

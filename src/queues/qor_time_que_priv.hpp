@@ -9,6 +9,18 @@
  * until time_que_discard_all(). Once is enough, again does no harm. Takes the lock. */
 void time_que_quit_begin(qor_time_que_t *que);
 
+/* As qor_time_que_node_create(), with id and due time 0 and a body that is not zeroed: the caller
+ * is about to fill all three. */
+qor_time_que_node_t *time_que_node_unfilled(size_t size);
+
+/* Keeps a node that has been taken out for time_que_kept_locked(), or destroys it when many are
+ * kept already. All nodes that are kept in one queue have the same size. The caller holds the lock.
+ */
+void time_que_keep_locked(qor_time_que_t *que, qor_time_que_node_t *node);
+
+/* A node that was kept, or NULL; its body is what it was. The caller holds the lock. */
+qor_time_que_node_t *time_que_kept_locked(qor_time_que_t *que);
+
 /* Destroys a node that is not run, as que_node_discard() does. */
 void time_que_node_discard(qor_time_que_node_t *node, qor_time_que_node_recycle_t recycle);
 

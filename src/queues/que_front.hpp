@@ -3,13 +3,16 @@
 #ifndef QUE_FRONT_HPP
 #define QUE_FRONT_HPP
 
+#include <string.h>
+
 #include "qor_que.h"
 #include "qor_util.hpp"
 
 enum que_flags : uint32_t {
-    que_own = 1,   /* the library made it for itself: cancel passes over it */
-    que_quiet = 2, /* it names its thread itself, its worker need not */
-    que_again = 4, /* it is queued again when one of its tasks has ended its thread */
+    que_own = 1,     /* the library made it for itself: cancel passes over it */
+    que_quiet = 2,   /* it names its thread itself, its worker need not */
+    que_again = 4,   /* it is queued again when one of its tasks has ended its thread */
+    que_message = 8, /* it carries a request or a response, see message_node.hpp */
 };
 
 struct alignas(8) que_front {
@@ -26,6 +29,17 @@ template <typename N> inline N *que_node_alloc(size_t size)
 {
     que_front *front = util_zalloc<que_front>(sizeof(N) + size);
     return front ? reinterpret_cast<N *>(front + 1) : nullptr;
+}
+
+/* The same without zeroing the body, which the caller is about to fill. */
+template <typename N> inline N *que_node_alloc_unfilled(size_t size)
+{
+    que_front *front = static_cast<que_front *>(malloc(sizeof(que_front) + sizeof(N) + size));
+    if (!front) {
+        return nullptr;
+    }
+    memset(static_cast<void *>(front), 0, sizeof(que_front) + sizeof(N));
+    return reinterpret_cast<N *>(front + 1);
 }
 
 template <typename N> inline que_front *que_front_of(N *node)

@@ -48,6 +48,18 @@ char *msg_put(char *to, const void *payload, int32_t size, const unsigned char *
     return to + size + guard_size;
 }
 
+/* Room for a copy, or NULL without memory. Zeroed is what copying may leave alone, not the header.
+ */
+qor_context_msg_t *msg_alloc(const qor_context_msg_t *src)
+{
+    const size_t tail = msg_tail_room(src);
+    void *room = malloc(sizeof(qor_context_msg_t) + tail);
+    if (room) {
+        memset(static_cast<qor_context_msg_t *>(room)->buf, 0, tail);
+    }
+    return static_cast<qor_context_msg_t *>(room);
+}
+
 } // namespace
 
 int32_t qor_context_msg_fill(qor_context_msg_t *msg, int32_t ss, qor_context_topic_t topic,
@@ -108,7 +120,7 @@ qor_context_msg_t *qor_context_msg_clone(const qor_context_msg_t *src)
     qor_context_msg_t *dst = nullptr;
     const int64_t total = msg_total(src);
     if (total >= 0 && total <= INT32_MAX) {
-        dst = util_zalloc<qor_context_msg_t>(msg_tail_room(src));
+        dst = msg_alloc(src);
     }
     /* Deliberate: this is how a clone that fails for want of memory is reported, as an argument
      * would be. Test: ContextMsgFaults.CloneWithoutMemoryPrintsTheTextForDst. */

@@ -178,6 +178,9 @@ qor_context_t *qor_core_context_create(qor_context_module_t *module)
 void user_context_release(qor_core_context_t *core)
 {
     qor_time_que_destroy(core->que);
+    if (core->priv->loop) {
+        qor_que_node_destroy(core->priv->loop, nullptr);
+    }
     hal_mutex_cond_destroy(core->mutex, core->cond);
     qor_context_destructor(&core->base);
     free(core); /* first field of its block */

@@ -21,6 +21,7 @@ struct qor_core_context_private {
     uint32_t under_way; /* tasks out of the queue or past it that are not over: they run, or wait on
                            the bus; not those below a failed init that waits */
     int32_t closed;     /* 1 once the init has failed: takes no task, begins none */
+    qor_que_node_t *loop; /* kept for the next loop run; NULL: none is, or it is in use */
 
     /* Guarded by the context's mutex: */
     user_init init;

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "hal_sync.hpp"
+#include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
 #include "qor_context_task.h"
@@ -22,14 +23,22 @@ namespace {
 
 constexpr char file_tag[] = "qor_core_context";
 
-/* Tells the monitor that a task starts or is over. */
-void monitor_report(qor_context_t *context, const qor_context_task_t *task, int32_t state)
+/* What the monitor is told of a task; a copy, for the task may be gone when it is over. */
+qor_sys_monitor_task_t monitor_report(const qor_context_task_t *task)
 {
     qor_sys_monitor_task_t report = {};
     report.session = task->session;
     memcpy(report.name, task->name, strnlen(task->name, sizeof(report.name) - 1));
+    return report;
+}
+
+void monitor_tell(qor_context_t *context, qor_sys_monitor_task_t &report, int32_t state)
+{
     report.state = state;
-    qor_context_sysx_req(context, QOR_SYS_MONITOR_TASK, &report, sizeof(report));
+    qor_bus_t *bus = sched_delegate_bus(context);
+    if (!bus || !task_watch_tell(bus, &report)) {
+        qor_context_sysx_req(context, QOR_SYS_MONITOR_TASK, &report, sizeof(report));
+    }
 }
 
 /* A task that was under way is over. The caller holds the queue's lock. */
@@ -61,29 +70,69 @@ void user_task_refuse(void *task)
     }
 }
 
+/* A node whose memory the response to its request may take; else NULL. */
+qor_time_que_node_t *user_request(qor_time_que_node_t *node)
+{
+    const bool request =
+        (que_front_of(node)->flags & que_message) && sched_delegate_is_relay(bus_task_of(node));
+    return request ? node : nullptr;
+}
+
+/* Destroys a node whose task is not run, or not to its end. */
+void user_node_refuse(qor_time_que_node_t *node)
+{
+    qor_context_task_t task = *bus_task_of(node);
+    message_offer offer(user_request(node));
+    user_task_refuse(&task);
+    if (!offer.taken()) {
+        qor_time_que_node_destroy(node, nullptr);
+    }
+}
+
 /* A task has ended its thread, and so itself. */
 void user_task_left(void *arg)
 {
     qor_time_que_node_t *node = static_cast<qor_time_que_node_t *>(arg);
     qor_core_context_t *core = core_of(node);
-    monitor_report(&core->base, bus_task_of(node), QOR_SYS_MONITOR_TASK_OVER);
-    qor_time_que_node_destroy(node, user_task_refuse);
+    qor_sys_monitor_task_t report = monitor_report(bus_task_of(node));
+    monitor_tell(&core->base, report, QOR_SYS_MONITOR_TASK_OVER);
+    user_node_refuse(node);
     user_task_over(core);
+}
+
+/* The same where the response has taken the node along. */
+void user_task_left_without(void *core)
+{
+    user_task_over(static_cast<qor_core_context_t *>(core));
 }
 
 /* Runs a task that is under way, and destroys its node. */
 void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
 {
     thread_scope inside(user_task_left, node);
+    message_offer offer(user_request(node));
     qor_context_task_t *task = bus_task_of(node);
-    monitor_report(&core->base, task, QOR_SYS_MONITOR_TASK_START);
+    qor_sys_monitor_task_t report = monitor_report(task);
+    monitor_tell(&core->base, report, QOR_SYS_MONITOR_TASK_START);
     /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
      * Test: CoreContext.ATasksNameStaysOnTheThread. */
     hal_thread_name_set(task->name);
     void *result = qor_context_task_excute(task);
-    monitor_report(&core->base, task, QOR_SYS_MONITOR_TASK_OVER);
-    qor_time_que_node_destroy(node, recycle_of(qor_context_task_uninit));
+    if (offer.taken()) {
+        inside.becomes(user_task_left_without, core);
+        node = nullptr;
+    }
+    monitor_tell(&core->base, report, QOR_SYS_MONITOR_TASK_OVER);
+    if (node) {
+        qor_time_que_node_destroy(node, recycle_of(qor_context_task_uninit));
+    }
     return result;
+}
+
+bool user_is_closed(qor_core_context_t *core)
+{
+    hal_scoped_lock lock(core->que->mutex);
+    return core->priv->closed;
 }
 
 /* The run of a single node on the bus, which destroys the node. */
@@ -91,14 +140,9 @@ void *qor_core_context_task_node_deal(qor_context_t *context, int32_t, void *arg
 {
     qor_core_context_t *core = qor_core_context_type(context);
     qor_time_que_node_t *node = static_cast<qor_time_que_node_t *>(arg);
-    bool closed = false;
-    {
-        hal_scoped_lock lock(core->que->mutex);
-        closed = core->priv->closed;
-    }
     void *result = nullptr;
-    if (closed) {
-        qor_time_que_node_destroy(node, user_task_refuse);
+    if (user_is_closed(core)) {
+        user_node_refuse(node);
     } else {
         result = user_task_run(core, node);
     }
@@ -106,33 +150,113 @@ void *qor_core_context_task_node_deal(qor_context_t *context, int32_t, void *arg
     return result;
 }
 
-/* Such a run is not run: its node, and with it the task, is released that way. */
-void user_run_end(void *run, qor_time_que_node_recycle_t release)
+message_run *message_run_of(qor_que_node_t *node)
 {
-    const qor_context_task_t *task = static_cast<const qor_context_task_t *>(run);
-    qor_core_context_t *core = qor_core_context_type(task->context);
-    qor_time_que_node_destroy(static_cast<qor_time_que_node_t *>(task->arg), release);
+    return static_cast<message_run *>(qor_que_node_body(node));
+}
+
+/* The task of a request or response that has gone past the queue, as it was. */
+qor_context_task_t message_task(const message_run &run)
+{
+    qor_context_task_t task = {};
+    sched_delegate_message_task(&task, run.publisher, static_cast<qor_context_msg_t *>(run.msg),
+                                run.recycle);
+    return task;
+}
+
+/* Releases what such a run carries when it is not handled, or not to its end. The node stays,
+ * unless the response to its request takes it along: then true. */
+bool message_run_refuse(qor_que_node_t *node)
+{
+    qor_context_task_t task = message_task(*message_run_of(node));
+    message_offer offer(sched_delegate_is_relay(&task) ? node : nullptr);
+    user_task_refuse(&task);
+    return offer.taken();
+}
+
+void message_run_left(void *arg)
+{
+    qor_que_node_t *node = static_cast<qor_que_node_t *>(arg);
+    qor_core_context_t *core = qor_core_context_type(bus_task_of(node)->context);
+    const qor_context_task_t task = message_task(*message_run_of(node));
+    qor_sys_monitor_task_t report = monitor_report(&task);
+    monitor_tell(&core->base, report, QOR_SYS_MONITOR_TASK_OVER);
+    message_run_refuse(node);
     user_task_over(core);
 }
 
+/* The run of a request or response that has gone past the queue. Its node is the worker's. */
+void *user_message_run(qor_context_t *context, int32_t, void *arg)
+{
+    qor_core_context_t *core = qor_core_context_type(context);
+    qor_que_node_t *node = static_cast<qor_que_node_t *>(arg);
+    void *result = nullptr;
+    if (user_is_closed(core)) {
+        message_run_refuse(node);
+    } else {
+        thread_scope inside(message_run_left, node);
+        qor_context_task_t task = message_task(*message_run_of(node));
+        message_offer offer(sched_delegate_is_relay(&task) ? node : nullptr);
+        qor_sys_monitor_task_t report = monitor_report(&task);
+        monitor_tell(context, report, QOR_SYS_MONITOR_TASK_START);
+        hal_thread_name_set(task.name); /* and stays, as that of any task */
+        result = qor_context_task_excute(&task);
+        inside.becomes(user_task_left_without, core);
+        monitor_tell(context, report, QOR_SYS_MONITOR_TASK_OVER);
+        qor_context_task_uninit(&task);
+    }
+    user_task_over(core);
+    return result;
+}
+
+/* Such a run is discarded. Takes its body as void *, so that it can stand in for a recycle. */
+void message_run_discard(void *body)
+{
+    const message_run *run = static_cast<const message_run *>(body);
+    qor_context_task_t task = message_task(*run);
+    user_task_discard(&task);
+    user_task_over(qor_core_context_type(run->task.context));
+}
+
+/* Such a run is not run: its node, and with it the task, is released. */
 void user_run_discard(void *run)
 {
-    user_run_end(run, user_task_discard);
+    const qor_context_task_t *task = static_cast<const qor_context_task_t *>(run);
+    qor_time_que_node_destroy(static_cast<qor_time_que_node_t *>(task->arg), user_task_discard);
+    user_task_over(qor_core_context_type(task->context));
 }
 
 void user_run_refuse(void *run)
 {
-    user_run_end(run, user_task_refuse);
+    const qor_context_task_t *task = static_cast<const qor_context_task_t *>(run);
+    user_node_refuse(static_cast<qor_time_que_node_t *>(task->arg));
+    user_task_over(qor_core_context_type(task->context));
 }
 
 /* Makes the task of a bus node, of the task queue or of the timer queue, a loop run. The session is
- * drawn for it. */
+ * drawn for it. One that was a loop run before needs no more. */
 template <typename N> void user_loop_fill(qor_core_context_t *core, qor_bus_t *bus, N *run)
 {
+    if (que_front_of(run)->owner == core) {
+        bus_task_of(run)->session = qor_bus_session(bus);
+        return;
+    }
     qor_context_task_init(bus_task_of(run), &core->base, nullptr, qor_bus_session(bus),
                           run_of(qor_core_context_loop), &core->base);
     que_front_of(run)->owner = core;
     que_front_of(run)->flags = que_own | que_quiet | que_again;
+}
+
+/* Keeps the node of a loop run that ends for the next one. The caller holds the queue's lock. */
+void user_loop_keep_locked(qor_core_context_t *core)
+{
+    thread_record *record = thread_record_get();
+    qor_que_node_t *run = record ? static_cast<qor_que_node_t *>(record->running) : nullptr;
+    if (run && !core->priv->loop && (que_front_of(run)->flags & que_again)) {
+        record->running = nullptr;
+        que_front_of(run)->number = 0;
+        core->priv->loop = run;
+    }
 }
 
 /* Makes it the run of a node. Its session is the task's own when it goes straight to the bus. */
@@ -146,6 +270,22 @@ void user_run_fill(qor_core_context_t *core, N *run, qor_time_que_node_t *node, 
     front->owner = core;
     front->flags = que_quiet | flags;
     front->discard = user_run_discard;
+}
+
+/* Makes the node of a request or response its run past the queue. */
+qor_que_node_t *user_message_fill(qor_core_context_t *core, qor_time_que_node_t *node)
+{
+    const qor_context_task_t task = *bus_task_of(node);
+    qor_que_node_t *past = message_node_for_bus(node);
+    message_run *run = message_run_of(past);
+    qor_context_taskx_init(&run->task, &core->base, nullptr, task.session, user_message_run, past);
+    run->publisher = task.context;
+    run->msg = task.arg;
+    run->recycle = task.recycle;
+    que_front *front = que_front_of(past);
+    front->flags |= que_quiet;
+    front->discard = message_run_discard;
+    return past;
 }
 
 /* An asynchronous task gets its run. The caller holds the queue's lock, so that the context is not
@@ -190,14 +330,23 @@ struct admission {
     uint32_t number;            /* the node's, once it has been enqueued */
     int32_t session;
     int32_t delay; /* ms */
+    bool message;  /* a request or response: its node serves past the queue too */
     bool response; /* its memory was had with the request, and its refusal prints nothing */
 };
+
+qor_time_que_node_t *admission_node(const admission &post)
+{
+    if (post.response) {
+        return message_node_for_response();
+    }
+    return post.message ? message_node_create()
+                        : time_que_node_unfilled(sizeof(qor_context_task_t));
+}
 
 /* Makes what can be made without the queue's lock: 0, or -1 without memory. */
 int32_t admission_make(admission &post, const qor_context_task_t *task)
 {
-    post.node = post.response ? sched_delegate_response_node(task->context)
-                              : qor_time_que_node_create(0, 0, sizeof(qor_context_task_t));
+    post.node = admission_node(post);
     if (!post.node) {
         return -1;
     }
@@ -239,11 +388,12 @@ int32_t admission_refuse(admission &post, const qor_context_task_t *what)
     return admission_drop(post);
 }
 
-/* Has the run of a task that is due: 0, or -1 without memory. */
+/* Has the run of a task that is due: 0, or -1 without memory. The caller holds the queue's lock. */
 int32_t admission_run_make(admission &post)
 {
     if (post.bus && !post.run) {
-        post.run = post.response ? que_spare_take(post.node) : bus_node();
+        post.run = post.core->priv->loop ? post.core->priv->loop : bus_node();
+        post.core->priv->loop = nullptr;
     }
     return post.bus && !post.run ? -1 : 0;
 }
@@ -286,6 +436,11 @@ int32_t admission_bypass_post_locked(admission &post)
         bus_task_of(post.timer)->delay = post.delay;
         return bus_timer_node_post(post.bus, post.timer);
     }
+    if (post.message && !que_front_of(post.node)->spare) {
+        post.run = user_message_fill(post.core, post.node);
+        post.node = nullptr;
+        return bus_node_post(post.bus, post.run);
+    }
     if (admission_run_make(post) < 0) {
         return -1;
     }
@@ -293,7 +448,8 @@ int32_t admission_bypass_post_locked(admission &post)
     return bus_node_post(post.bus, post.run);
 }
 
-/* The queue is full or quits: the task goes to the bus under its own session. Gives the lock up.
+/* The queue is full or quits, or there is no memory for the run of a response: the task goes to the
+ * bus under its own session. Gives the lock up.
  *
  * Deliberate: past 50 nodes a task is neither refused nor delayed, it overtakes the queue.
  * Test: CoreContext.TheFiftyFirstTaskGoesStraightToTheBus. */
@@ -394,11 +550,11 @@ int32_t admission_queue(admission &post)
     }
     const bool due = post.delay <= 0;
     const bool takes_slot = due && static_cast<uint32_t>(core->refcount) < core->refcount_max;
-    if (takes_slot && admission_run_make(post) < 0) {
+    if (takes_slot && admission_run_make(post) < 0 && !post.response) {
         qor_time_que_unlock(core->que);
         return admission_drop(post);
     }
-    if (admission_enque_locked(post) < 0) {
+    if ((takes_slot && !post.run && post.bus) || admission_enque_locked(post) < 0) {
         return admission_bypass(post);
     }
     if (!due) {
@@ -413,11 +569,30 @@ int32_t admission_queue(admission &post)
     return bus_stopping(post.bus) ? admission_undo(post) : 0;
 }
 
+bool user_any(const qor_time_que_node_t *, const void *)
+{
+    return true;
+}
+
+/* A message's run that is not run is refused, and its node destroyed. */
+void message_run_end(qor_que_node_t *node)
+{
+    qor_core_context_t *core = qor_core_context_type(bus_task_of(node)->context);
+    if (!message_run_refuse(node)) {
+        qor_que_node_destroy(node, nullptr);
+    }
+    user_task_over(core);
+}
+
 /* Takes what the test finds out of the task queue and frees it; what it carries is refused. */
 void user_runs_refuse(qor_bus_t *bus, const user_number *wanted)
 {
     while (qor_que_node_t *run = que_take_if(bus->que, user_number_is<qor_que_node_t>, wanted)) {
-        qor_que_node_destroy(run, que_front_of(run)->discard ? user_run_refuse : nullptr);
+        if (que_front_of(run)->flags & que_message) {
+            message_run_end(run);
+        } else {
+            qor_que_node_destroy(run, que_front_of(run)->discard ? user_run_refuse : nullptr);
+        }
     }
 }
 
@@ -440,6 +615,7 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
     post.session = task->session;
     post.delay = task->delay;
     post.response = sched_delegate_is_response(task);
+    post.message = post.response || sched_delegate_is_relay(task);
     if (admission_make(post, task) < 0) {
         QOR_ERR("malloc \"que_node\" failed.");
         return admission_drop(post);
@@ -471,6 +647,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
     /* Deliberate: a run that a timer started took no slot, but gives one back as well.
      * Test: CoreContext.ARunStartedByATimerGivesASlotBack. */
     slot_give_back_locked(core);
+    user_loop_keep_locked(core);
     /* Deliberate: nobody looks here when the next node will be due: each delayed task has a timer.
      * Test: CoreContext.ADelayedTaskIsReachedByItsOwnTimer. */
     qor_time_que_unlock(core->que);
@@ -521,7 +698,9 @@ void user_tasks_close(qor_core_context_t *core)
 void user_tasks_refuse(qor_core_context_t *core)
 {
     qor_bus_t *bus = sched_delegate_bus(&core->base);
-    time_que_discard_all(core->que, user_task_refuse);
+    while (qor_time_que_node_t *node = time_que_take_if(core->que, user_any, nullptr)) {
+        user_node_refuse(node);
+    }
     if (!bus) {
         return;
     }

@@ -19,7 +19,7 @@ RANKS = [
     "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
     " qor_context_forward",                                   # 5 context model
     "qor_topic_epoch qor_topic_core qor_bus qor_bus_worker qor_bus_helper qor_bus_loop qor_bus_drain"
-    " response_reserve qor_sched_register qor_sched_delegate",  # 6 dispatch
+    " message_node task_watch qor_sched_register qor_sched_delegate",  # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
     " user_init",                                             # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
@@ -28,7 +28,7 @@ RANKS = [
 ]
 SIDEWAYS = {
     ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
-    ("qor_bus", "qor_topic_core"), ("qor_sched_delegate", "qor_bus"), ("qor_sched_delegate", "response_reserve"),
+    ("qor_bus", "qor_topic_core"), ("qor_bus", "task_watch"), ("qor_sched_delegate", "qor_bus"),
 }
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),

@@ -9,79 +9,89 @@
 #include "qor_context_handler.h"
 #include "qor_context_msg.h"
 #include "qor_diag.hpp"
+#include "qor_impl_context.h"
 #include "qor_monitor_module_priv.hpp"
-#include "qor_time_que.h"
-#include "qor_util.hpp"
+#include "qor_sched_delegate_priv.hpp"
+#include "qor_time_que_priv.hpp"
+#include "task_watch.hpp"
 
 namespace {
+
+int32_t qor_monitor_module_handle_message(qor_context_t *context, qor_context_msg_t *msg);
 
 constexpr char file_tag[] = "qor_monitor_module";
 constexpr int32_t first_warning = 5000; /* ms after the start */
 constexpr int32_t next_warning = 1000;  /* ms after the last */
-
-/* Nodes that the second remove of an OVER report took out. A request and its response share a
- * session, so this happens on a few per cent of all requests: the next START reports use them up.
- */
-hal_thread_mutex_t spare_mutex = PTHREAD_MUTEX_INITIALIZER;
-list_head spare_nodes = {&spare_nodes, &spare_nodes}; /* guarded by spare_mutex */
-
-void spare_put(qor_time_que_node_t *node)
-{
-    hal_scoped_lock lock(spare_mutex);
-    list_add(&node->node, &spare_nodes);
-}
-
-qor_time_que_node_t *spare_take()
-{
-    if (hal_load(spare_nodes.next) == &spare_nodes) {
-        return nullptr;
-    }
-    hal_scoped_lock lock(spare_mutex);
-    if (list_empty(&spare_nodes)) {
-        return nullptr;
-    }
-    list_head *link = spare_nodes.next;
-    list_del(link);
-    return util_container<qor_time_que_node_t, offsetof(qor_time_que_node_t, node)>(link);
-}
 
 qor_time_que_t *queue_of(qor_context_t *context)
 {
     return static_cast<qor_time_que_t *>(qor_context_priv_data_get(context));
 }
 
-void watch_start(qor_time_que_t *que, const qor_sys_monitor_task_t *task)
+/* A node of the queue's for a report, or NULL without memory. The caller holds the lock. */
+qor_time_que_node_t *watch_node_locked(qor_time_que_t *que)
 {
-    const size_t id = static_cast<size_t>(task->session);
-    qor_time_que_node_t *node = spare_take();
-    if (node) {
-        qor_time_que_node_update(node, id, first_warning);
-    } else {
-        node = qor_time_que_node_create(id, first_warning, sizeof(*task));
-    }
-    if (!node) {
-        return;
-    }
-    memcpy(qor_time_que_node_body(node), task, sizeof(*task));
-    if (qor_time_que_enque(que, node) < 0) {
-        qor_time_que_node_destroy(node, nullptr);
-    }
+    qor_time_que_node_t *kept = que ? time_que_kept_locked(que) : nullptr;
+    return kept ? kept : qor_time_que_node_create(0, 0, sizeof(qor_sys_monitor_task_t));
 }
 
+void watch_start(qor_time_que_t *que, const qor_sys_monitor_task_t *task)
+{
+    qor_time_que_lock(que);
+    qor_time_que_node_t *node = watch_node_locked(que);
+    if (node) {
+        qor_time_que_node_update(node, static_cast<size_t>(task->session), first_warning);
+        memcpy(qor_time_que_node_body(node), task, sizeof(*task));
+        if (qor_time_que_enque_locked(que, node) < 0) {
+            qor_time_que_node_destroy(node, nullptr);
+        }
+    }
+    qor_time_que_unlock(que);
+}
+
+/* The nodes are kept for the next reports.
+ *
+ * Deliberate: a second task of the same session loses its watch as well, for two removes belong to
+ * each report. Test: MonitorModule.OneOverReportEndsTwoWatchesOfASession. */
 void watch_end(qor_time_que_t *que, int32_t session)
 {
     const size_t id = static_cast<size_t>(session);
-    qor_time_que_node_t *node = qor_time_que_remove(que, id);
-    if (node) {
-        qor_time_que_node_destroy(node, nullptr);
+    if (!que) { /* each remove reports it */
+        qor_time_que_remove(que, id);
+        qor_time_que_remove(que, id);
+        return;
     }
-    /* Deliberate: a second task of the same session loses its watch as well, and its node is not
-     * freed but kept for a later task. Test: MonitorModule.OneOverReportEndsTwoWatchesOfASession.
-     */
-    qor_time_que_node_t *second = qor_time_que_remove(que, id);
-    if (second) {
-        spare_put(second);
+    qor_time_que_lock(que);
+    for (int remove = 0; remove < 2; remove++) {
+        qor_time_que_node_t *node = qor_time_que_remove_locked(que, id);
+        if (node) {
+            time_que_keep_locked(que, node);
+        }
     }
+    qor_time_que_unlock(que);
+}
+
+void watch_serve(qor_time_que_t *que, const qor_sys_monitor_task_t *task)
+{
+    if (task->state == QOR_SYS_MONITOR_TASK_START) {
+        watch_start(que, task);
+    } else {
+        watch_end(que, task->session);
+    }
+}
+
+/* A report that comes straight from the bus. Only what a message would have done may be done here:
+ * the context must be one of this module's as it was built, and its queue at work. */
+bool watch_serve_directly(qor_context_t *context, const qor_sys_monitor_task_t *task)
+{
+    qor_time_que_t *que = queue_of(context);
+    if (context->cls != &qor_impl_context_class || context->module != &qor_monitor_module ||
+        context->module->handle_message != qor_monitor_module_handle_message || !que ||
+        hal_load(que->quitting)) {
+        return false;
+    }
+    watch_serve(que, task);
+    return true;
 }
 
 void qor_monitor_module_subscribe(qor_context_t *context)
@@ -97,6 +107,10 @@ void qor_monitor_module_unsubscribe(qor_context_t *context)
 int32_t qor_monitor_module_init(qor_context_t *context, void *)
 {
     qor_context_priv_data_set(context, qor_time_que_create(UINT32_MAX, nullptr));
+    qor_bus_t *bus = sched_delegate_bus(context);
+    if (bus) {
+        task_watch_open(bus, watch_serve_directly);
+    }
     return 0; /* without a queue nothing is watched; the queue's own checks say so */
 }
 
@@ -171,9 +185,6 @@ void monitor_module_close(qor_context_t *context)
     if (queue_of(context)) {
         qor_time_que_destroy(queue_of(context));
     }
-    while (qor_time_que_node_t *node = spare_take()) {
-        qor_time_que_node_destroy(node, nullptr);
-    }
 }
 
 int32_t qor_monitor_module_handle_request_message(qor_context_t *context, qor_context_msg_t *msg)
@@ -186,10 +197,6 @@ int32_t qor_monitor_module_handle_request_message(qor_context_t *context, qor_co
      * Test: MonitorModule.TheReportsSizeIsNotChecked. */
     qor_sys_monitor_task_t task;
     memcpy(&task, msg->request.buf, sizeof(task));
-    if (task.state == QOR_SYS_MONITOR_TASK_START) {
-        watch_start(queue_of(context), &task);
-    } else {
-        watch_end(queue_of(context), task.session);
-    }
+    watch_serve(queue_of(context), &task);
     return 0;
 }
