@@ -250,7 +250,7 @@ void qor_time_que_quit(qor_time_que_t *_this)
 void qor_time_que_lock(qor_time_que_t *_this)
 {
     QOR_CHECK_VOID(_this);
-    pthread_mutex_lock(&_this->mutex);
+    hal_lock(_this->mutex);
 }
 
 void qor_time_que_unlock(qor_time_que_t *_this)

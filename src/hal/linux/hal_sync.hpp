@@ -42,13 +42,14 @@ inline void hal_mutex_cond_destroy(hal_thread_mutex_t &mutex, hal_thread_cond_t 
     pthread_mutex_destroy(&mutex);
 }
 
+/* Locks a mutex. With more than one processor it tries for a while before it sleeps: what is done
+ * under the library's locks takes less time than to put a thread to sleep and wake it. */
+void hal_lock(hal_thread_mutex_t &mutex);
+
 /* Holds a mutex from here to the end of the block. */
 class hal_scoped_lock {
 public:
-    explicit hal_scoped_lock(hal_thread_mutex_t &mutex) : mutex_(mutex)
-    {
-        pthread_mutex_lock(&mutex_);
-    }
+    explicit hal_scoped_lock(hal_thread_mutex_t &mutex) : mutex_(mutex) { hal_lock(mutex_); }
     ~hal_scoped_lock() { pthread_mutex_unlock(&mutex_); }
     hal_scoped_lock(const hal_scoped_lock &) = delete;
     hal_scoped_lock &operator=(const hal_scoped_lock &) = delete;
