@@ -9,8 +9,10 @@
 #include "hal_thread.hpp"
 #include "qor_context_task.h"
 #include "qor_diag.hpp"
+#include "qor_que_priv.hpp"
 #include "qor_recycle.hpp"
 #include "qor_util.hpp"
+#include "thread_record.hpp"
 
 /* All fields are guarded by the queue's mutex. */
 struct qor_thread_pool_private {
@@ -32,6 +34,8 @@ struct pool_worker {
     hal_thread_t self;
     qor_thread_pool_thread_t *thread;
     qor_que_node_t *task; /* the one that is being run or released, or NULL */
+    char name[32];        /* of the thread between tasks */
+    thread_record record;
 };
 
 /* Whether the calling thread is one of the pool's own, which would wait for itself. */
@@ -94,17 +98,31 @@ void pool_take_back_locked(qor_thread_pool_t *pool, qor_thread_pool_thread_t *th
     pool_uncount_locked(pool);
 }
 
-/* Releases the task that was run. Its recycle is called once, even if that ends the thread. */
+/* Releases the task that was run. Its recycle is called once, even if that ends the thread, which
+ * has its own name back by then. */
 void pool_task_release(pool_worker &worker)
 {
     qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_que_node_body(worker.task));
     const qor_context_recycle_t recycle = task->recycle;
     task->recycle = nullptr;
     if (recycle) {
+        hal_thread_name_set(worker.name);
         recycle(task->arg);
     }
     qor_que_node_destroy(worker.task, nullptr);
     worker.task = nullptr;
+}
+
+/* Takes a task, under the thread's own name where it has to wait. The caller holds the lock. */
+qor_que_node_t *pool_take_locked(const pool_worker &worker)
+{
+    qor_que_t *que = worker.thread->pool->que;
+    if (list_empty(&que->head)) {
+        qor_que_unlock(que);
+        hal_thread_name_set(worker.name);
+        qor_que_lock(que);
+    }
+    return qor_que_deque_block_locked(que, worker.thread->wait_time);
 }
 
 /* Takes tasks, runs each under its own name, and releases it, until there is none in time. */
@@ -113,18 +131,16 @@ void pool_work(pool_worker &worker)
     qor_thread_pool_thread_t *thread = worker.thread;
     qor_thread_pool_t *pool = thread->pool;
     qor_que_t *que = pool->que;
-    char name[32];
-    hal_snprintf(name, sizeof(name), "qor_thread:%d", thread->identity);
-    hal_thread_name_set(name);
+    hal_snprintf(worker.name, sizeof(worker.name), "qor_thread:%d", thread->identity);
+    hal_thread_name_set(worker.name);
 
     qor_que_lock(que);
-    while ((worker.task = qor_que_deque_block_locked(que, thread->wait_time))) {
+    while ((worker.task = pool_take_locked(worker))) {
         qor_que_unlock(que);
         qor_context_task_t *task =
             static_cast<qor_context_task_t *>(qor_que_node_body(worker.task));
         hal_thread_name_set(task->name);
         qor_context_task_excute(task);
-        hal_thread_name_set(name);
         pool_task_release(worker);
         qor_que_lock(que);
     }
@@ -142,7 +158,9 @@ void qor_thread_pool_replace_thread(void *arg)
     pool_worker &worker = *static_cast<pool_worker *>(arg);
     qor_thread_pool_thread_t *thread = worker.thread;
     qor_thread_pool_t *pool = thread->pool;
+    thread_record_leave(worker.record);
     pool_task_release(worker);
+    thread_record_set(nullptr); /* the record ends with this stack */
     {
         hal_scoped_lock lock(pool->que->mutex);
         list_del(&worker.node);
@@ -177,13 +195,17 @@ void *qor_thread_pool_loop(void *arg)
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     qor_thread_pool_thread_t *thread = static_cast<qor_thread_pool_thread_t *>(arg);
     qor_thread_pool_t *pool = thread->pool;
-    pool_worker worker = {{}, pthread_self(), thread, nullptr};
+    pool_worker worker = {};
+    worker.self = pthread_self();
+    worker.thread = thread;
+    thread_record_set(&worker.record);
     {
         hal_scoped_lock lock(pool->que->mutex);
         thread->tid = worker.self;
         list_add(&worker.node, &pool->priv->running);
     }
     pool_work_guarded(&worker);
+    thread_record_set(nullptr);
     return nullptr;
 }
 
@@ -349,6 +371,7 @@ int32_t qor_thread_pool_init(qor_thread_pool_t *_this, int32_t thread_count_min,
         return -1;
     }
     *_this = {};
+    (void)thread_records_open(); /* without records names are set more often */
     _this->que =
         qor_que_create(static_cast<uint32_t>(task_count_max), recycle_of(qor_context_task_uninit));
     if (!_this->que) {
@@ -374,12 +397,12 @@ int32_t qor_thread_pool_post(qor_thread_pool_t *_this, qor_context_task_t *task)
     QOR_CHECK(_this, -1);
     QOR_CHECK(task, -1);
     QOR_CHECK_TEXT(!hal_load(_this->quitting), "!_this->quitting", -1);
-    qor_que_node_t *node =
-        qor_que_node_create(static_cast<size_t>(task->session), sizeof(qor_context_task_t));
+    qor_que_node_t *node = que_node_unfilled(sizeof(qor_context_task_t));
     if (!node) {
         QOR_ERR("create qor_que_node_t failed.");
         return -1;
     }
+    node->id = static_cast<size_t>(task->session);
     qor_context_task_copy(static_cast<qor_context_task_t *>(qor_que_node_body(node)), task);
 
     qor_que_lock(_this->que);
