@@ -112,8 +112,9 @@ QOR_API void qor_time_que_wakeup_locked(qor_time_que_t *_this);
  * directly behind it: X, Y, Z come out as X, Z, Y. Give them different times where their order
  * matters.
  *
- * The place is searched from both ends at once, so the cost grows with the distance from the nearer
- * one: nodes that arrive in the order of their due times are inserted in constant time.
+ * In a queue of less than 64 nodes the place is searched from both ends at once. From there on an
+ * index finds it, in time that grows with the logarithm of the count; without memory for that the
+ * search goes on as before.
  *
  * Prints "!(_this) == true." or "!(new_node) == true." for NULL. Says nothing when the queue is
  * full or quitting.

@@ -9,6 +9,7 @@
 #include "qor_util.hpp"
 #include "que_front.hpp"
 #include "que_waits.hpp"
+#include "time_index.hpp"
 
 /* Guarded by the queue's mutex. */
 struct qor_time_que_private {
@@ -16,6 +17,8 @@ struct qor_time_que_private {
     int64_t latest_look; /* no waiting taker would look again by itself later than this */
     list_head kept;      /* nodes out of use, until destroy */
     uint32_t kept_count;
+    time_index *index; /* of a long list; NULL: the list is walked */
+    int32_t walks;     /* changes of a long list without one until it is tried again */
 };
 
 namespace {
@@ -24,6 +27,11 @@ constexpr char file_tag[] = "qor_time_que";
 
 constexpr int64_t nobody_looks = INT64_MIN; /* no taker waits without being woken */
 constexpr uint32_t kept_max = 32;
+
+/* So many nodes make a list long, so few short again. In between nothing changes, for an index is
+ * not made and dropped with every other node. */
+constexpr int32_t list_is_long = 64;
+constexpr int32_t list_is_short = 16;
 
 /* One block, one allocation. */
 struct time_que_block {
@@ -46,11 +54,6 @@ qor_time_que_t *time_que_alloc()
         return nullptr;
     }
     return &block->que;
-}
-
-qor_time_que_node_t *time_que_node(list_head *link)
-{
-    return util_container<qor_time_que_node_t, offsetof(qor_time_que_node_t, node)>(link);
 }
 
 /* The earliest node, or NULL. */
@@ -83,6 +86,40 @@ void time_que_sleep(qor_time_que_t *que, int64_t look)
     }
 }
 
+/* Done without from now on, for as many changes as there are nodes if the list is still long: then
+ * making one anew costs each of them no more than a walk. */
+void time_que_index_drop(qor_time_que_t *que)
+{
+    time_index_free(que->priv->index);
+    que->priv->index = nullptr;
+    que->priv->walks = que->count < list_is_long ? 0 : que->count;
+}
+
+/* The index, or NULL. It is dropped when others have changed the list. */
+time_index *time_que_index(qor_time_que_t *que)
+{
+    if (que->priv->index && !time_index_holds(que->priv->index, que)) {
+        time_que_index_drop(que);
+    }
+    return que->priv->index;
+}
+
+/* After a change of the list that the index, if there is one, has followed. */
+void time_que_index_follow(qor_time_que_t *que)
+{
+    qor_time_que_private *priv = que->priv;
+    if (!priv->index) {
+        if (que->count >= list_is_long && priv->walks-- == 0) {
+            priv->index = time_index_build(que);
+            priv->walks = que->count;
+        }
+    } else if (que->count < list_is_short) {
+        time_que_index_drop(que);
+    } else {
+        time_index_note(priv->index, que);
+    }
+}
+
 /* The first link that is due at that moment or later, or the head. Searched from both ends at once;
  * the way from the end stops at the head no sooner than the one from the front has found all. */
 list_head *time_que_search(qor_time_que_t *que, int64_t when)
@@ -99,25 +136,40 @@ list_head *time_que_search(qor_time_que_t *que, int64_t when)
     return front;
 }
 
+/* The link behind which a node belongs. */
+list_head *time_que_place(qor_time_que_t *que, qor_time_que_node_t *node)
+{
+    if (time_index *index = time_que_index(que)) {
+        list_head *before = time_index_enter(index, que, node);
+        if (before) {
+            return before;
+        }
+        time_que_index_drop(que);
+    }
+    list_head *place = time_que_search(que, node->when);
+    /* Deliberate: directly behind the first of several equal times, not behind the last. X, Y, Z
+     * come out as X, Z, Y, and users of the bus see that order in their tasks. Test:
+     * TimeQue.EqualDueTimesComeOutFirstThenNewestFirst. */
+    return place != &que->head && time_que_node(place)->when == node->when ? place : place->prev;
+}
+
 void time_que_insert(qor_time_que_t *que, qor_time_que_node_t *node)
 {
-    list_head *place = time_que_search(que, node->when);
-    if (place != &que->head && time_que_node(place)->when == node->when) {
-        /* Deliberate: directly behind the first of several equal times, not behind the last. X, Y,
-         * Z come out as X, Z, Y, and users of the bus see that order in their tasks. Test:
-         * TimeQue.EqualDueTimesComeOutFirstThenNewestFirst. */
-        list_add(&node->node, place);
-    } else {
-        list_add_tail(&node->node, place);
-    }
+    list_add(&node->node, time_que_place(que, node));
     que->count++;
+    time_que_index_follow(que);
     time_que_changed(que);
 }
 
 qor_time_que_node_t *time_que_unlink(qor_time_que_t *que, qor_time_que_node_t *node)
 {
+    time_index *index = time_que_index(que);
+    if (index && !time_index_forget(index, que, node)) {
+        time_que_index_drop(que);
+    }
     list_del(&node->node);
     que->count--;
+    time_que_index_follow(que);
     return node;
 }
 
@@ -128,10 +180,38 @@ qor_time_que_node_t *time_que_take(qor_time_que_t *que, qor_time_que_node_t *nod
     return node;
 }
 
+/* The first node with the id that is due then or later and passes the test, if one is given. */
+qor_time_que_node_t *time_que_find(qor_time_que_t *que, size_t id, int64_t from, time_que_test test,
+                                   const void *what)
+{
+    if (time_index *index = time_que_index(que)) {
+        qor_time_que_node_t *node = time_index_find(index, id, from, test, what);
+        if (time_que_index(que)) { /* it was not lost meanwhile */
+            return node;
+        }
+    }
+    for (list_head *link = que->head.next; link != &que->head; link = link->next) {
+        qor_time_que_node_t *node = time_que_node(link);
+        if (node->id == id && node->when >= from && (!test || test(node, what))) {
+            return node;
+        }
+    }
+    return nullptr;
+}
+
+/* Takes out the first node with the id that passes the test, if one is given. */
+qor_time_que_node_t *time_que_take_id(qor_time_que_t *que, size_t id, time_que_test test,
+                                      const void *what)
+{
+    qor_time_que_node_t *node = time_que_find(que, id, INT64_MIN, test, what);
+    return node ? time_que_take(que, node) : nullptr;
+}
+
 /* NULL when nothing is left, and then count is 0. */
 qor_time_que_node_t *time_que_discard_first(qor_time_que_t *que)
 {
     hal_scoped_lock lock(que->mutex);
+    time_que_index_drop(que);
     qor_time_que_node_t *first = time_que_first(que);
     if (first) {
         list_del(&first->node);
@@ -198,6 +278,13 @@ qor_time_que_node_t *time_que_take_if(qor_time_que_t *que, time_que_test test, c
 {
     hal_scoped_lock lock(que->mutex);
     return time_que_take_if_locked(que, test, what);
+}
+
+qor_time_que_node_t *time_que_take_id_if(qor_time_que_t *que, size_t id, time_que_test test,
+                                         const void *what)
+{
+    hal_scoped_lock lock(que->mutex);
+    return time_que_take_id(que, id, test, what);
 }
 
 bool time_que_is_settled_locked(const qor_time_que_t *que)
@@ -361,12 +448,7 @@ qor_time_que_node_t *qor_time_que_remove_locked(qor_time_que_t *_this, size_t id
 {
     QOR_CHECK(_this, nullptr);
     QOR_CHECK(!_this->quitting, nullptr);
-    for (list_head *link = _this->head.next; link != &_this->head; link = link->next) {
-        if (time_que_node(link)->id == id) {
-            return time_que_take(_this, time_que_node(link));
-        }
-    }
-    return nullptr;
+    return time_que_take_id(_this, id, nullptr, nullptr);
 }
 
 qor_time_que_node_t *qor_time_que_remove(qor_time_que_t *_this, size_t id)
@@ -382,22 +464,15 @@ int32_t qor_time_que_early_locked(qor_time_que_t *_this, size_t id, int32_t dela
     QOR_CHECK(_this, -1);
     QOR_CHECK(!_this->quitting, -1);
     const int64_t when = util_timestamp() + delay;
-    int32_t ret = -1;
-    for (list_head *link = _this->head.next; link != &_this->head; link = link->next) {
-        qor_time_que_node_t *node = time_que_node(link);
-        if (node->id != id) {
-            continue;
-        }
-        ret = 0;
-        if (node->when > when) {
-            /* Deliberate: the node keeps its due time, and so moves among equal times only. Making
-             * it earlier would change when the timers of existing callers run.
-             * Test: TimeQue.EarlyNeverChangesADueTime. */
-            time_que_insert(_this, time_que_unlink(_this, node));
-            break;
-        }
+    qor_time_que_node_t *node = time_que_find(_this, id, when + 1, nullptr, nullptr);
+    if (!node) {
+        return time_que_find(_this, id, INT64_MIN, nullptr, nullptr) ? 0 : -1;
     }
-    return ret;
+    /* Deliberate: the node keeps its due time, and so moves among equal times only. Making it
+     * earlier would change when the timers of existing callers run.
+     * Test: TimeQue.EarlyNeverChangesADueTime. */
+    time_que_insert(_this, time_que_unlink(_this, node));
+    return 0;
 }
 
 int32_t qor_time_que_early(qor_time_que_t *_this, size_t id, int32_t delay)

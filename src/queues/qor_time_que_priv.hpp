@@ -39,6 +39,11 @@ qor_time_que_node_t *time_que_take_if(qor_time_que_t *que, time_que_test test, c
 qor_time_que_node_t *time_que_take_if_locked(qor_time_que_t *que, time_que_test test,
                                              const void *what);
 
+/* The same among the nodes with an id, for a caller that does not hold the lock. Of a long queue
+ * only these are looked at, and so it costs little where few have the id. */
+qor_time_que_node_t *time_que_take_id_if(qor_time_que_t *que, size_t id, time_que_test test,
+                                         const void *what);
+
 /* Whether nothing is due and a taker waits. The caller holds the lock. */
 bool time_que_is_settled_locked(const qor_time_que_t *que);
 

@@ -1,10 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Timed queue: failing creation, and who sleeps and wakes how often. */
+/* Timed queue: failing creation, the index of a long queue without memory, and who sleeps and wakes
+ * how often. */
 #include "qor_time_que.h"
 
 #include <atomic>
 #include <chrono>
+#include <random>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +16,7 @@
 #include "output.hpp"
 #include "que_holder.hpp"
 #include "thread.hpp"
+#include "time_que_model.hpp"
 
 namespace {
 
@@ -57,7 +61,202 @@ void expect_creation_to_fail(fault_kind kind, int nth)
     EXPECT_EQ(out.printed(), create_line);
 }
 
+/* Nodes made beforehand, so that all that is allocated while they are queued is the queue's own. */
+class Supply {
+public:
+    Supply(size_t count, unsigned times, unsigned ids)
+    {
+        std::mt19937 random(4711);
+        const int64_t start = util_timestamp() + far_off;
+        for (size_t i = 0; i < count; i++) {
+            nodes.push_back(qor_time_que_node_create(random() % ids, 0, 0));
+            nodes.back()->when = start + static_cast<int64_t>(random() % times) * 1000;
+        }
+    }
+    ~Supply()
+    {
+        for (qor_time_que_node_t *node : nodes) {
+            qor_time_que_node_destroy(node, nullptr);
+        }
+    }
+    Supply(const Supply &) = delete;
+    Supply &operator=(const Supply &) = delete;
+
+    std::vector<qor_time_que_node_t *> nodes;
+};
+
+/* Queues all nodes and takes them out by their ids. Returns how many allocations have failed. */
+int queue_and_remove_all(const Supply &supply, int nth, bool all_behind)
+{
+    TimeQue que;
+    TimeQueModel model;
+    if (all_behind) {
+        fault_arm_from(FAULT_ALLOC, nth);
+    } else {
+        fault_arm(FAULT_ALLOC, nth);
+    }
+    for (qor_time_que_node_t *node : supply.nodes) {
+        model.enque(node);
+        EXPECT_EQ(qor_time_que_enque(que, node), 0);
+        if (node->id % 4 == 0) {
+            EXPECT_EQ(qor_time_que_early(que, node->id, 0), model.early(node->id, 0));
+        }
+    }
+    EXPECT_TRUE(model.matches(que));
+    for (const qor_time_que_node_t *node : supply.nodes) {
+        EXPECT_EQ(qor_time_que_remove(que, node->id), model.remove(node->id));
+    }
+    const int fired = fault_fired(FAULT_ALLOC);
+    fault_arm(FAULT_ALLOC, -1);
+    EXPECT_TRUE(model.matches(que));
+    return fired;
+}
+
+void enque(qor_time_que_t *que, const Supply &supply, size_t from, size_t to)
+{
+    for (size_t i = from; i < to; i++) {
+        ASSERT_EQ(qor_time_que_enque(que, supply.nodes[i]), 0);
+    }
+}
+
+void remove_all_but(qor_time_que_t *que, int32_t left)
+{
+    while (que->count > left) {
+        const qor_time_que_node_t *last =
+            reinterpret_cast<const qor_time_que_node_t *>(que->head.prev);
+        ASSERT_TRUE(qor_time_que_remove(que, last->id));
+    }
+}
+
 } // namespace
+
+TEST(TimeQueFaults, AShortQueueAllocatesNothing)
+{
+    Supply supply(63, 1000, 1000);
+    TimeQue que;
+    fault_arm(FAULT_ALLOC, -1);
+
+    for (int round = 0; round < 3; round++) {
+        enque(que, supply, 0, 63);
+        remove_all_but(que, 0);
+    }
+
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 0);
+}
+
+TEST(TimeQueFaults, AQueueThatIsShortAgainGivesItsIndexBack)
+{
+    Supply supply(1000, 1000, 1000000);
+    TimeQue que;
+    fault_arm(FAULT_ALLOC, -1);
+    enque(que, supply, 0, 1000);
+    const int much = fault_live();
+
+    remove_all_but(que, 64);
+    const int less = fault_live();
+    remove_all_but(que, 16);
+    const int least = fault_live();
+    remove_all_but(que, 15);
+
+    EXPECT_GT(much, less);
+    EXPECT_GT(least, 0); /* for it may grow again */
+    EXPECT_EQ(fault_live(), 0);
+    remove_all_but(que, 0);
+}
+
+TEST(TimeQueFaults, AnIndexIsNotMadeAnewWithEveryOtherNode)
+{
+    Supply supply(64, 1000, 1000000);
+    TimeQue que;
+    enque(que, supply, 0, 64);
+    fault_arm(FAULT_ALLOC, -1);
+
+    for (int round = 0; round < 100; round++) {
+        qor_time_que_node_t *node = supply.nodes[static_cast<size_t>(round) % 64];
+        ASSERT_EQ(qor_time_que_remove(que, node->id), node);
+        ASSERT_EQ(qor_time_que_enque(que, node), 0);
+    }
+
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 0);
+    remove_all_but(que, 0);
+}
+
+TEST(TimeQueFaults, AnIndexWithoutMemoryChangesNoResult)
+{
+    const Supply supply(300, 100, 200);
+    int nth = 0;
+    while (queue_and_remove_all(supply, nth, false) > 0) {
+        nth++;
+    }
+    EXPECT_GT(nth, 10); /* the index itself, and blocks of both trees */
+}
+
+TEST(TimeQueFaults, ALargeIndexWithoutMemoryChangesNoResult)
+{
+    const Supply supply(4000, 1000000, 1000000);
+    int nth = 1;
+    while (queue_and_remove_all(supply, nth, false) > 0) {
+        nth += nth / 2 + 1;
+    }
+    EXPECT_GT(nth, 100);
+}
+
+TEST(TimeQueFaults, AQueueThatNeverGetsMemoryIsWalked)
+{
+    const Supply supply(500, 100, 200);
+
+    EXPECT_GT(queue_and_remove_all(supply, 0, true), 0);
+}
+
+TEST(TimeQueFaults, AnIndexThatWasLostIsTriedAgainAfterAsManyChanges)
+{
+    Supply supply(200, 1000, 1000000);
+    TimeQue que;
+    fault_arm(FAULT_ALLOC, 0);
+    enque(que, supply, 0, 64);
+    EXPECT_EQ(fault_live(), 0);
+
+    enque(que, supply, 64, 128);
+    EXPECT_EQ(fault_calls(FAULT_ALLOC), 1);
+    enque(que, supply, 128, 129);
+
+    EXPECT_GT(fault_live(), 0);
+    remove_all_but(que, 0);
+    EXPECT_EQ(fault_live(), 0);
+}
+
+TEST(TimeQueFaults, ANodeChangedWhileQueuedCostsTheIndex)
+{
+    for (const bool id : {true, false}) {
+        Supply supply(100, 1000, 1000000);
+        TimeQue que;
+        fault_arm(FAULT_ALLOC, -1);
+        enque(que, supply, 0, 100);
+        EXPECT_GT(fault_live(), 0);
+        qor_time_que_node_t *node = supply.nodes[50];
+        const size_t old_id = node->id;
+
+        qor_time_que_node_update(node, id ? 1000001 : old_id, far_off / 2);
+
+        EXPECT_EQ(qor_time_que_remove(que, old_id), id ? nullptr : node);
+        EXPECT_EQ(fault_live(), 0);
+        remove_all_but(que, 0);
+    }
+}
+
+TEST(TimeQueFaults, AQuitGivesTheIndexBack)
+{
+    TimeQue que;
+    fault_arm(FAULT_ALLOC, -1);
+    for (int i = 0; i < 100; i++) {
+        arm(que, 'a', far_off);
+    }
+    EXPECT_GT(fault_live(), 100);
+
+    qor_time_que_quit(que);
+
+    EXPECT_EQ(fault_live(), 0);
+}
 
 TEST(TimeQueFaults, CreateWithoutMemoryPrintsTheNullObjectText)
 {
