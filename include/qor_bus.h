@@ -204,6 +204,20 @@ QOR_API int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task);
 QOR_API int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session);
 
 /**
+ * Chooses whether the bus's tasks are watched: 1, as from the beginning, or 0, for modules whose
+ * tasks are so short that the watch costs a good part of them.
+ *
+ * Without it no task is reported to QOR_SYS_MONITOR_TASK, so no "MONITOR: ..." line ever names one
+ * that hangs; no thread of the bus takes a task's name or "context", so that ps, top and a debugger
+ * show the name of the thread that called qor_bus_loop(); and the numbers that reports would have
+ * drawn go to other tasks. Everything else stays.
+ *
+ * Before qor_bus_loop(); after it has begun the call changes nothing. Prints "!(_this) == true." or
+ * "the loop runs already.".
+ */
+QOR_API void qor_bus_watch_set(qor_bus_t *_this, int32_t on);
+
+/**
  * Sets the workers' priority, negative for none; takes effect before qor_bus_loop(). Not checked:
  * what the system refuses, with glibc also 0, keeps the loop from starting.
  *

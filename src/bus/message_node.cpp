@@ -60,8 +60,7 @@ qor_time_que_node_t *message_node_for_response()
 }
 
 message_offer::message_offer(void *node)
-    : record_(node ? thread_record_get() : nullptr), node_(node),
-      before_(record_ ? record_->request : nullptr)
+    : record_(thread_record_get()), node_(node), before_(record_ ? record_->request : nullptr)
 {
     if (record_) {
         record_->request = node_;
@@ -77,5 +76,5 @@ message_offer::~message_offer()
 
 bool message_offer::taken() const
 {
-    return record_ && record_->request != node_;
+    return record_ && node_ && record_->request != node_;
 }

@@ -29,8 +29,9 @@ qor_que_node_t *message_node_for_bus(qor_time_que_node_t *node);
  * without memory for a new one. */
 qor_time_que_node_t *message_node_for_response();
 
-/* While it lives, the response to the request in a node may take the node along. Without one, or on
- * a thread that is not the library's, it does nothing. */
+/* While it lives, the response to the request in a node may take the node along; with NULL, no
+ * response may take that of a request further down the stack. On a thread that is not the library's
+ * it does nothing. */
 class message_offer {
 public:
     explicit message_offer(void *node);
@@ -42,7 +43,7 @@ public:
     bool taken() const;
 
 private:
-    struct thread_record *record_; /* NULL: offers nothing */
+    struct thread_record *record_; /* NULL: not a thread of the library's */
     void *node_;
     void *before_; /* offered by whoever runs this thread's earlier request */
 };

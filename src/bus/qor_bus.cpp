@@ -210,6 +210,11 @@ bool bus_stopping(const qor_bus_t *bus)
     return bus && hal_load(bus->priv->stopping);
 }
 
+bool bus_watched(const qor_bus_t *bus)
+{
+    return !hal_load(bus->priv->watch.off);
+}
+
 void bus_head_uninit(qor_bus_t *bus)
 {
     pthread_cond_destroy(&bus->priv->inits_over);
@@ -452,6 +457,17 @@ int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session)
     }
     que_node_discard(node, recycle_of(qor_context_task_uninit));
     return 0;
+}
+
+void qor_bus_watch_set(qor_bus_t *_this, int32_t on)
+{
+    QOR_CHECK_VOID(_this);
+    hal_scoped_lock lock(_this->priv->mutex);
+    if (_this->priv->looping) {
+        QOR_ERR("the loop runs already.");
+        return;
+    }
+    hal_store(_this->priv->watch.off, on ? 0 : 1);
 }
 
 void qor_bus_priority_set(qor_bus_t *_this, int32_t priority)

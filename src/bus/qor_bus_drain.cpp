@@ -32,13 +32,7 @@ void bus_inits_await(qor_bus_private &priv, int64_t deadline)
 {
     hal_scoped_lock lock(priv.mutex);
     while (hal_load(priv.inits) > 0 && !priv.stopping && !que_time_is_over(deadline)) {
-        if (deadline == que_never) {
-            pthread_cond_wait(&priv.inits_over, &priv.mutex);
-        } else {
-            struct timespec until;
-            util_timespec(deadline, &until);
-            pthread_cond_timedwait(&priv.inits_over, &priv.mutex, &until);
-        }
+        que_sleep_until(priv.inits_over, priv.mutex, deadline);
     }
 }
 

@@ -38,7 +38,7 @@ void *bus_helper_run(void *arg)
     thread_record_set(&helper->record);
     pthread_cleanup_push(bus_helper_left, helper);
     bus_thread_setpriority(helper->bus);
-    hal_thread_name_set(helper->task.name);
+    bus_thread_name_set(helper->bus, helper->task.name);
     qor_context_task_excute(&helper->task);
     pthread_cleanup_pop(1);
     return nullptr;

@@ -48,6 +48,9 @@ struct qor_bus_private {
 /* Tells whether the bus has been asked to end; false for NULL. */
 bool bus_stopping(const qor_bus_t *bus);
 
+/* Whether tasks are reported and threads named. */
+bool bus_watched(const qor_bus_t *bus);
+
 /* Waits until no thread is inside qor_bus_drain(): quit has sent them away, but they may still be
  * about to look at the bus. */
 void bus_drains_await(qor_bus_private &priv);
@@ -84,6 +87,9 @@ int32_t bus_thread_attr_init(const qor_bus_t *bus, hal_thread_attr_t *attr, cons
 /* Gives the calling thread the priority that the bus wants for its threads, if any. What their
  * attribute says does not count, for it inherits. */
 void bus_thread_setpriority(const qor_bus_t *bus);
+
+/* Names the calling thread after a task, unless nobody watches the bus's; the bus may be NULL. */
+void bus_thread_name_set(const qor_bus_t *bus, const char *name);
 
 /* Starts up to so many workers; crew->count says how many there are. */
 void bus_crew_start(qor_bus_t *bus, bus_crew *crew, uint32_t wanted);

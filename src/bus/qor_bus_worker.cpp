@@ -64,7 +64,7 @@ void bus_task_run(thread_record &record, qor_que_node_t *node)
     record.running = node;
     qor_context_task_t *task = bus_task_of(node);
     if (!(que_front_of(node)->flags & que_quiet)) {
-        hal_thread_name_set(task->name);
+        bus_thread_name_set(record.bus, task->name);
     }
     {
         message_offer offer(bus_request(node));
@@ -81,7 +81,7 @@ void bus_worker_run(thread_record &record)
         qor_que_node_t *node = que_take(bus->que);
         if (!node) {
             /* Only before it waits: between two tasks the name changes at once to the next one. */
-            hal_thread_name_set("context");
+            bus_thread_name_set(bus, "context");
             node = qor_que_deque_block(bus->que, -1);
         }
         if (!node) {
@@ -163,6 +163,13 @@ int32_t bus_thread_attr_init(const qor_bus_t *bus, hal_thread_attr_t *attr, cons
         return -1;
     }
     return 0;
+}
+
+void bus_thread_name_set(const qor_bus_t *bus, const char *name)
+{
+    if (!bus || bus_watched(bus)) {
+        hal_thread_name_set(name);
+    }
 }
 
 void bus_thread_setpriority(const qor_bus_t *bus)

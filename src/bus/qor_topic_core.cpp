@@ -67,9 +67,12 @@ void topic_node_unlink(qor_topic_node_t *node)
     if (node->topic_node.prev) {
         /* Deliberate: the links keep their values, so that a walk that stands on this node finds
          * on. Test: TopicCore.AWalkGoesOnFromARemovedNode. */
+        const bool linked = node->topic_node.next != &node->topic_node;
         __list_del_entry(&node->topic_node);
+        if (linked) {
+            topic_changed(node);
+        }
     }
-    topic_changed(node);
 }
 
 int32_t qor_topic_core_topic_check(qor_topic_core_t *_this, qor_context_topic_t topic_id)

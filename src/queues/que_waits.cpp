@@ -24,6 +24,31 @@ bool que_time_is_over(int64_t deadline)
     return deadline != que_never && util_timestamp() >= deadline;
 }
 
+/* The moment of a deadline, or one before it that is weeks away. Reckoned from now, for what lies
+ * between fits into 32 bits: dividing 64 bits takes a function of its own on a small processor. */
+static void que_moment(int64_t deadline, struct timespec *moment)
+{
+    clock_gettime(CLOCK_MONOTONIC, moment);
+    uint32_t ms = static_cast<uint32_t>(moment->tv_nsec) / 1000000;
+    const int64_t left = deadline - (int64_t{moment->tv_sec} * 1000 + ms);
+    if (left > 0) {
+        ms += left < INT32_MAX ? static_cast<uint32_t>(left) : INT32_MAX;
+    }
+    moment->tv_sec += static_cast<time_t>(ms / 1000);
+    moment->tv_nsec = static_cast<long>(ms % 1000 * 1000000);
+}
+
+void que_sleep_until(hal_thread_cond_t &cond, hal_thread_mutex_t &mutex, int64_t deadline)
+{
+    if (deadline == que_never) {
+        pthread_cond_wait(&cond, &mutex);
+        return;
+    }
+    struct timespec until;
+    que_moment(deadline, &until);
+    pthread_cond_timedwait(&cond, &mutex, &until);
+}
+
 int32_t que_waits_open(que_waits &waits, hal_thread_mutex_t &mutex, hal_thread_cond_t &changed,
                        clockid_t clock)
 {
@@ -61,17 +86,6 @@ void que_waits_close(que_waits &waits)
     pthread_mutex_destroy(waits.mutex);
 }
 
-void que_sleep(que_waits &waits, hal_thread_cond_t &cond, int64_t deadline)
-{
-    if (deadline == que_never) {
-        pthread_cond_wait(&cond, waits.mutex);
-    } else {
-        struct timespec until;
-        util_timespec(deadline, &until);
-        pthread_cond_timedwait(&cond, waits.mutex, &until);
-    }
-}
-
 void que_wait_ended(que_waits &waits)
 {
     if (--waits.inside == 0) { /* only que_waits_close() waits for this */
@@ -86,7 +100,7 @@ void que_wait(que_waits &waits, que_waiters &who, int64_t deadline)
     if (waits.settlers > 0 && &who == &waits.takers) { /* idle takers are what they wait for */
         pthread_cond_broadcast(&waits.settled);
     }
-    que_sleep(waits, who.cond, deadline);
+    que_sleep_until(who.cond, *waits.mutex, deadline);
     who.waiting--;
     /* The first thread to leave its wait counts as the one that was woken, even if it left because
      * its time was over: it finds what the wake was for and takes it. The thread for which the wake

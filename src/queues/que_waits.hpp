@@ -34,6 +34,9 @@ int64_t que_deadline(int32_t wait_time);
 
 bool que_time_is_over(int64_t deadline);
 
+/* Waits on a monotonic condition until woken or until the deadline; the mutex is held. */
+void que_sleep_until(hal_thread_cond_t &cond, hal_thread_mutex_t &mutex, int64_t deadline);
+
 /* Makes a condition whose timed waits measure by the given clock: 0, or -1. */
 int32_t que_cond_init(hal_thread_cond_t *cond, clockid_t clock);
 
@@ -63,8 +66,7 @@ void que_wake_all(que_waiters &who);
 /* Wakes everybody, wherever they wait. */
 void que_wake_everybody(que_waits &waits);
 
-/* What a wait consists of: the sleep, and the end of any wait. */
-void que_sleep(que_waits &waits, hal_thread_cond_t &cond, int64_t deadline);
+/* The end of any wait. */
 void que_wait_ended(que_waits &waits);
 
 /* Waits until settled() holds, which is asked each time a taker begins to wait, the queue quits or
@@ -75,7 +77,7 @@ template <typename Q, typename S> void que_settle(Q *que, int64_t deadline, S se
     waits.inside++;
     waits.settlers++;
     while (!settled() && !que->quitting && !que_time_is_over(deadline)) {
-        que_sleep(waits, waits.settled, deadline);
+        que_sleep_until(waits.settled, *waits.mutex, deadline);
     }
     waits.settlers--;
     que_wait_ended(waits);

@@ -17,7 +17,7 @@ struct qor_core_context_private {
     list_head failed; /* in the bus's list of destroyed contexts */
 
     /* Guarded by the private queue's lock: */
-    uint32_t numbers;   /* tasks so far, modulo 2^32; each has its own number */
+    uint32_t numbers;   /* tasks so far, from 1 to INT32_MAX; each has its own number */
     uint32_t under_way; /* tasks out of the queue or past it that are not over: they run, or wait on
                            the bus; not those below a failed init that waits */
     int32_t closed;     /* 1 once the init has failed: takes no task, begins none */

@@ -36,6 +36,9 @@ void monitor_tell(qor_context_t *context, qor_sys_monitor_task_t &report, int32_
 {
     report.state = state;
     qor_bus_t *bus = sched_delegate_bus(context);
+    if (bus && !bus_watched(bus)) {
+        return;
+    }
     if (!bus || !task_watch_tell(bus, &report)) {
         qor_context_sysx_req(context, QOR_SYS_MONITOR_TASK, &report, sizeof(report));
     }
@@ -116,7 +119,7 @@ void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
     monitor_tell(&core->base, report, QOR_SYS_MONITOR_TASK_START);
     /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
      * Test: CoreContext.ATasksNameStaysOnTheThread. */
-    hal_thread_name_set(task->name);
+    bus_thread_name_set(sched_delegate_bus(&core->base), task->name);
     void *result = qor_context_task_excute(task);
     if (offer.taken()) {
         inside.becomes(user_task_left_without, core);
@@ -199,7 +202,8 @@ void *user_message_run(qor_context_t *context, int32_t, void *arg)
         message_offer offer(sched_delegate_is_relay(&task) ? node : nullptr);
         qor_sys_monitor_task_t report = monitor_report(&task);
         monitor_tell(context, report, QOR_SYS_MONITOR_TASK_START);
-        hal_thread_name_set(task.name); /* and stays, as that of any task */
+        bus_thread_name_set(sched_delegate_bus(context),
+                            task.name); /* and stays, as that of any task */
         result = qor_context_task_excute(&task);
         inside.becomes(user_task_left_without, core);
         monitor_tell(context, report, QOR_SYS_MONITOR_TASK_OVER);
@@ -247,16 +251,65 @@ template <typename N> void user_loop_fill(qor_core_context_t *core, qor_bus_t *b
     que_front_of(run)->flags = que_own | que_quiet | que_again;
 }
 
-/* Keeps the node of a loop run that ends for the next one. The caller holds the queue's lock. */
-void user_loop_keep_locked(qor_core_context_t *core)
+/* Takes the node of the loop run that the calling worker is in over from it; NULL when a loop is
+ * called any other way. */
+qor_que_node_t *user_loop_take()
 {
     thread_record *record = thread_record_get();
     qor_que_node_t *run = record ? static_cast<qor_que_node_t *>(record->running) : nullptr;
-    if (run && !core->priv->loop && (que_front_of(run)->flags & que_again)) {
-        record->running = nullptr;
-        que_front_of(run)->number = 0;
-        core->priv->loop = run;
+    if (!run || !(que_front_of(run)->flags & que_again)) {
+        return nullptr;
     }
+    record->running = nullptr;
+    que_front_of(run)->number = 0; /* the delayed task that it began with has been served */
+    return run;
+}
+
+/* Keeps the node of a loop run that ends for the next one. The caller holds the queue's lock. */
+void user_loop_keep_locked(qor_core_context_t *core)
+{
+    if (!core->priv->loop) {
+        core->priv->loop = user_loop_take();
+    }
+}
+
+/* How long a loop run has had its worker. */
+struct loop_turn {
+    uint32_t tasks;
+    int64_t since; /* ms, from the second task on; 0: not yet */
+};
+
+constexpr uint32_t turn_tasks = 64; /* more than a full queue holds */
+constexpr int64_t turn_time = 5;    /* ms */
+
+/* Whether others are to go first now, before one more task. */
+bool loop_turn_is_over(loop_turn &turn, const qor_bus_t *bus)
+{
+    if (!bus || turn.tasks == 0) {
+        return false;
+    }
+    const int64_t now = util_timestamp();
+    turn.since = turn.since ? turn.since : now;
+    if (turn.tasks < turn_tasks && now - turn.since < turn_time) {
+        return false;
+    }
+    turn = {}; /* if nobody waits, it begins anew */
+    return hal_load(bus->que->count) > 0;
+}
+
+/* Puts the run at the end of the bus's queue, with its slot: true when it is there, and the worker
+ * leaves it. */
+bool user_loop_gives_way(qor_bus_t *bus)
+{
+    qor_que_node_t *run = user_loop_take();
+    if (!run) {
+        return false;
+    }
+    if (bus_node_post(bus, run) == 0) {
+        return true;
+    }
+    qor_que_node_destroy(run, nullptr); /* the bus quits, and the run ends here */
+    return false;
 }
 
 /* Makes it the run of a node. Its session is the task's own when it goes straight to the bus. */
@@ -398,6 +451,9 @@ int32_t admission_run_make(admission &post)
     return post.bus && !post.run ? -1 : 0;
 }
 
+/* In the number of a task that has a timer, beside the timer's session. */
+constexpr uint32_t number_timed = 1u << 31;
+
 /* Which node of a context's is meant. */
 struct user_number {
     const void *owner;
@@ -437,6 +493,9 @@ int32_t admission_bypass_post_locked(admission &post)
         return bus_timer_node_post(post.bus, post.timer);
     }
     if (post.message && !que_front_of(post.node)->spare) {
+        if (post.run) {
+            post.core->priv->loop = post.run; /* made for the queue that is full */
+        }
         post.run = user_message_fill(post.core, post.node);
         post.node = nullptr;
         return bus_node_post(post.bus, post.run);
@@ -506,7 +565,8 @@ int32_t admission_timer_locked(admission &post)
 {
     user_loop_fill(post.core, post.bus, post.timer);
     bus_task_of(post.timer)->delay = post.delay;
-    que_front_of(post.timer)->number = post.number;
+    post.number = number_timed | static_cast<uint32_t>(bus_task_of(post.timer)->session);
+    que_front_of(post.timer)->number = que_front_of(post.node)->number = post.number;
     if (bus_timer_node_post(post.bus, post.timer) == 0) {
         return 0;
     }
@@ -535,7 +595,7 @@ int32_t admission_later(admission &post)
 int32_t admission_enque_locked(admission &post)
 {
     qor_core_context_private *priv = post.core->priv;
-    priv->numbers += priv->numbers == UINT32_MAX ? 2 : 1; /* never 0 */
+    priv->numbers = priv->numbers == INT32_MAX ? 1 : priv->numbers + 1;
     post.number = que_front_of(post.node)->number = priv->numbers;
     return qor_time_que_enque_locked(post.core->que, post.node);
 }
@@ -626,8 +686,18 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
 int32_t qor_core_context_loop(qor_context_t *context)
 {
     qor_core_context_t *core = qor_core_context_type(context);
+    qor_bus_t *bus = sched_delegate_bus(context);
+    loop_turn turn = {};
     qor_time_que_lock(core->que);
-    while (!bus_stopping(sched_delegate_bus(context)) && !core->priv->closed) {
+    while (!bus_stopping(bus) && !core->priv->closed) {
+        if (!list_empty(&core->que->head) && loop_turn_is_over(turn, bus)) {
+            qor_time_que_unlock(core->que);
+            if (user_loop_gives_way(bus)) {
+                return 0;
+            }
+            qor_time_que_lock(core->que);
+            continue;
+        }
         qor_time_que_node_t *node = qor_time_que_deque_locked(core->que);
         if (!node) {
             break;
@@ -639,6 +709,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
         }
         qor_time_que_unlock(core->que);
         user_task_run(core, node);
+        turn.tasks++;
         qor_time_que_lock(core->que);
         user_task_over_locked(core);
     }
@@ -662,7 +733,8 @@ int32_t user_task_cancel(qor_core_context_t *core, int32_t session)
     const bool timed = node && bus && bus->time_que && bus_task_of(node)->delay > 0;
     const user_number wanted = {core, node ? que_front_of(node)->number : 0};
     qor_time_que_node_t *timer =
-        timed ? time_que_take_if(bus->time_que, user_number_is<qor_time_que_node_t>, &wanted)
+        timed ? time_que_take_id_if(bus->time_que, wanted.number & ~number_timed,
+                                    user_number_is<qor_time_que_node_t>, &wanted)
               : nullptr;
     qor_time_que_unlock(core->que);
     if (!node) {

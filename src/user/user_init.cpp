@@ -23,6 +23,7 @@ bool init_take(qor_core_context_t *core)
  * of the bus's: for drain, and when the init ends it. */
 struct init_here {
     qor_bus_t *bus;
+    thread_record *before; /* a pool's, or NULL */
     thread_record record;
 };
 
@@ -31,7 +32,7 @@ void init_here_left(void *arg)
     init_here *here = static_cast<init_here *>(arg);
     if (thread_record_get() == &here->record) {
         thread_record_leave(here->record);
-        thread_record_set(nullptr);
+        thread_record_set(here->before);
     }
     bus_init_end(here->bus);
 }
@@ -41,7 +42,8 @@ void init_run_here(qor_core_context_t *core, qor_bus_t *bus)
     init_here here = {};
     here.bus = bus;
     here.record.bus = bus;
-    if (!thread_record_get()) {
+    here.before = thread_record_get();
+    if (!here.before || !here.before->bus) {
         thread_record_set(&here.record);
     }
     pthread_cleanup_push(init_here_left, &here);

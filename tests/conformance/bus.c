@@ -113,6 +113,8 @@ void check_idle_bus(void)
     check("qor_bus_thread_stack_size_set rounds up", bus->thread_stack_size == 69632);
     qor_bus_priority_set(bus, 5);
     check("qor_bus_priority_set", bus->thread_priority == 5);
+    qor_bus_watch_set(bus, 1);
+    check("qor_bus_watch_set", qor_bus_session(bus) > 0);
     check_posts(bus);
     check("a bus is not quitting", qor_bus_quitting(bus) == 0);
     check("qor_bus_quit", qor_bus_quit(bus) == 0 && qor_bus_quitting(bus) == 1);

@@ -2,10 +2,12 @@
 /* Work is refused without memory, or it needs none later: each way to hand work over is tried with
  * every allocation failing in turn, and once it is accepted, with every later one failing. */
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "door.hpp"
 #include "fault.h"
 #include "output.hpp"
 #include "qor_bus.h"
@@ -24,7 +26,7 @@ namespace {
 
 constexpr int32_t far = 600000; /* ms */
 
-/* Two modules on a bus whose loop serves the timers, and whose tasks the test runs. */
+/* Two modules on a bus whose one worker is held while work is handed over, and then runs it. */
 class AcceptanceFaults : public testing::Test {
 protected:
     AcceptanceFaults()
@@ -42,16 +44,36 @@ protected:
         };
         bus.run_all();
         EXPECT_TRUE(served.started() && asker.started());
-        qor_bus_thread_num_set(bus.get(), 0);
+        qor_bus_thread_num_set(bus.get(), 1);
         loop = Thread([this] { qor_bus_loop(bus.get()); });
         EXPECT_EQ(qor_bus_drain(bus.get(), 60000), 0); /* it waits */
+        hold();
     }
 
     ~AcceptanceFaults() override { end(); }
 
+    /* From here until let_go() the worker runs nothing. */
+    void hold()
+    {
+        fault_arm(FAULT_ALLOC, -1);
+        gate = std::make_unique<Door>();
+        ASSERT_EQ(qor_bus_run(
+                      bus.get(),
+                      [](void *door) -> void * {
+                          static_cast<Door *>(door)->pass();
+                          return nullptr;
+                      },
+                      gate.get(), nullptr),
+                  0);
+        ASSERT_TRUE(gate->await(1));
+    }
+
+    void let_go() { gate.reset(); }
+
     /* All of the bus but its memory. */
     void end()
     {
+        let_go();
         fault_arm(FAULT_ALLOC, -1);
         if (loop.joinable()) {
             qor_bus_quit(bus.get());
@@ -128,19 +150,20 @@ protected:
         fault_arm_from(FAULT_ALLOC, 0);
     }
 
-    /* Runs the bus's tasks until what was accepted has run, and been released so many times. */
-    bool happens(int releases)
+    /* Lets the worker run what was accepted, until it has run and been released so often. */
+    bool happens(int releases) { return happens(1, releases); }
+
+    bool happens(int runs, int releases)
     {
-        return await([&] {
-            bus.run_all();
-            return ran == 1 && recycled == releases;
-        });
+        let_go();
+        return await([&] { return ran == runs && recycled == releases; });
     }
 
     static std::atomic<int> ran, recycled;
     Output out;
     Module served{"served"}, asker{"asker"};
     StillBus bus{{&served, &asker}, 1};
+    std::unique_ptr<Door> gate;
     Thread loop;
 };
 
@@ -153,6 +176,7 @@ TEST_F(AcceptanceFaults, OfAnImmediateTask)
     try_all([&] { return post(served, 0, 0); });
 
     EXPECT_TRUE(happens(1));
+    EXPECT_EQ(qor_bus_drain(bus.get(), 60000), 0); /* then the run has ended */
     EXPECT_EQ(served.core()->refcount, 0);
 }
 
@@ -161,18 +185,13 @@ TEST_F(AcceptanceFaults, OfAnImmediateTaskWithoutASlot)
     ASSERT_EQ(post(served, 0, 0), 0);
     try_all([&] { return post(served, 0, 0); });
 
-    EXPECT_TRUE(await([&] {
-        bus.run_all();
-        return ran == 2 && recycled == 2;
-    }));
+    EXPECT_TRUE(happens(2, 2));
 }
 
 TEST_F(AcceptanceFaults, OfAnAsynchronousTask)
 {
     try_all([&] { return post(served, 0, 1); });
 
-    bus.run_next();
-    EXPECT_EQ(ran, 0); /* it is not run in line */
     EXPECT_TRUE(happens(1));
 }
 
@@ -196,6 +215,8 @@ TEST_F(AcceptanceFaults, OfATaskThatGoesPastTheQueue)
         fault_arm(FAULT_ALLOC, -1);
         if (async == 0) {
             fill(served);
+        } else {
+            hold();
         }
         ran = recycled = 0;
         try_all([&] { return post(served, 0, async); });
@@ -211,6 +232,8 @@ TEST_F(AcceptanceFaults, OfADelayedTaskThatGoesPastTheQueue)
         fault_arm(FAULT_ALLOC, -1);
         if (async == 0) {
             fill(served);
+        } else {
+            hold();
         }
         ran = recycled = 0;
         try_all([&] { return post(served, 5, async); });
@@ -274,10 +297,7 @@ TEST_F(AcceptanceFaults, OfARequestWhoseResponseMeetsABusyPublisher)
     }
     fault_arm_from(FAULT_ALLOC, 0);
 
-    EXPECT_TRUE(await([&] {
-        bus.run_all();
-        return ran == 2 && recycled == 2;
-    }));
+    EXPECT_TRUE(happens(2, 2));
 }
 
 TEST_F(AcceptanceFaults, OfManyRequestsKeepTheirResponsesWhateverTheirOrder)
@@ -288,10 +308,7 @@ TEST_F(AcceptanceFaults, OfManyRequestsKeepTheirResponsesWhateverTheirOrder)
     }
     fault_arm_from(FAULT_ALLOC, 0);
 
-    EXPECT_TRUE(await([&] {
-        bus.run_all();
-        return ran == number && recycled == number;
-    }));
+    EXPECT_TRUE(happens(number, number));
 }
 
 namespace {

@@ -169,13 +169,13 @@ TEST(InitFaults, OfADelegateUndoItself)
 
     expect_to_undo_itself(
         [&] { return qor_sched_delegate_create(bus.get(), QOR_BUS_ROLE_USER, context) != nullptr; },
-        FAULT_MUTEX, {{4, line}});
+        FAULT_MUTEX, {{3, line}});
 
     EXPECT_EQ(qor_context_pub_data_get(context), nullptr);
     EXPECT_EQ(qor_context_handler_get(context), nullptr);
     fault_arm(FAULT_MUTEX, -1);
     EXPECT_NE(qor_sched_delegate_create(bus.get(), QOR_BUS_ROLE_USER, context), nullptr);
-    EXPECT_EQ(fault_calls(FAULT_MUTEX), 4);
+    EXPECT_EQ(fault_calls(FAULT_MUTEX), 3);
     qor_context_destroy(context);
 }
 

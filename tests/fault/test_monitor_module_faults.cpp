@@ -82,7 +82,7 @@ TEST_F(MonitorModuleFaults, AStartReportWithoutMemoryIsAccepted)
                                       "malloc \"qor_time_que_node_t\" failed."));
 }
 
-TEST_F(MonitorModuleFaults, AWatchThatWasTakenOutSecondIsUsedAgain)
+TEST_F(MonitorModuleFaults, WatchesThatWereTakenOutAreUsedAgain)
 {
     ASSERT_EQ(qor_monitor_module.init(own.get(), nullptr), 0);
     send(7, QOR_SYS_MONITOR_TASK_START);
@@ -91,8 +91,9 @@ TEST_F(MonitorModuleFaults, AWatchThatWasTakenOutSecondIsUsedAgain)
     fault_arm(FAULT_ALLOC, -1);
 
     send(8, QOR_SYS_MONITOR_TASK_START);
+    send(9, QOR_SYS_MONITOR_TASK_START);
     EXPECT_EQ(fault_calls(FAULT_ALLOC), 0);
 
-    send(9, QOR_SYS_MONITOR_TASK_START);
+    send(10, QOR_SYS_MONITOR_TASK_START);
     EXPECT_EQ(fault_calls(FAULT_ALLOC), 1);
 }

@@ -14,7 +14,7 @@ RANKS = [
     "qor_api qor_types qor_version",                          # 0 language
     "qor_hal hal_sync hal_thread qor_diag qor_util thread_record",  # 1 platform
     "rbtree rbapi rbapi_kv",                                  # 2 containers
-    "que_front que_waits qor_que qor_time_que",                         # 3 queues
+    "que_front que_waits key_tree time_index qor_que qor_time_que",                         # 3 queues
     "qor_context_msg qor_context_task qor_recycle qor_thread_pool",  # 4 records, pool
     "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
     " qor_context_forward",                                   # 5 context model
