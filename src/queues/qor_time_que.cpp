@@ -318,9 +318,9 @@ void qor_time_que_destroy(qor_time_que_t *_this)
     time_que_quit_begin(_this);
     time_que_discard_all(_this, _this->recycle); /* also what a quit that only began has left */
     que_waits_close(_this->priv->waits);
-    while (qor_time_que_node_t *kept = time_que_kept_locked(_this)) {
-        qor_time_que_node_destroy(kept, nullptr);
-    }
+    util_list_each(_this->priv->kept, [](list_head *kept) {
+        qor_time_que_node_destroy(time_que_node(kept), nullptr);
+    });
     free(_this);
 }
 
