@@ -48,7 +48,8 @@ void thread_record_leave(thread_record &record);
  * is one of the library's. The usual way out calls nothing. */
 class thread_scope {
 public:
-    thread_scope(void (*leave)(void *), void *what) : record_(thread_record_get())
+    thread_scope(void (*leave)(void *), void *what, thread_record *record = thread_record_get())
+        : record_(record)
     {
         if (!record_) {
             return;

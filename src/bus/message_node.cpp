@@ -6,7 +6,6 @@
 #include "qor_que_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "que_front.hpp"
-#include "thread_record.hpp"
 
 namespace {
 
@@ -59,8 +58,8 @@ qor_time_que_node_t *message_node_for_response()
     return message_mark(node);
 }
 
-message_offer::message_offer(void *node)
-    : record_(thread_record_get()), node_(node), before_(record_ ? record_->request : nullptr)
+message_offer::message_offer(void *node, thread_record *record)
+    : record_(record), node_(node), before_(record_ ? record_->request : nullptr)
 {
     if (record_) {
         record_->request = node_;

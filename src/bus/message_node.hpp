@@ -7,6 +7,7 @@
 #include "qor_context_task.h"
 #include "qor_que.h"
 #include "qor_time_que.h"
+#include "thread_record.hpp"
 
 /* The body of such a node when it goes past a full private queue: the task of the run that handles
  * it, and what makes up its own task again. */
@@ -34,7 +35,7 @@ qor_time_que_node_t *message_node_for_response();
  * it does nothing. */
 class message_offer {
 public:
-    explicit message_offer(void *node);
+    explicit message_offer(void *node, thread_record *record = thread_record_get());
     ~message_offer();
     message_offer(const message_offer &) = delete;
     message_offer &operator=(const message_offer &) = delete;
@@ -43,7 +44,7 @@ public:
     bool taken() const;
 
 private:
-    struct thread_record *record_; /* NULL: not a thread of the library's */
+    thread_record *record_; /* NULL: not a thread of the library's */
     void *node_;
     void *before_; /* offered by whoever runs this thread's earlier request */
 };

@@ -60,14 +60,14 @@ void bus_task_left(void *arg)
 
 void bus_task_run(thread_record &record, qor_que_node_t *node)
 {
-    thread_scope inside(bus_task_left, node);
+    thread_scope inside(bus_task_left, node, &record);
     record.running = node;
     qor_context_task_t *task = bus_task_of(node);
     if (!(que_front_of(node)->flags & que_quiet)) {
         bus_thread_name_set(record.bus, task->name);
     }
     {
-        message_offer offer(bus_request(node));
+        message_offer offer(bus_request(node), &record);
         qor_context_task_excute(task);
     }
     bus_node_over(record, node, recycle_of(qor_context_task_uninit));

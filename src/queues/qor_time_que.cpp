@@ -104,12 +104,11 @@ time_index *time_que_index(qor_time_que_t *que)
     return que->priv->index;
 }
 
-/* After a change of the list that the index, if there is one, has followed. */
-void time_que_index_follow(qor_time_que_t *que)
+[[gnu::noinline]] void time_que_index_update(qor_time_que_t *que)
 {
     qor_time_que_private *priv = que->priv;
     if (!priv->index) {
-        if (que->count >= list_is_long && priv->walks-- == 0) {
+        if (priv->walks-- == 0) {
             priv->index = time_index_build(que);
             priv->walks = que->count;
         }
@@ -117,6 +116,14 @@ void time_que_index_follow(qor_time_que_t *que)
         time_que_index_drop(que);
     } else {
         time_index_note(priv->index, que);
+    }
+}
+
+/* After a change of the list that the index, if there is one, has followed. */
+inline void time_que_index_follow(qor_time_que_t *que)
+{
+    if (que->priv->index || que->count >= list_is_long) {
+        time_que_index_update(que);
     }
 }
 
@@ -136,15 +143,25 @@ list_head *time_que_search(qor_time_que_t *que, int64_t when)
     return front;
 }
 
-/* The link behind which a node belongs. */
+/* What is done where there is an index stands in functions of its own, so that a short queue pays
+ * for the question alone. */
+
+/* The link behind which a node belongs; NULL: the list is to be walked. */
+[[gnu::noinline]] list_head *time_que_place_indexed(qor_time_que_t *que, qor_time_que_node_t *node)
+{
+    time_index *index = time_que_index(que);
+    list_head *before = index ? time_index_enter(index, que, node) : nullptr;
+    if (index && !before) {
+        time_que_index_drop(que);
+    }
+    return before;
+}
+
 list_head *time_que_place(qor_time_que_t *que, qor_time_que_node_t *node)
 {
-    if (time_index *index = time_que_index(que)) {
-        list_head *before = time_index_enter(index, que, node);
-        if (before) {
-            return before;
-        }
-        time_que_index_drop(que);
+    list_head *before = que->priv->index ? time_que_place_indexed(que, node) : nullptr;
+    if (before) {
+        return before;
     }
     list_head *place = time_que_search(que, node->when);
     /* Deliberate: directly behind the first of several equal times, not behind the last. X, Y, Z
@@ -161,11 +178,18 @@ void time_que_insert(qor_time_que_t *que, qor_time_que_node_t *node)
     time_que_changed(que);
 }
 
-qor_time_que_node_t *time_que_unlink(qor_time_que_t *que, qor_time_que_node_t *node)
+[[gnu::noinline]] void time_que_forget_indexed(qor_time_que_t *que, qor_time_que_node_t *node)
 {
     time_index *index = time_que_index(que);
     if (index && !time_index_forget(index, que, node)) {
         time_que_index_drop(que);
+    }
+}
+
+qor_time_que_node_t *time_que_unlink(qor_time_que_t *que, qor_time_que_node_t *node)
+{
+    if (que->priv->index) {
+        time_que_forget_indexed(que, node);
     }
     list_del(&node->node);
     que->count--;
@@ -180,19 +204,36 @@ qor_time_que_node_t *time_que_take(qor_time_que_t *que, qor_time_que_node_t *nod
     return node;
 }
 
-/* The first node with the id that is due then or later and passes the test, if one is given. */
-qor_time_que_node_t *time_que_find(qor_time_que_t *que, size_t id, int64_t from, time_que_test test,
-                                   const void *what)
+/* Which node is looked for: the first with the id that is due then or later and passes the test, if
+ * one is given. */
+struct time_que_wanted {
+    size_t id;
+    int64_t from;
+    time_que_test test;
+    const void *what;
+};
+
+/* False: the list is to be walked. */
+[[gnu::noinline]] bool time_que_find_indexed(qor_time_que_t *que, const time_que_wanted &wanted,
+                                             qor_time_que_node_t **node)
 {
-    if (time_index *index = time_que_index(que)) {
-        qor_time_que_node_t *node = time_index_find(index, id, from, test, what);
-        if (time_que_index(que)) { /* it was not lost meanwhile */
-            return node;
-        }
+    time_index *index = time_que_index(que);
+    if (index) {
+        *node = time_index_find(index, wanted.id, wanted.from, wanted.test, wanted.what);
+    }
+    return index && time_que_index(que); /* and it was not lost meanwhile */
+}
+
+qor_time_que_node_t *time_que_find(qor_time_que_t *que, const time_que_wanted &wanted)
+{
+    qor_time_que_node_t *found;
+    if (que->priv->index && time_que_find_indexed(que, wanted, &found)) {
+        return found;
     }
     for (list_head *link = que->head.next; link != &que->head; link = link->next) {
         qor_time_que_node_t *node = time_que_node(link);
-        if (node->id == id && node->when >= from && (!test || test(node, what))) {
+        if (node->id == wanted.id && node->when >= wanted.from &&
+            (!wanted.test || wanted.test(node, wanted.what))) {
             return node;
         }
     }
@@ -203,7 +244,7 @@ qor_time_que_node_t *time_que_find(qor_time_que_t *que, size_t id, int64_t from,
 qor_time_que_node_t *time_que_take_id(qor_time_que_t *que, size_t id, time_que_test test,
                                       const void *what)
 {
-    qor_time_que_node_t *node = time_que_find(que, id, INT64_MIN, test, what);
+    qor_time_que_node_t *node = time_que_find(que, {id, INT64_MIN, test, what});
     return node ? time_que_take(que, node) : nullptr;
 }
 
@@ -464,9 +505,9 @@ int32_t qor_time_que_early_locked(qor_time_que_t *_this, size_t id, int32_t dela
     QOR_CHECK(_this, -1);
     QOR_CHECK(!_this->quitting, -1);
     const int64_t when = util_timestamp() + delay;
-    qor_time_que_node_t *node = time_que_find(_this, id, when + 1, nullptr, nullptr);
+    qor_time_que_node_t *node = time_que_find(_this, {id, when + 1, nullptr, nullptr});
     if (!node) {
-        return time_que_find(_this, id, INT64_MIN, nullptr, nullptr) ? 0 : -1;
+        return time_que_find(_this, {id, INT64_MIN, nullptr, nullptr}) ? 0 : -1;
     }
     /* Deliberate: the node keeps its due time, and so moves among equal times only. Making it
      * earlier would change when the timers of existing callers run.

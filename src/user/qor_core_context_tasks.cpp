@@ -112,8 +112,9 @@ void user_task_left_without(void *core)
 /* Runs a task that is under way, and destroys its node. */
 void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
 {
-    thread_scope inside(user_task_left, node);
-    message_offer offer(user_request(node));
+    thread_record *record = thread_record_get();
+    thread_scope inside(user_task_left, node, record);
+    message_offer offer(user_request(node), record);
     qor_context_task_t *task = bus_task_of(node);
     qor_sys_monitor_task_t report = monitor_report(task);
     monitor_tell(&core->base, report, QOR_SYS_MONITOR_TASK_START);
