@@ -16,7 +16,6 @@ constexpr uint32_t thread_scopes_max = 16;
  * into the frames of tasks: they do not outlast a pthread_exit(). Only its thread touches it. */
 struct thread_record {
     qor_bus_t *bus; /* NULL: none */
-    int32_t joined; /* 1: before the bus goes */
     char name[16];  /* what hal_thread_name_set() has named the thread, as far as the kernel keeps
                        it */
     int32_t named;  /* 1 once it has */

@@ -240,9 +240,7 @@ qor_context_task_t *bus_task_of(qor_time_que_node_t *node)
 int32_t bus_node_post(qor_bus_t *bus, qor_que_node_t *node)
 {
     node->id = static_cast<size_t>(bus_task_of(node)->session);
-    const thread_record *record = thread_record_get();
-    return record && record->bus == bus && record->joined ? que_post(bus->que, node)
-                                                          : qor_que_enque(bus->que, node);
+    return qor_que_enque(bus->que, node);
 }
 
 qor_time_que_node_t *bus_timer_node()

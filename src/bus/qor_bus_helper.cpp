@@ -34,7 +34,6 @@ void *bus_helper_run(void *arg)
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); /* it would end with locks held */
     bus_helper *helper = static_cast<bus_helper *>(arg);
     helper->record.bus = helper->bus;
-    helper->record.joined = 1;
     thread_record_set(&helper->record);
     pthread_cleanup_push(bus_helper_left, helper);
     bus_thread_setpriority(helper->bus);

@@ -134,7 +134,6 @@ void *qor_bus_task_loop(void *arg)
     }
     worker->record = {};
     worker->record.bus = worker->bus;
-    worker->record.joined = 1;
     thread_record_set(&worker->record);
     pthread_cleanup_push(bus_worker_left, worker);
     bus_worker_run(worker->record);

@@ -58,16 +58,11 @@ void que_changed(qor_que_t *que)
     que_wake(que->priv->waits.givers, que_room(que));
 }
 
-void que_link(qor_que_t *que, qor_que_node_t *node)
+void que_append(qor_que_t *que, qor_que_node_t *node)
 {
     list_add_tail(&node->node, &que->head);
     que->priv->length++;
     hal_store(que->count, que->count + 1);
-}
-
-void que_append(qor_que_t *que, qor_que_node_t *node)
-{
-    que_link(que, node);
     que_changed(que);
 }
 
@@ -116,25 +111,6 @@ void que_discard_all(qor_que_t *que, qor_que_node_recycle_t recycle)
     while (qor_que_node_t *node = que_discard_first(que)) {
         que_node_discard(node, recycle);
     }
-}
-
-int32_t que_post(qor_que_t *que, qor_que_node_t *node)
-{
-    que_waits &waits = que->priv->waits;
-    bool wakes;
-    {
-        hal_scoped_lock lock(que->mutex);
-        if (que->quitting || que_room(que) == 0) {
-            return -1;
-        }
-        que_link(que, node);
-        pthread_cond_broadcast(&que->cond);
-        wakes = que_wake_due(waits.takers, que->priv->length);
-    }
-    if (wakes) {
-        pthread_cond_signal(&waits.takers.cond);
-    }
-    return 0;
 }
 
 qor_que_node_t *que_take(qor_que_t *que)

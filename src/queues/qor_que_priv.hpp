@@ -22,10 +22,6 @@ void que_node_discard(qor_que_node_t *node, qor_que_node_recycle_t recycle);
  * sets count to 0. recycle stands in for the queue's own, and may be NULL. */
 void que_discard_all(qor_que_t *que, qor_que_node_recycle_t recycle);
 
-/* As qor_que_enque(), for a thread that is joined before the queue is destroyed: only such a one
- * may wake a taker after it has unlocked the queue, and then that finds the lock free. */
-int32_t que_post(qor_que_t *que, qor_que_node_t *node);
-
 /* Takes the first node without waiting and, unlike qor_que_deque(), lowers count. NULL when the
  * queue is empty or quitting. Takes the lock. */
 qor_que_node_t *que_take(qor_que_t *que);

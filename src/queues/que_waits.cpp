@@ -118,16 +118,10 @@ void que_wait_for_change(que_waits &waits)
     que_wait_ended(waits);
 }
 
-bool que_wake_due(que_waiters &who, uint32_t things)
-{
-    const bool due = who.waking < things && who.waking < who.waiting;
-    who.waking += due;
-    return due;
-}
-
 void que_wake(que_waiters &who, uint32_t things)
 {
-    if (que_wake_due(who, things)) {
+    if (who.waking < things && who.waking < who.waiting) {
+        who.waking++;
         pthread_cond_signal(&who.cond);
     }
 }

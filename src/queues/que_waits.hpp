@@ -58,9 +58,6 @@ void que_wait_for_change(que_waits &waits);
  * thing that comes, and then one wake at a time is enough. */
 void que_wake(que_waiters &who, uint32_t things);
 
-/* The same, but the caller signals the condition when the result says so. */
-bool que_wake_due(que_waiters &who, uint32_t things);
-
 void que_wake_all(que_waiters &who);
 
 /* Wakes everybody, wherever they wait. */

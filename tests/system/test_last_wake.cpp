@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A worker is woken after the queue has been unlocked. What it is woken for may end the bus, and
- * its memory, while the thread that wakes it is still about to. */
+/* What a worker is woken for may end the bus, and its memory, while the thread that has woken it is
+ * still on its way out of the queue. */
 #include <string>
 
 #include <gtest/gtest.h>
