@@ -212,8 +212,8 @@ QOR_API int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session);
  * show the name of the thread that called qor_bus_loop(); and the numbers that reports would have
  * drawn go to other tasks. Everything else stays.
  *
- * Before qor_bus_loop(); after it has begun the call changes nothing. Prints "!(_this) == true." or
- * "the loop runs already.".
+ * Before qor_bus_loop(); while that runs the call changes nothing. Any thread. Prints "!(_this) ==
+ * true." or "the loop runs already.".
  */
 QOR_API void qor_bus_watch_set(qor_bus_t *_this, int32_t on);
 

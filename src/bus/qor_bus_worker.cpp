@@ -17,14 +17,6 @@ namespace {
 
 constexpr char file_tag[] = "qor_bus";
 
-/* A node whose memory the response to its request may take; else NULL. */
-qor_que_node_t *bus_request(qor_que_node_t *node)
-{
-    const bool request =
-        (que_front_of(node)->flags & que_message) && sched_delegate_is_relay(bus_task_of(node));
-    return request ? node : nullptr;
-}
-
 /* Destroys the node whose task the thread has run, unless the task has taken it over. */
 void bus_node_over(thread_record &record, qor_que_node_t *node, qor_que_node_recycle_t recycle)
 {
@@ -51,7 +43,7 @@ void bus_task_left(void *arg)
         return;
     }
     if (sched_delegate_is_relay(bus_task_of(left))) {
-        message_offer offer(bus_request(left));
+        message_offer offer(sched_delegate_request(left, bus_task_of(left)));
         qor_context_task_t relay = *bus_task_of(left);
         sched_delegate_relay_refuse(&relay);
     }
@@ -67,7 +59,7 @@ void bus_task_run(thread_record &record, qor_que_node_t *node)
         bus_thread_name_set(record.bus, task->name);
     }
     {
-        message_offer offer(bus_request(node), &record);
+        message_offer offer(sched_delegate_request(node, task), &record);
         qor_context_task_excute(task);
     }
     bus_node_over(record, node, recycle_of(qor_context_task_uninit));

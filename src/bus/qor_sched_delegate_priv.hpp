@@ -6,6 +6,7 @@
 
 #include "qor_context_task.h"
 #include "qor_sched_delegate.h"
+#include "que_front.hpp"
 
 struct qor_sched_delegate_private {
     list_head link; /* in the bus's list of delegates */
@@ -45,6 +46,13 @@ void sched_delegate_post_refused(qor_context_t *context, const qor_context_task_
  * the message that travels on. So it has no recycle, and whoever does not run it calls one of the
  * two functions below. */
 bool sched_delegate_is_relay(const qor_context_task_t *task);
+
+/* A node of either queue, whose task is given, if its response may take its memory; else NULL. */
+template <typename N> inline N *sched_delegate_request(N *node, const qor_context_task_t *task)
+{
+    return (que_front_of(node)->flags & que_message) && sched_delegate_is_relay(task) ? node
+                                                                                      : nullptr;
+}
 
 /* Takes a request back: no response follows. The argument is the task; it stands in for a recycle.
  */

@@ -73,19 +73,11 @@ void user_task_refuse(void *task)
     }
 }
 
-/* A node whose memory the response to its request may take; else NULL. */
-qor_time_que_node_t *user_request(qor_time_que_node_t *node)
-{
-    const bool request =
-        (que_front_of(node)->flags & que_message) && sched_delegate_is_relay(bus_task_of(node));
-    return request ? node : nullptr;
-}
-
 /* Destroys a node whose task is not run, or not to its end. */
 void user_node_refuse(qor_time_que_node_t *node)
 {
     qor_context_task_t task = *bus_task_of(node);
-    message_offer offer(user_request(node));
+    message_offer offer(sched_delegate_request(node, &task));
     user_task_refuse(&task);
     if (!offer.taken()) {
         qor_time_que_node_destroy(node, nullptr);
@@ -114,8 +106,8 @@ void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
 {
     thread_record *record = thread_record_get();
     thread_scope inside(user_task_left, node, record);
-    message_offer offer(user_request(node), record);
     qor_context_task_t *task = bus_task_of(node);
+    message_offer offer(sched_delegate_request(node, task), record);
     qor_sys_monitor_task_t report = monitor_report(task);
     monitor_tell(&core->base, report, QOR_SYS_MONITOR_TASK_START);
     /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
@@ -203,8 +195,7 @@ void *user_message_run(qor_context_t *context, int32_t, void *arg)
         message_offer offer(sched_delegate_is_relay(&task) ? node : nullptr);
         qor_sys_monitor_task_t report = monitor_report(&task);
         monitor_tell(context, report, QOR_SYS_MONITOR_TASK_START);
-        bus_thread_name_set(sched_delegate_bus(context),
-                            task.name); /* and stays, as that of any task */
+        bus_thread_name_set(sched_delegate_bus(context), task.name); /* as with any task */
         result = qor_context_task_excute(&task);
         inside.becomes(user_task_left_without, core);
         monitor_tell(context, report, QOR_SYS_MONITOR_TASK_OVER);

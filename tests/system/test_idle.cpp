@@ -233,5 +233,5 @@ TEST_F(Idle, ABusWithNothingToDoWakesNoThread)
             return;
         }
     }
-    GTEST_SKIP() << "the process is stopped again and again";
+    FAIL() << "the process was stopped in each of five periods, so nothing is known";
 }

@@ -46,7 +46,8 @@ QOR_API int hal_vsnprintf(char *str, const int len, const char *format, va_list 
  * @return  0, or prctl's result when the kernel was asked and refused
  *
  * On the library's own threads the kernel is asked only for a name that differs from the last one
- * set here. A thread that is renamed some other way keeps that name until another one comes.
+ * set here. A thread that is renamed some other way keeps that name until another one comes. The
+ * name is copied. Any thread.
  */
 QOR_API int hal_thread_name_set(const char *thread_name);
 
