@@ -17,6 +17,14 @@ enum {
     QOR_CONTEXT_MSG_FILTER_AFTER = 5   /**< shown to filters after it was handled */
 };
 
+/** Results of a request that its handler has not ended, found in the response's ret. They are never
+ * a handler's: one that returns them in a module with a contract gets -1 there and a line. */
+enum {
+    QOR_RET_DROPPED = INT32_MIN,     /**< its place in a full queue went to another */
+    QOR_RET_EXPIRED = INT32_MIN + 1, /**< it was deferred and not completed in time */
+    QOR_RET_GONE = INT32_MIN + 2     /**< kept for later versions */
+};
+
 /** The request half of a message. */
 typedef struct qor_context_request {
     int32_t size; /**< bytes at buf; 0 or more */

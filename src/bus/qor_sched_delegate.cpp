@@ -155,6 +155,12 @@ void passage_before(qor_context_t *publisher, qor_context_msg_t *msg)
     msg->type = QOR_CONTEXT_MSG_REQUEST;
 }
 
+void passage_after(qor_context_t *publisher, qor_context_msg_t *msg)
+{
+    passage_point(publisher, msg, QOR_CONTEXT_MSG_FILTER_AFTER, QOR_CONTEXT_MSG_LISTEN_AFTER);
+    msg->type = QOR_CONTEXT_MSG_RESPONSE;
+}
+
 /* Handles a request where it is aimed at, then passes the points after it. The message ends as the
  * response. The printed name is the calling operation's. */
 int32_t request_handle(qor_context_t *publisher, qor_context_msg_t *msg, const char *func)
@@ -171,8 +177,7 @@ int32_t request_handle(qor_context_t *publisher, qor_context_msg_t *msg, const c
                  name_of(publisher), msg->topic, msg->session);
     }
     msg->ret = ret;
-    passage_point(publisher, msg, QOR_CONTEXT_MSG_FILTER_AFTER, QOR_CONTEXT_MSG_LISTEN_AFTER);
-    msg->type = QOR_CONTEXT_MSG_RESPONSE;
+    passage_after(publisher, msg);
     return ret;
 }
 
@@ -216,14 +221,26 @@ void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *
     return task_result(response_hand_over(publisher, clone));
 }
 
+/* A request whose result is there: what follows the handler. */
+void *qor_sched_delegate_finish(qor_context_t *publisher, int32_t, void *arg)
+{
+    qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
+    passage_after(publisher, clone);
+    return task_result(response_hand_over(publisher, clone));
+}
+
 /* What brings a request to its subscriber and the response back. One function for both, so that
  * both have the same default name and a thread that runs one after the other keeps it. */
 void *qor_sched_delegate_message(qor_context_t *publisher, int32_t session, void *arg)
 {
-    const bool response =
-        static_cast<const qor_context_msg_t *>(arg)->type == QOR_CONTEXT_MSG_RESPONSE;
-    return response ? qor_sched_delegate_handle_message_self(publisher, session, arg)
-                    : qor_sched_delegate_publish_relay(publisher, session, arg);
+    switch (static_cast<const qor_context_msg_t *>(arg)->type) {
+    case QOR_CONTEXT_MSG_RESPONSE:
+        return qor_sched_delegate_handle_message_self(publisher, session, arg);
+    case QOR_CONTEXT_MSG_FILTER_AFTER:
+        return qor_sched_delegate_finish(publisher, session, arg);
+    default:
+        return qor_sched_delegate_publish_relay(publisher, session, arg);
+    }
 }
 
 /* Requests and responses differ in their recycle: a request's message lives on as the response. */
@@ -456,6 +473,23 @@ void sched_delegate_message_task(qor_context_task_t *task, qor_context_t *publis
 {
     qor_context_taskx_init(task, publisher, nullptr, msg->session, qor_sched_delegate_message, msg);
     task->recycle = recycle;
+}
+
+int32_t sched_delegate_finish_post(qor_que_node_t *node, qor_context_t *publisher,
+                                   qor_context_msg_t *msg, int32_t ret)
+{
+    msg->ret = ret;
+    msg->type = QOR_CONTEXT_MSG_FILTER_AFTER;
+    sched_delegate_message_task(bus_task_of(node), publisher, msg, nullptr);
+    que_front *front = que_front_of(node);
+    *front = {};
+    front->flags = que_own | que_message;
+    front->discard = sched_delegate_relay_discard;
+    if (bus_node_post(delegate_of(publisher)->bus, node) < 0) {
+        qor_que_node_destroy(node, sched_delegate_relay_discard);
+        return -1;
+    }
+    return 0;
 }
 
 void sched_delegates_free(qor_bus_t *bus)

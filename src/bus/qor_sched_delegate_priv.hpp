@@ -68,6 +68,12 @@ bool sched_delegate_is_response(const qor_context_task_t *task);
 void sched_delegate_message_task(qor_context_task_t *task, qor_context_t *publisher,
                                  qor_context_msg_t *msg, qor_context_recycle_t recycle);
 
+/* Ends a request that no handler has ended, with that result: a task of the library's own passes
+ * the points after the handler and hands the response over. The node, of the task queue and made as
+ * a message's, goes along. 0, or -1 when the bus quits, and message and node are gone. */
+int32_t sched_delegate_finish_post(qor_que_node_t *node, qor_context_t *publisher,
+                                   qor_context_msg_t *msg, int32_t ret);
+
 /* Frees all delegates of a bus when no thread and no context is left to name them. */
 void sched_delegates_free(qor_bus_t *bus);
 
