@@ -12,6 +12,7 @@
 #include "qor_context_module.h"
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
+#include "qor_contract.h"
 #include "qor_core_context.h"
 #include "qor_hal.h"
 #include "qor_impl_context.h"

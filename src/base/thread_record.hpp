@@ -12,6 +12,15 @@
  * pthread_exit(). */
 constexpr uint32_t thread_scopes_max = 16;
 
+struct contract;
+
+/* What a thread is to its bus. */
+enum thread_role : int32_t {
+    thread_helps = 0, /* or runs an init, or is none of the bus's */
+    thread_works,
+    thread_loops,
+};
+
 /* Outlives its thread, whose own data may still use the bus while it ends. Nothing here may point
  * into the frames of tasks: they do not outlast a pthread_exit(). Only its thread touches it. */
 struct thread_record {
@@ -23,7 +32,12 @@ struct thread_record {
                        over by its task, and is no longer the worker's */
     void *request;  /* the node of the request that the thread handles, for its response to travel
                        with; NULL: none, or it is on its way */
-    uint32_t depth; /* scopes entered, also those beyond the limit */
+    thread_role role;
+    contract *task_of;  /* whose queue's task the thread runs; NULL: none with a contract */
+    int32_t task_ended; /* 1: the ledger does not count that task as running (any more) */
+    int32_t losing;     /* 1 while it tells of a loss */
+    const void *moving; /* the message that it hands on to a newer subscriber, or NULL */
+    uint32_t depth;     /* scopes entered, also those beyond the limit */
     struct {
         void (*leave)(void *what);
         void *what;

@@ -8,6 +8,7 @@
 #include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_task.h"
+#include "qor_contract_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_main.h" /* upward: creating a bus queues the start-up routine as its first task */
 #include "qor_que_priv.hpp"
@@ -71,6 +72,7 @@ int32_t bus_head_init(qor_bus_t *bus)
     INIT_LIST_HEAD(&block->priv.waiters);
     INIT_LIST_HEAD(&block->priv.delegates);
     INIT_LIST_HEAD(&block->priv.failed);
+    INIT_LIST_HEAD(&block->priv.contracts);
     bus->head = &block->head;
     bus->priv = &block->priv;
     return 0;
@@ -197,6 +199,13 @@ int32_t bus_parts_init(qor_bus_t *bus, int32_t id_max, const char *func)
     return -1;
 }
 
+/* Whether the calling thread is one of the bus's workers. */
+bool bus_thread_works(const qor_bus_t *bus)
+{
+    const thread_record *record = thread_record_get();
+    return bus && record && record->bus == bus && record->role == thread_works;
+}
+
 bool bus_is_cancelled(const qor_que_node_t *node, const void *session)
 {
     return !(que_front_of(node)->flags & que_own) &&
@@ -217,6 +226,7 @@ bool bus_watched(const qor_bus_t *bus)
 
 void bus_head_uninit(qor_bus_t *bus)
 {
+    contracts_free(bus);
     pthread_cond_destroy(&bus->priv->inits_over);
     hal_mutex_cond_destroy(bus->priv->mutex, bus->priv->drained);
     free(bus->head); /* first field of the block */
@@ -262,6 +272,33 @@ int32_t bus_timer_node_post(qor_bus_t *bus, qor_time_que_node_t *node)
     const qor_context_task_t *task = bus_task_of(node);
     qor_time_que_node_update(node, static_cast<size_t>(task->session), task->delay);
     return qor_time_que_enque_block(bus->time_que, node, -1);
+}
+
+void bus_stuck_begin(qor_bus_t *bus)
+{
+    if (bus_thread_works(bus)) {
+        hal_scoped_lock lock(bus->priv->mutex);
+        bus->priv->stuck++;
+    }
+}
+
+bool bus_stuck_try(qor_bus_t *bus)
+{
+    if (!bus_thread_works(bus)) {
+        return true;
+    }
+    hal_scoped_lock lock(bus->priv->mutex);
+    const bool others = bus->priv->stuck + 1 < bus->priv->workers;
+    bus->priv->stuck += others;
+    return others;
+}
+
+void bus_stuck_end(qor_bus_t *bus)
+{
+    if (bus_thread_works(bus)) {
+        hal_scoped_lock lock(bus->priv->mutex);
+        bus->priv->stuck--;
+    }
 }
 
 bus_waiter::bus_waiter(qor_bus_t *bus, hal_thread_mutex_t &mutex, hal_thread_cond_t &cond)

@@ -87,6 +87,7 @@ void bus_loop_serve(qor_bus_t *bus, bus_crew *crew)
     qor_bus_private &priv = *bus->priv;
     thread_record record = {}; /* a recycle that the loop calls must not drain the bus */
     record.bus = bus;
+    record.role = thread_loops;
     thread_record_set(&record);
     bus_timers_serve(bus);
     bus_crew_join(priv, crew);

@@ -42,11 +42,19 @@ struct qor_bus_private {
     list_head waiters;   /* bus_waiter::link */
     list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
     task_watch watch;
-    list_head failed; /* user contexts that were destroyed while others may still name them */
+    list_head contracts; /* contract::link; does not change once the loop runs */
+    uint32_t stuck;      /* workers that wait for a start or for a place in a queue */
+    list_head failed;    /* user contexts that were destroyed while others may still name them */
 };
 
 /* Tells whether the bus has been asked to end; false for NULL. */
 bool bus_stopping(const qor_bus_t *bus);
+
+/* Whether any module has a contract. */
+inline bool bus_has_contracts(const qor_bus_t &bus)
+{
+    return !list_empty(&bus.priv->contracts);
+}
 
 /* Whether tasks are reported and threads named. */
 bool bus_watched(const qor_bus_t *bus);
@@ -108,6 +116,14 @@ void bus_helpers_join(qor_bus_t *bus);
 /* Counts an init in that runs for somebody who waits, and out again: drain waits for it. */
 void bus_init_begin(qor_bus_t *bus);
 void bus_init_end(qor_bus_t *bus);
+
+/* Counts the calling thread, if it is a worker, among those that wait for others; always, or only
+ * if another worker is left then: false when none is. */
+void bus_stuck_begin(qor_bus_t *bus);
+bool bus_stuck_try(qor_bus_t *bus);
+
+/* Counts it out again. */
+void bus_stuck_end(qor_bus_t *bus);
 
 /* A thread that waits on a condition of a context's, from construction to destruction: quit
  * broadcasts the condition, so a waiting loop that also tests bus_stopping() ends. Made before the

@@ -126,6 +126,7 @@ void *qor_bus_task_loop(void *arg)
     }
     worker->record = {};
     worker->record.bus = worker->bus;
+    worker->record.role = thread_works;
     thread_record_set(&worker->record);
     pthread_cleanup_push(bus_worker_left, worker);
     bus_worker_run(worker->record);

@@ -9,6 +9,7 @@
 #include "qor_context_handler.h"
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
+#include "qor_contract_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_recycle.hpp"
 #include "qor_sched_delegate_priv.hpp"
@@ -55,15 +56,51 @@ int32_t context_leave(qor_context_t *context, const char *func)
     return left;
 }
 
-int32_t qor_sched_delegate_handle_message_aim(qor_context_t *context, qor_context_msg_t *msg)
+/* The result of a handler whose module has a contract: what stands for other ends is not its own.
+ */
+int32_t handler_result(const contract &promise, int32_t ret)
 {
-    qor_context_t *aim = subscriber_enter(delegate_table(delegate_of(context)), msg->topic);
+    if (ret > QOR_RET_GONE) {
+        return ret;
+    }
+    QOR_LINE("err", "qor_context_handle_message", "reserved result %d, module = %s", ret,
+             contract_name(promise));
+    return -1;
+}
+
+/* The aim has been entered; it may be NULL. */
+int32_t qor_sched_delegate_handle_message_aim(qor_context_t *aim, qor_context_msg_t *msg)
+{
     if (!aim) {
         return -1;
     }
     const int32_t ret = qor_context_handle_message(aim, msg);
     context_leave(aim, __func__);
-    return ret;
+    const contract *promise = sched_delegate_contract(aim);
+    return promise ? handler_result(*promise, ret) : ret;
+}
+
+void *listener_show(qor_context_t *listener, int32_t, void *arg)
+{
+    (void)qor_context_handle_message(listener, static_cast<qor_context_msg_t *>(arg));
+    return nullptr;
+}
+
+/* A strict listener sees a copy of its own, in its turn. What does not get there is its loss alone.
+ */
+void listener_post(const contract &promise, qor_context_t *listener, qor_context_msg_t *msg)
+{
+    qor_context_msg_t *clone = qor_context_msg_clone(msg);
+    qor_context_task_t task = {};
+    qor_context_taskx_init(&task, listener, nullptr, msg->session, listener_show, clone);
+    task.recycle = recycle_of(qor_context_msg_destroy);
+    if (clone && qor_context_handle_task(listener, &task) == 0) {
+        return;
+    }
+    contract_lost(promise, QOR_LOSS_LISTENER, QOR_LOSS_REFUSED, msg->topic, msg->session);
+    if (clone) {
+        qor_context_msg_destroy(clone);
+    }
 }
 
 using node_next = qor_topic_node_t *(*)(qor_topic_core_t *, qor_context_topic_t,
@@ -88,7 +125,13 @@ void registrations_call(node_next next, qor_context_t *publisher, qor_context_ms
         }
         /* Deliberate: the result is ignored; neither filters nor listeners stop a message.
          * Test: SchedDelegate.AFailingFilterDoesNotPreventDelivery. */
-        (void)qor_context_handle_message(context, msg);
+        contract *promise =
+            next == topic_listener_step ? sched_delegate_contract(context) : nullptr;
+        if (promise && promise->terms.strict) {
+            listener_post(*promise, context, msg);
+        } else {
+            (void)qor_context_handle_message(context, msg);
+        }
         if (context_leave(context, func) < 0) {
             return;
         }
@@ -161,14 +204,10 @@ void passage_after(qor_context_t *publisher, qor_context_msg_t *msg)
     msg->type = QOR_CONTEXT_MSG_RESPONSE;
 }
 
-/* Handles a request where it is aimed at, then passes the points after it. The message ends as the
- * response. The printed name is the calling operation's. */
-int32_t request_handle(qor_context_t *publisher, qor_context_msg_t *msg, const char *func)
+/* What follows the handler of a request, with its result: the points after it. The message ends as
+ * the response. The printed name is the calling operation's. */
+int32_t request_end(qor_context_t *publisher, qor_context_msg_t *msg, int32_t ret, const char *func)
 {
-    /* Deliberate: the subscriber is looked up here and now. One that has unsubscribed since the
-     * request was handed to it is passed by in favour of the newest that remains.
-     * Test: SchedDelegate.TheRelayLooksTheSubscriberUpAgain. */
-    const int32_t ret = qor_sched_delegate_handle_message_aim(publisher, msg);
     if (ret < 0) {
         /* Deliberate: the after-points and the response follow all the same.
          * Test: SchedDelegate.AFailedHandlerStillGivesAResponse. */
@@ -209,16 +248,10 @@ int32_t response_hand_over(qor_context_t *publisher, qor_context_msg_t *clone)
     sched_delegate_message_task(&response, publisher, clone, recycle_of(qor_context_msg_destroy));
     const int32_t handed = qor_context_handle_task(publisher, &response);
     if (handed < 0) {
+        contract_reply_back(sched_delegate_contract(publisher));
         qor_context_msg_destroy(clone);
     }
     return handed;
-}
-
-void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *arg)
-{
-    qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
-    request_handle(publisher, clone, __func__);
-    return task_result(response_hand_over(publisher, clone));
 }
 
 /* A request whose result is there: what follows the handler. */
@@ -226,6 +259,64 @@ void *qor_sched_delegate_finish(qor_context_t *publisher, int32_t, void *arg)
 {
     qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
     passage_after(publisher, clone);
+    return task_result(response_hand_over(publisher, clone));
+}
+
+/* Whether a request is to be handled in the queue of a context, where it is not. */
+bool request_is_elsewhere(const qor_sched_delegate_t *delegate, const qor_context_t *aim)
+{
+    if (!aim || !bus_has_contracts(*delegate->bus)) {
+        return false;
+    }
+    const contract *there = sched_delegate_contract(aim);
+    return contract_slot() != (there && there->terms.strict ? there : nullptr);
+}
+
+/* Hands a request on to the queue of a newer subscriber, which has been entered for it. What that
+ * does not take is dropped here, and gets its response. */
+void *request_move(qor_context_t *publisher, qor_context_t *aim, qor_context_msg_t *clone)
+{
+    qor_context_task_t relay = {};
+    sched_delegate_message_task(&relay, publisher, clone, nullptr);
+    thread_record *record = thread_record_get();
+    contract *here = contract_slot();
+    const qor_context_topic_t topic = clone->topic;
+    const int32_t session = clone->session;
+    if (record) {
+        record->moving = clone;
+    }
+    const int32_t handed = qor_context_handle_task(aim, &relay);
+    if (record) {
+        record->moving = nullptr;
+    }
+    if (here) {
+        contract_task_ends(*here, handed < 0 ? &qor_ledger_t::dropped_transfer
+                                             : &qor_ledger_t::transferred);
+    }
+    if (handed >= 0) {
+        return task_result(handed);
+    }
+    if (here) {
+        contract_lost(*here, QOR_LOSS_REQUEST, QOR_LOSS_TRANSFER, topic, session);
+    }
+    clone->ret = QOR_RET_DROPPED;
+    return qor_sched_delegate_finish(publisher, session, clone);
+}
+
+void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *arg)
+{
+    const qor_sched_delegate_t *delegate = delegate_of(publisher);
+    qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
+    /* Deliberate: the subscriber is looked up here and now. One that has unsubscribed since the
+     * request was handed to it is passed by in favour of the newest that remains.
+     * Test: SchedDelegate.TheRelayLooksTheSubscriberUpAgain. */
+    qor_context_t *aim = subscriber_enter(delegate_table(delegate), clone->topic);
+    if (request_is_elsewhere(delegate, aim)) {
+        return request_move(publisher, aim, clone);
+    }
+    const int32_t ret = qor_sched_delegate_handle_message_aim(aim, clone);
+    contract_handler_returned(*delegate->bus);
+    request_end(publisher, clone, ret, __func__);
     return task_result(response_hand_over(publisher, clone));
 }
 
@@ -275,6 +366,35 @@ int32_t msg_payload_size(const qor_context_msg_t *msg)
                                 static_cast<uint32_t>(msg->response.size));
 }
 
+/* Passes the points before a request and hands a copy of it to its subscriber. The printed name is
+ * the calling operation's. */
+int32_t request_publish(qor_context_t *publisher, qor_context_msg_t *msg, const char *func)
+{
+    passage_before(publisher, msg);
+    /* Deliberate: the subscriber is entered here and not left again.
+     * Test: SchedDelegate.PublishLeavesTheSubscriberEntered. */
+    qor_context_t *subscriber =
+        subscriber_enter(delegate_table(delegate_of(publisher)), msg->topic);
+    if (!subscriber) {
+        QOR_LINE("err", func, "no one subscribe, source:%s, topic:%d, session=%d",
+                 name_of(publisher), msg->topic, msg->session);
+        return -1;
+    }
+    qor_context_msg_t *clone = qor_context_msg_clone(msg);
+    if (!clone) {
+        QOR_LINE("err", func, "clone message faied, source:%s, topic:%d, session=%d, msg_len = %d",
+                 name_of(publisher), msg->topic, msg->session, msg_payload_size(msg));
+        return -1;
+    }
+    qor_context_task_t relay = {};
+    sched_delegate_message_task(&relay, publisher, clone, nullptr);
+    const int32_t handed = qor_context_handle_task(subscriber, &relay);
+    if (handed < 0) {
+        qor_context_msg_destroy(clone);
+    }
+    return handed;
+}
+
 int32_t qor_sched_delegate_publish(qor_context_t *publisher, qor_context_msg_t *msg)
 {
     qor_sched_delegate_t *_this = delegate_of(publisher);
@@ -283,26 +403,15 @@ int32_t qor_sched_delegate_publish(qor_context_t *publisher, qor_context_msg_t *
     if (message_check(publisher, msg, __func__) < 0) {
         return -1;
     }
-    passage_before(publisher, msg);
-    /* Deliberate: the subscriber is entered here and not left again.
-     * Test: SchedDelegate.PublishLeavesTheSubscriberEntered. */
-    qor_context_t *subscriber = subscriber_enter(delegate_table(_this), msg->topic);
-    if (!subscriber) {
-        QOR_ERR("no one subscribe, source:%s, topic:%d, session=%d", name_of(publisher), msg->topic,
-                msg->session);
+    contract *promise = _this->priv->promise;
+    if (promise && contract_reply_take(*promise) < 0) {
+        QOR_ERR("replies: all places are taken, source:%s, topic:%d, session=%d",
+                name_of(publisher), msg->topic, msg->session);
         return -1;
     }
-    qor_context_msg_t *clone = qor_context_msg_clone(msg);
-    if (!clone) {
-        QOR_ERR("clone message faied, source:%s, topic:%d, session=%d, msg_len = %d",
-                name_of(publisher), msg->topic, msg->session, msg_payload_size(msg));
-        return -1;
-    }
-    qor_context_task_t relay = {};
-    sched_delegate_message_task(&relay, publisher, clone, nullptr);
-    const int32_t handed = qor_context_handle_task(subscriber, &relay);
+    const int32_t handed = request_publish(publisher, msg, __func__);
     if (handed < 0) {
-        sched_delegate_relay_discard(&relay);
+        contract_reply_back(promise);
     }
     return handed;
 }
@@ -316,7 +425,8 @@ int32_t qor_sched_delegate_publishx(qor_context_t *publisher, qor_context_msg_t 
         return -1;
     }
     passage_before(publisher, msg);
-    return request_handle(publisher, msg, __func__);
+    qor_context_t *aim = subscriber_enter(delegate_table(_this), msg->topic); /* as in the relay */
+    return request_end(publisher, msg, qor_sched_delegate_handle_message_aim(aim, msg), __func__);
 }
 
 int32_t qor_sched_delegate_syscallx(qor_context_t *context, qor_context_msg_t *msg)
@@ -434,6 +544,12 @@ qor_bus_t *sched_delegate_bus(const qor_context_t *context)
     return context->handler == &qor_sched_delegate_handler ? delegate_of(context)->bus : nullptr;
 }
 
+contract *sched_delegate_contract(const qor_context_t *context)
+{
+    return context->handler == &qor_sched_delegate_handler ? delegate_of(context)->priv->promise
+                                                           : nullptr;
+}
+
 void sched_delegate_post_refused(qor_context_t *context, const qor_context_task_t *task)
 {
     /* Deliberate: one text for tasks and timers, even when no timer was asked for.
@@ -448,6 +564,11 @@ bool sched_delegate_is_relay(const qor_context_task_t *task)
     return task_is_message(task) && !task->recycle;
 }
 
+bool sched_delegate_is_listener(const qor_context_task_t *task)
+{
+    return task->fun_type != QOR_CONTEXT_FUN_RUN && task->fun.runx == listener_show;
+}
+
 bool sched_delegate_is_response(const qor_context_task_t *task)
 {
     return task_is_message(task) && task->recycle;
@@ -456,6 +577,7 @@ bool sched_delegate_is_response(const qor_context_task_t *task)
 void sched_delegate_relay_discard(void *task)
 {
     const qor_context_task_t *relay = static_cast<const qor_context_task_t *>(task);
+    contract_reply_back(sched_delegate_contract(relay->context));
     qor_context_msg_destroy(static_cast<qor_context_msg_t *>(relay->arg));
 }
 
@@ -524,6 +646,7 @@ qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role, qor_co
     if (bus) {
         hal_scoped_lock lock(bus->priv->mutex);
         list_add(&block->priv.link, &bus->priv->delegates);
+        block->priv.promise = context ? contract_find(bus, context->module) : nullptr;
     }
     qor_context_pub_data_set(context, _this, recycle_of(qor_sched_delegate_destroy));
     qor_context_handler_set(context, &qor_sched_delegate_handler);

@@ -8,9 +8,12 @@
 #include "qor_sched_delegate.h"
 #include "que_front.hpp"
 
+struct contract;
+
 struct qor_sched_delegate_private {
-    list_head link; /* in the bus's list of delegates */
-    int32_t closed; /* 1 once destroyed: registrations are refused; read without a common lock */
+    list_head link;    /* in the bus's list of delegates */
+    contract *promise; /* of the context's module; NULL: it has none */
+    int32_t closed;    /* 1 once destroyed: registrations are refused; read without a common lock */
 };
 
 /* A context's delegate, or NULL. */
@@ -38,6 +41,12 @@ void delegate_unregister_all(qor_sched_delegate_t *delegate);
 
 /* The bus that a context is attached to; NULL when it is not. */
 qor_bus_t *sched_delegate_bus(const qor_context_t *context);
+
+/* The contract of an attached context's module, or NULL. */
+contract *sched_delegate_contract(const qor_context_t *context);
+
+/* Whether a task shows a strict listener a message. */
+bool sched_delegate_is_listener(const qor_context_task_t *task);
 
 /* Prints the line of a refused post. */
 void sched_delegate_post_refused(qor_context_t *context, const qor_context_task_t *task);

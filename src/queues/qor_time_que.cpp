@@ -18,6 +18,7 @@ struct qor_time_que_private {
     list_head kept;      /* nodes out of use, until destroy */
     uint32_t kept_count;
     time_index *index; /* of a long list; NULL: the list is walked */
+    int32_t in_order;  /* 1: equal due times in the order of arrival, and never an index */
     int32_t walks;     /* changes of a long list without one until it is tried again */
 };
 
@@ -107,6 +108,9 @@ time_index *time_que_index(qor_time_que_t *que)
 [[gnu::noinline]] void time_que_index_update(qor_time_que_t *que)
 {
     qor_time_que_private *priv = que->priv;
+    if (priv->in_order) {
+        return;
+    }
     if (!priv->index) {
         if (priv->walks-- == 0) {
             priv->index = time_index_build(que);
@@ -162,6 +166,9 @@ list_head *time_que_place(qor_time_que_t *que, qor_time_que_node_t *node)
     list_head *before = que->priv->index ? time_que_place_indexed(que, node) : nullptr;
     if (before) {
         return before;
+    }
+    if (que->priv->in_order) {
+        return time_que_search(que, node->when + 1)->prev;
     }
     list_head *place = time_que_search(que, node->when);
     /* Deliberate: directly behind the first of several equal times, not behind the last. X, Y, Z
@@ -269,6 +276,12 @@ void time_que_quit_begin(qor_time_que_t *que)
     hal_scoped_lock lock(que->mutex);
     hal_store(que->quitting, 1);
     que_wake_everybody(que->priv->waits);
+}
+
+void time_que_in_order(qor_time_que_t *que)
+{
+    hal_scoped_lock lock(que->mutex);
+    que->priv->in_order = 1;
 }
 
 void time_que_keep_locked(qor_time_que_t *que, qor_time_que_node_t *node)

@@ -13,6 +13,9 @@ void time_que_quit_begin(qor_time_que_t *que);
  * is about to fill all three. */
 qor_time_que_node_t *time_que_node_unfilled(size_t size);
 
+/* From now on equal due times come out in the order of their arrival. The queue is empty. */
+void time_que_in_order(qor_time_que_t *que);
+
 /* Keeps a node that has been taken out for time_que_kept_locked(), or destroys it when many are
  * kept already. All nodes that are kept in one queue have the same size. The caller holds the lock.
  */

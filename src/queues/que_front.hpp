@@ -9,10 +9,12 @@
 #include "qor_util.hpp"
 
 enum que_flags : uint32_t {
-    que_own = 1,     /* the library made it for itself: cancel passes over it */
-    que_quiet = 2,   /* it names its thread itself, its worker need not */
-    que_again = 4,   /* it is queued again when one of its tasks has ended its thread */
-    que_message = 8, /* it carries a request or a response, see message_node.hpp */
+    que_own = 1,      /* the library made it for itself: cancel passes over it */
+    que_quiet = 2,    /* it names its thread itself, its worker need not */
+    que_again = 4,    /* it is queued again when one of its tasks has ended its thread */
+    que_message = 8,  /* it carries a request or a response, see message_node.hpp */
+    que_counted = 16, /* its module's ledger counts it */
+    que_placed = 32,  /* it has one of the places that its module's contract bounds */
 };
 
 struct alignas(8) que_front {

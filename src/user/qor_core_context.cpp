@@ -3,6 +3,7 @@
  * class. Lifecycle and private queue have sources of their own. */
 #include "qor_core_context.h"
 
+#include "contract_queue.hpp"
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_core.h"
@@ -193,8 +194,7 @@ void qor_core_context_destroy(qor_context_t *context)
         QOR_ERR("context is not ready to destroy.");
         return;
     }
-    time_que_quit_begin(core->que);
-    time_que_discard_all(core->que, user_task_discard);
+    user_tasks_discard(core);
     qor_bus_t *bus = sched_delegate_bus(context);
     if (!bus) {
         /* Deliberate: the inner context stays; its maker may still name it.
@@ -210,7 +210,9 @@ void qor_core_context_destroy(qor_context_t *context)
 
 void qor_core_context_register(qor_context_t *context)
 {
-    qor_context_register(qor_core_context_type(context)->context);
+    qor_core_context_t *core = qor_core_context_type(context);
+    contract_queue_bind(core);
+    qor_context_register(core->context);
 }
 
 void qor_core_context_unregister(qor_context_t *context)
@@ -223,6 +225,7 @@ int32_t qor_core_context_start(qor_context_t *context)
     qor_core_context_t *core = qor_core_context_type(context);
     const int32_t ret = qor_context_start(core->context);
     qor_core_context_lifecycle_start(core);
+    contract_queue_open(core);
     return ret;
 }
 

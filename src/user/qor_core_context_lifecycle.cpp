@@ -15,10 +15,14 @@ constexpr char file_tag[] = "qor_core_context";
 template <typename R> void lifecycle_await(qor_core_context_t *core, qor_bus_t *bus, R reached)
 {
     bus_waiter waiter(bus, core->mutex, core->cond);
-    hal_scoped_lock lock(core->mutex);
-    while (!reached() && !bus_stopping(bus)) {
-        pthread_cond_wait(&core->cond, &core->mutex);
+    bus_stuck_begin(bus);
+    {
+        hal_scoped_lock lock(core->mutex);
+        while (!reached() && !bus_stopping(bus)) {
+            pthread_cond_wait(&core->cond, &core->mutex);
+        }
     }
+    bus_stuck_end(bus);
 }
 
 /* The caller holds the mutex. */

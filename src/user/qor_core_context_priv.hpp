@@ -13,8 +13,11 @@ enum user_init : int32_t {
     user_init_begun,
 };
 
+struct contract;
+
 struct qor_core_context_private {
-    list_head failed; /* in the bus's list of destroyed contexts */
+    list_head failed;  /* in the bus's list of destroyed contexts */
+    contract *promise; /* the module's; NULL: it has none. Set before its reg */
 
     /* Guarded by the private queue's lock: */
     uint32_t numbers;   /* tasks so far, from 1 to INT32_MAX; each has its own number */
@@ -46,6 +49,9 @@ void user_task_discard(void *task);
 
 /* From now on posts are refused with a line and no task is begun. */
 void user_tasks_close(qor_core_context_t *core);
+
+/* Discards what is queued: the context ends with its bus. */
+void user_tasks_discard(qor_core_context_t *core);
 
 /* Recycles what a closed context has queued, on the bus too. Requests of others are answered with
  * ret -1. */

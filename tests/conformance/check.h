@@ -31,5 +31,6 @@ void check_delegate(void);
 void check_lifecycle(void);
 void check_start_up(void);
 void check_whole_bus(void);
+void check_contract(void);
 
 #endif /* QOR_TESTS_CHECK_H */

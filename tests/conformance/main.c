@@ -53,6 +53,7 @@ int main(void)
     check_start_up();
     check_whole_bus();
     check_whole_bus(); /* a second one in the same process */
+    check_contract();
     printf("%d passed, %d failed\n", passed, failed);
     return failed > 0;
 }

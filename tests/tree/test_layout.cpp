@@ -72,6 +72,15 @@ RECORD(qor_context_msg_t, 32, FIELD(type), FIELD(session), FIELD(ret), FIELD(top
 RECORD(qor_context_task_t, 64, FIELD(name), FIELD(context), FIELD(session), FIELD(async),
        FIELD(delay), FIELD(arg), FIELD(recycle), FIELD(fun_type), FIELD(fun));
 
+RECORD(qor_loss_t, 20, FIELD(module), FIELD(topic), FIELD(session), FIELD(kind), FIELD(reason));
+RECORD(qor_contract_t, 56, FIELD(size), FIELD(strict), FIELD(depth), FIELD(replies),
+       FIELD(overflow), FIELD(wait_time), FIELD(open_max), FIELD(reserved0), FIELD(lost), FIELD(arg),
+       FIELD(reserved));
+RECORD(qor_ledger_t, 136, FIELD(size), FIELD(reserved), FIELD(accepted), FIELD(run), FIELD(running),
+       FIELD(waiting), FIELD(delayed), FIELD(dropped_oldest), FIELD(dropped_newest),
+       FIELD(dropped_transfer), FIELD(cancelled), FIELD(discarded), FIELD(transferred),
+       FIELD(refused), FIELD(bypassed), FIELD(open), FIELD(finished), FIELD(highest));
+
 RECORD(qor_thread_pool_t, 40, FIELD(que), FIELD(quitting), FIELD(keep_alive_time),
        FIELD(thread_count_min), FIELD(thread_count_max), FIELD(thread_num), FIELD(priority),
        FIELD(thread_stack_size), FIELD(threads), FIELD(priv));

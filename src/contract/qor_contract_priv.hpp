@@ -1,0 +1,77 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* What stands behind a module's contract: its terms, what its queue holds, its ledger. */
+#ifndef QOR_CONTRACT_PRIV_HPP
+#define QOR_CONTRACT_PRIV_HPP
+
+#include "qor_bus.h"
+#include "qor_contract.h"
+#include "qor_hal.h"
+
+struct thread_record;
+
+/* Made before the bus loops, freed with the bus. The terms do not change once the bus loops. */
+struct contract {
+    list_head link; /* in the bus's list; guarded by the bus's mutex */
+    const qor_context_module_t *module;
+    qor_contract_t terms;      /* defaults filled in */
+    uint32_t slots;            /* tasks at a time, of a strict module */
+    hal_thread_mutex_t *mutex; /* of the private queue; NULL before the module's reg; written under
+                                  the bus's mutex */
+
+    /* Guarded by the private queue's lock: */
+    qor_ledger_t ledger;
+    uint32_t counted; /* waiting tasks that have a place */
+    uint32_t replies; /* own requests whose response has not begun */
+    uint32_t runs;    /* loop runs of a strict queue that wait for a worker or have one */
+    int32_t started;  /* 1 once a strict module may run its tasks */
+    list_head idle;   /* nodes for loop runs; with those in use at least one, for good */
+    uint32_t idle_count;
+    list_head blocked; /* posters that wait for a place, in order of arrival */
+};
+
+/* A counter of the ledger. */
+using contract_counter = uint64_t qor_ledger_t::*;
+
+/* The name of its module. */
+const char *contract_name(const contract &promise);
+
+/* The contract of a bus's module; NULL: it has none. */
+contract *contract_find(const qor_bus_t *bus, const qor_context_module_t *module);
+
+/* Takes a place for the response to a request that the module is about to publish: 0, or -1 when
+ * there is none. Takes the queue's lock. */
+int32_t contract_reply_take(contract &promise);
+
+/* Gives it back; NULL is let pass. Takes the queue's lock; the caller of the second holds it. */
+void contract_reply_back(contract *promise);
+void contract_reply_back_locked(contract &promise);
+
+/* The thread with that record, or NULL for none, begins a task that the ledger counts. The caller
+ * holds the queue's lock. */
+void contract_task_begun_locked(contract &promise, thread_record *record);
+
+/* The same of a task that the ledger does not count; needs no lock. */
+void contract_task_inside(contract &promise, thread_record *record);
+
+/* What the thread runs of the module ends as that; later ends of the same task count no more. The
+ * caller of the first holds the queue's lock. */
+void contract_task_ends_locked(contract &promise, thread_record *record, contract_counter as);
+void contract_task_ends(contract &promise, contract_counter as);
+
+/* The handler of the request that the thread runs has returned. */
+void contract_handler_returned(const qor_bus_t &bus);
+
+/* The task that the thread runs has ended. The caller holds the queue's lock. */
+void contract_task_over_locked(contract &promise, thread_record *record);
+
+/* The strict contract whose slot the calling thread holds, or NULL. */
+contract *contract_slot();
+
+/* Tells of a loss, on the thread that has lost, with no lock held. The topic is -1 for a task. */
+void contract_lost(const contract &promise, int32_t kind, int32_t reason, qor_context_topic_t topic,
+                   int32_t session);
+
+/* Frees all contracts of a bus. */
+void contracts_free(qor_bus_t *bus);
+
+#endif /* QOR_CONTRACT_PRIV_HPP */

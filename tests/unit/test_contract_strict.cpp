@@ -1,0 +1,208 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Strict modules: how many tasks at a time, and in which order. */
+#include "contract_fixture.hpp"
+
+namespace {
+
+/* Counts how many are inside at once. */
+class Gauge {
+public:
+    void enter()
+    {
+        const int now = ++inside_;
+        for (int most = most_; most < now && !most_.compare_exchange_weak(most, now);) {
+        }
+    }
+    void leave() { inside_--; }
+    int most() const { return most_; }
+
+private:
+    std::atomic<int> inside_{0};
+    std::atomic<int> most_{0};
+};
+
+class ContractStrict : public Contract {
+protected:
+    /* Each call stays inside long enough for another to come beside it. */
+    void visit()
+    {
+        gauge.enter();
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        gauge.leave();
+        visits++;
+    }
+
+    static void *visit_task(void *arg)
+    {
+        static_cast<ContractStrict *>(arg)->visit();
+        return nullptr;
+    }
+
+    /* Everything that can be put into the server's queue, many times. */
+    void flood(int rounds)
+    {
+        for (int i = 0; i < rounds; i++) {
+            expected += ask() >= 0;
+            expected += qor_context_run(server.context(), visit_task, this) >= 0;
+            expected += qor_context_timer(server.context(), visit_task, this, 1 + i % 3) >= 0;
+            qor_context_task_t task = {};
+            qor_context_task_init(&task, server.context(), nullptr, 7, visit_task, this);
+            task.async = 1;
+            expected += qor_context_handler_post(server.context(), &task) >= 0;
+        }
+    }
+
+    void floods(int32_t refcount, int most)
+    {
+        server.descriptor.refcount = refcount;
+        server.handle = [this](qor_context_t *, qor_context_msg_t *) {
+            visit();
+            return 0;
+        };
+        running_with(strict_terms(100000), 4);
+        flood(100);
+        ASSERT_TRUE(await([&] { return visits == expected; }));
+        EXPECT_EQ(expected, 400);
+        EXPECT_EQ(gauge.most(), most);
+    }
+
+    Gauge gauge;
+    std::atomic<int> visits{0};
+    int expected = 0;
+};
+
+} // namespace
+
+TEST_F(ContractStrict, OneTaskAtATime)
+{
+    floods(0, 1);
+}
+
+TEST_F(ContractStrict, AsManyAsRefcountSays)
+{
+    floods(2, 2);
+}
+
+TEST_F(ContractStrict, RequestsComeInTheOrderOfTheirAcceptance)
+{
+    Door door;
+    Letters seen;
+    server.handle = [&](qor_context_t *, qor_context_msg_t *msg) {
+        door.pass();
+        seen.add(std::string(1, static_cast<char>('a' + number_of(msg))));
+        return 0;
+    };
+    running_with(strict_terms());
+    for (int i = 0; i < 26; i++) {
+        ASSERT_GE(ask(i), 0);
+    }
+    ASSERT_TRUE(door.await(1));
+
+    door.open();
+
+    ASSERT_TRUE(settles());
+    EXPECT_EQ(seen.text(), "abcdefghijklmnopqrstuvwxyz");
+}
+
+TEST_F(ContractStrict, ALateTimerGoesBeforeWhatCameAfterItWasDue)
+{
+    Door door;
+    Letters seen;
+    server.handle = [&](qor_context_t *, qor_context_msg_t *msg) {
+        door.pass();
+        seen.add(std::string(1, static_cast<char>('a' + number_of(msg))));
+        return 0;
+    };
+    running_with(strict_terms());
+    ASSERT_GE(ask(0), 0);
+    ASSERT_TRUE(door.await(1));
+    ASSERT_GE(ask(1), 0);
+    ASSERT_GE(qor_context_timer(
+                  server.context(),
+                  [](void *letters) -> void * {
+                      static_cast<Letters *>(letters)->add("T");
+                      return nullptr;
+                  },
+                  &seen, 20),
+              0);
+    const int64_t due = util_timestamp() + 20;
+    ASSERT_TRUE(await([&] { return util_timestamp() > due; }));
+    ASSERT_GE(ask(2), 0);
+
+    door.open();
+
+    ASSERT_TRUE(settles());
+    EXPECT_EQ(seen.text(), "abTc");
+}
+
+TEST_F(ContractStrict, NothingOfTheQueueRunsBeforeTheStartHasReturned)
+{
+    Door door;
+    std::atomic<int> handled{0};
+    server.handle = [&](qor_context_t *, qor_context_msg_t *) { return handled++; };
+    server.init = [&](qor_context_t *self) {
+        qor_context_run(
+            self,
+            [](void *count) -> void * { return ++*static_cast<std::atomic<int> *>(count), count; },
+            &handled);
+        door.pass();
+        return 0;
+    };
+    bus_with(strict_terms(), 4);
+    bus->start();
+    ASSERT_TRUE(door.await(1));
+    const int64_t since = util_timestamp();
+    EXPECT_TRUE(await([&] { return util_timestamp() > since + 50; }));
+    EXPECT_EQ(handled, 0);
+    EXPECT_EQ(ledger().waiting, 1U);
+
+    door.open();
+
+    EXPECT_TRUE(await([&] { return handled == 1; }));
+}
+
+TEST_F(ContractStrict, ATaskThatEndsItsThreadGivesItsSlotBack)
+{
+    server.handle = [&](qor_context_t *, qor_context_msg_t *msg) {
+        if (number_of(msg) == 0) {
+            pthread_exit(nullptr);
+        }
+        return 0;
+    };
+    running_with(strict_terms());
+
+    for (int i = 0; i < 6; i++) {
+        ASSERT_GE(ask(i % 2), 0);
+    }
+
+    EXPECT_TRUE(await([&] { return answers.text().size() == 6; }));
+    EXPECT_EQ(answers.text(), "-a-a-a");
+    EXPECT_TRUE(await([&] { return ledger().run == 6; }));
+    EXPECT_EQ(ledger().running, 0U);
+}
+
+TEST_F(ContractStrict, ARunGivesWayToOthersAndGoesOn)
+{
+    std::atomic<int> handled{0};
+    std::atomic<bool> other{false};
+    server.handle = [&](qor_context_t *self, qor_context_msg_t *) {
+        const int32_t none = 0;
+        if (!other && handled < 1000000) {
+            qor_context_req(self, TOPIC, const_cast<int32_t *>(&none), sizeof(none));
+        }
+        handled++;
+        return 0;
+    };
+    running_with(strict_terms(), 1);
+    ASSERT_GE(ask(), 0);
+    ASSERT_TRUE(await([&] { return handled > 10; }));
+
+    qor_bus_run(
+        bus->get(),
+        [](void *flag) -> void * { return *static_cast<std::atomic<bool> *>(flag) = true, flag; },
+        &other, nullptr);
+
+    EXPECT_TRUE(settles());
+    EXPECT_TRUE(other);
+    EXPECT_LT(handled, 1000000);
+}
