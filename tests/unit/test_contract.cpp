@@ -195,6 +195,7 @@ TEST_F(Contract, IsRefusedOnceTheBusLoops)
     const std::string line =
         err_line("qor_contract", "qor_bus_contract_set", "loop: the bus loops already.");
     EXPECT_EQ(output.printed(), line + line);
+    end();
 }
 
 TEST_F(Contract, ASecondOneReplacesTheFirst)
@@ -202,7 +203,6 @@ TEST_F(Contract, ASecondOneReplacesTheFirst)
     bus_with(strict_terms(1));
     const qor_contract_t later = strict_terms(2);
     ASSERT_EQ(qor_bus_contract_set(bus->get(), "server", &later), 0);
-    Door door;
     server.handle = [&](qor_context_t *, qor_context_msg_t *) { return door.pass() ? 0 : -1; };
     bus->start();
     ASSERT_TRUE(bus->up());
@@ -212,5 +212,5 @@ TEST_F(Contract, ASecondOneReplacesTheFirst)
     EXPECT_GE(ask(), 0);
     EXPECT_GE(ask(), 0);
     EXPECT_EQ(ask(), -1);
-    door.open();
+    end();
 }

@@ -76,16 +76,17 @@ protected:
 TEST_F(ContractStrict, OneTaskAtATime)
 {
     floods(0, 1);
+    end();
 }
 
 TEST_F(ContractStrict, AsManyAsRefcountSays)
 {
     floods(2, 2);
+    end();
 }
 
 TEST_F(ContractStrict, RequestsComeInTheOrderOfTheirAcceptance)
 {
-    Door door;
     Letters seen;
     server.handle = [&](qor_context_t *, qor_context_msg_t *msg) {
         door.pass();
@@ -102,11 +103,11 @@ TEST_F(ContractStrict, RequestsComeInTheOrderOfTheirAcceptance)
 
     ASSERT_TRUE(settles());
     EXPECT_EQ(seen.text(), "abcdefghijklmnopqrstuvwxyz");
+    end();
 }
 
 TEST_F(ContractStrict, ALateTimerGoesBeforeWhatCameAfterItWasDue)
 {
-    Door door;
     Letters seen;
     server.handle = [&](qor_context_t *, qor_context_msg_t *msg) {
         door.pass();
@@ -133,11 +134,11 @@ TEST_F(ContractStrict, ALateTimerGoesBeforeWhatCameAfterItWasDue)
 
     ASSERT_TRUE(settles());
     EXPECT_EQ(seen.text(), "abTc");
+    end();
 }
 
 TEST_F(ContractStrict, NothingOfTheQueueRunsBeforeTheStartHasReturned)
 {
-    Door door;
     std::atomic<int> handled{0};
     server.handle = [&](qor_context_t *, qor_context_msg_t *) { return handled++; };
     server.init = [&](qor_context_t *self) {
@@ -159,6 +160,7 @@ TEST_F(ContractStrict, NothingOfTheQueueRunsBeforeTheStartHasReturned)
     door.open();
 
     EXPECT_TRUE(await([&] { return handled == 1; }));
+    end();
 }
 
 TEST_F(ContractStrict, ATaskThatEndsItsThreadGivesItsSlotBack)
@@ -179,6 +181,7 @@ TEST_F(ContractStrict, ATaskThatEndsItsThreadGivesItsSlotBack)
     EXPECT_EQ(answers.text(), "-a-a-a");
     EXPECT_TRUE(await([&] { return ledger().run == 6; }));
     EXPECT_EQ(ledger().running, 0U);
+    end();
 }
 
 TEST_F(ContractStrict, ARunGivesWayToOthersAndGoesOn)
@@ -205,4 +208,5 @@ TEST_F(ContractStrict, ARunGivesWayToOthersAndGoesOn)
     EXPECT_TRUE(settles());
     EXPECT_TRUE(other);
     EXPECT_LT(handled, 1000000);
+    end();
 }

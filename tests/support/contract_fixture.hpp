@@ -82,6 +82,13 @@ private:
 
 /* Two modules: one serves topic 0, the other asks. */
 class Contract : public ::testing::Test {
+public:
+    /* A request of the client's; gives its session. */
+    int32_t ask(int32_t number = 0)
+    {
+        return qor_context_req(client.context(), TOPIC, &number, sizeof(number));
+    }
+
 protected:
     enum { TOPIC = 0, TOPICS = 4 };
 
@@ -117,16 +124,21 @@ protected:
         return *bus;
     }
 
-    int32_t ask(int32_t number = 0)
-    {
-        return qor_context_req(client.context(), TOPIC, &number, sizeof(number));
-    }
-
     static int32_t number_of(const qor_context_msg_t *msg)
     {
         int32_t number;
         std::memcpy(&number, msg->request.buf, sizeof(number));
         return number;
+    }
+
+    void TearDown() override { end(); }
+
+    /* Lets everybody at the door go on and ends the bus: in a test before its own variables go that
+     * modules use. */
+    void end()
+    {
+        door.open();
+        bus.reset();
     }
 
     qor_ledger_t ledger() { return ledger_of(bus->get(), "server"); }
@@ -135,6 +147,7 @@ protected:
     Output output;
     Module server{"server"};
     Module client{"client"};
+    Door door;
     Letters answers; /* of the client: a for a result of 0 or more, d for a dropped request */
     std::unique_ptr<RunningBus> bus;
 };
