@@ -63,7 +63,7 @@ int32_t handler_result(const contract &promise, int32_t ret)
     if (ret > QOR_RET_GONE) {
         return ret;
     }
-    QOR_LINE("err", "qor_context_handle_message", "reserved result %d, module = %s", ret,
+    QOR_LINE("err", "qor_sched_delegate_handle_message_aim", "reserved result %d, module = %s", ret,
              contract_name(promise));
     return -1;
 }

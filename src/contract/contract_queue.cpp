@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr char file_tag[] = "qor_contract";
+constexpr char file_tag[] = "qor_core_context"; /* whose function a full queue refuses from */
 
 /* What becomes of an arrival. */
 enum class verdict {

@@ -214,3 +214,44 @@ TEST_F(Contract, ASecondOneReplacesTheFirst)
     EXPECT_EQ(ask(), -1);
     end();
 }
+
+TEST_F(Contract, AHandlersReservedResultBecomesAnError)
+{
+    server.handle = [](qor_context_t *, qor_context_msg_t *msg) {
+        return QOR_RET_DROPPED + number_of(msg);
+    };
+    running_with(terms());
+    output.clear();
+
+    for (int i = 0; i < 4; i++) {
+        ASSERT_GE(ask(i), 0);
+    }
+
+    EXPECT_TRUE(await([&] { return answers.text() == "----"; }));
+    EXPECT_EQ(output.count(err_line("qor_sched_delegate", "qor_sched_delegate_handle_message_aim",
+                                    "reserved result -2147483648, module = server")),
+              1);
+    EXPECT_EQ(output.count("reserved result"), 3);
+    EXPECT_EQ(output.count("handle message failed, ret = -1 "), 3);
+    EXPECT_EQ(output.count("handle message failed, ret = -2147483645 "), 1);
+    end();
+}
+
+TEST_F(Contract, AReservedResultIsTheModulesOwnWithoutOne)
+{
+    client.reg = [](qor_context_t *c) { qor_context_subscribe(c, 1, nullptr); };
+    std::atomic<int32_t> ret{0};
+    client.handle = [&](qor_context_t *, qor_context_msg_t *msg) {
+        if (msg->type == QOR_CONTEXT_MSG_RESPONSE) {
+            ret = msg->ret;
+            return 0;
+        }
+        return int32_t{QOR_RET_EXPIRED};
+    };
+    running_with(terms());
+
+    ASSERT_GE(qor_context_req(client.context(), 1, nullptr, 0), 0);
+
+    EXPECT_TRUE(await([&] { return ret == QOR_RET_EXPIRED; }));
+    end();
+}

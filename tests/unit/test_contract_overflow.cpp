@@ -42,7 +42,7 @@ protected:
 
     std::string full_line(const std::string &task, int32_t session) const
     {
-        return err_line("qor_contract", "qor_core_context_handle_task",
+        return err_line("qor_core_context", "qor_core_context_handle_task",
                         "queue full, module:server, task:" + task +
                             ", session=" + std::to_string(session));
     }
