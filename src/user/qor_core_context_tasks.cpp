@@ -1,19 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The private queue of a user context: the loop runs on the bus's workers that drain it, cancel,
  * and its end. */
-#include <string.h>
-
 #include "contract_queue.hpp"
 #include "hal_sync.hpp"
-#include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
 #include "qor_context_task.h"
 #include "qor_core_context.h"
 #include "qor_core_context_priv.hpp"
-#include "qor_diag.hpp"
 #include "qor_que_priv.hpp"
-#include "qor_recycle.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "que_front.hpp"
@@ -21,8 +16,6 @@
 #include "user_run.hpp"
 
 namespace {
-
-constexpr char file_tag[] = "qor_core_context";
 
 /* Keeps the node of a loop run that ends for the next one. The caller holds the queue's lock. */
 void user_loop_keep_locked(qor_core_context_t *core)
