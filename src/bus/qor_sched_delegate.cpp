@@ -56,15 +56,15 @@ int32_t context_leave(qor_context_t *context, const char *func)
     return left;
 }
 
-/* The result of a handler whose module has a contract: what stands for other ends is not its own.
- */
-int32_t handler_result(const contract &promise, int32_t ret)
+/* A result that stands for other ends is no handler's in a module with a contract. */
+int32_t handler_result(const qor_context_t *aim, int32_t ret)
 {
-    if (ret > QOR_RET_GONE) {
+    const contract *promise = sched_delegate_contract(aim);
+    if (!promise) {
         return ret;
     }
     QOR_LINE("err", "qor_sched_delegate_handle_message_aim", "reserved result %d, module = %s", ret,
-             contract_name(promise));
+             contract_name(*promise));
     return -1;
 }
 
@@ -76,8 +76,7 @@ int32_t qor_sched_delegate_handle_message_aim(qor_context_t *aim, qor_context_ms
     }
     const int32_t ret = qor_context_handle_message(aim, msg);
     context_leave(aim, __func__);
-    const contract *promise = sched_delegate_contract(aim);
-    return promise ? handler_result(*promise, ret) : ret;
+    return ret > QOR_RET_GONE ? ret : handler_result(aim, ret);
 }
 
 void *listener_show(qor_context_t *listener, int32_t, void *arg)
@@ -97,7 +96,8 @@ void listener_post(const contract &promise, qor_context_t *listener, qor_context
     if (clone && qor_context_handle_task(listener, &task) == 0) {
         return;
     }
-    contract_lost(promise, QOR_LOSS_LISTENER, QOR_LOSS_REFUSED, msg->topic, msg->session);
+    contract_lost(promise,
+                  {nullptr, msg->topic, msg->session, QOR_LOSS_LISTENER, QOR_LOSS_REFUSED});
     if (clone) {
         qor_context_msg_destroy(clone);
     }
@@ -204,10 +204,12 @@ void passage_after(qor_context_t *publisher, qor_context_msg_t *msg)
     msg->type = QOR_CONTEXT_MSG_RESPONSE;
 }
 
-/* What follows the handler of a request, with its result: the points after it. The message ends as
- * the response. The printed name is the calling operation's. */
-int32_t request_end(qor_context_t *publisher, qor_context_msg_t *msg, int32_t ret, const char *func)
+/* Has a request handled by a context that has been entered, or NULL. The printed name is the
+ * calling operation's. */
+int32_t request_handle(qor_context_t *publisher, qor_context_t *aim, qor_context_msg_t *msg,
+                       const char *func)
 {
+    const int32_t ret = qor_sched_delegate_handle_message_aim(aim, msg);
     if (ret < 0) {
         /* Deliberate: the after-points and the response follow all the same.
          * Test: SchedDelegate.AFailedHandlerStillGivesAResponse. */
@@ -216,7 +218,6 @@ int32_t request_end(qor_context_t *publisher, qor_context_msg_t *msg, int32_t re
                  name_of(publisher), msg->topic, msg->session);
     }
     msg->ret = ret;
-    passage_after(publisher, msg);
     return ret;
 }
 
@@ -254,34 +255,15 @@ int32_t response_hand_over(qor_context_t *publisher, qor_context_msg_t *clone)
     return handed;
 }
 
-/* A request whose result is there: what follows the handler. */
-void *qor_sched_delegate_finish(qor_context_t *publisher, int32_t, void *arg)
-{
-    qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
-    passage_after(publisher, clone);
-    return task_result(response_hand_over(publisher, clone));
-}
-
-/* Whether a request is to be handled in the queue of a context, where it is not. */
-bool request_is_elsewhere(const qor_sched_delegate_t *delegate, const qor_context_t *aim)
-{
-    if (!aim || !bus_has_contracts(*delegate->bus)) {
-        return false;
-    }
-    const contract *there = sched_delegate_contract(aim);
-    return contract_slot() != (there && there->terms.strict ? there : nullptr);
-}
-
-/* Hands a request on to the queue of a newer subscriber, which has been entered for it. What that
- * does not take is dropped here, and gets its response. */
-void *request_move(qor_context_t *publisher, qor_context_t *aim, qor_context_msg_t *clone)
+/* Hands a request on to the queue of a newer subscriber, which has been entered for it: 0, or -1
+ * and what that does not take is dropped. */
+int32_t request_move(qor_context_t *publisher, qor_context_t *aim, qor_context_msg_t *clone)
 {
     qor_context_task_t relay = {};
     sched_delegate_message_task(&relay, publisher, clone, nullptr);
+    const qor_loss_t lost = {nullptr, clone->topic, clone->session, QOR_LOSS_REQUEST,
+                             QOR_LOSS_TRANSFER};
     thread_record *record = thread_record_get();
-    contract *here = contract_slot();
-    const qor_context_topic_t topic = clone->topic;
-    const int32_t session = clone->session;
     if (record) {
         record->moving = clone;
     }
@@ -289,35 +271,39 @@ void *request_move(qor_context_t *publisher, qor_context_t *aim, qor_context_msg
     if (record) {
         record->moving = nullptr;
     }
-    if (here) {
-        contract_task_ends(*here, handed < 0 ? &qor_ledger_t::dropped_transfer
-                                             : &qor_ledger_t::transferred);
-    }
-    if (handed >= 0) {
-        return task_result(handed);
-    }
-    if (here) {
-        contract_lost(*here, QOR_LOSS_REQUEST, QOR_LOSS_TRANSFER, topic, session);
-    }
-    clone->ret = QOR_RET_DROPPED;
-    return qor_sched_delegate_finish(publisher, session, clone);
+    contract_moved(handed < 0 ? &lost : nullptr);
+    return handed < 0 ? -1 : 0;
 }
 
-void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t, void *arg)
+/* What follows when the result of a request is there. */
+void *qor_sched_delegate_finish(qor_context_t *publisher, int32_t, void *arg)
+{
+    qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
+    passage_after(publisher, clone);
+    return task_result(response_hand_over(publisher, clone));
+}
+
+void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t session, void *arg)
 {
     const qor_sched_delegate_t *delegate = delegate_of(publisher);
+    const bool contracts = bus_has_contracts(*delegate->bus);
     qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
     /* Deliberate: the subscriber is looked up here and now. One that has unsubscribed since the
      * request was handed to it is passed by in favour of the newest that remains.
      * Test: SchedDelegate.TheRelayLooksTheSubscriberUpAgain. */
     qor_context_t *aim = subscriber_enter(delegate_table(delegate), clone->topic);
-    if (request_is_elsewhere(delegate, aim)) {
-        return request_move(publisher, aim, clone);
+    if (contracts && aim && contract_is_elsewhere(sched_delegate_contract(aim))) {
+        if (request_move(publisher, aim, clone) == 0) {
+            return nullptr;
+        }
+        clone->ret = QOR_RET_DROPPED;
+    } else {
+        request_handle(publisher, aim, clone, __func__);
+        if (contracts) {
+            contract_handler_returned();
+        }
     }
-    const int32_t ret = qor_sched_delegate_handle_message_aim(aim, clone);
-    contract_handler_returned(*delegate->bus);
-    request_end(publisher, clone, ret, __func__);
-    return task_result(response_hand_over(publisher, clone));
+    return qor_sched_delegate_finish(publisher, session, clone);
 }
 
 /* What brings a request to its subscriber and the response back. One function for both, so that
@@ -426,7 +412,9 @@ int32_t qor_sched_delegate_publishx(qor_context_t *publisher, qor_context_msg_t 
     }
     passage_before(publisher, msg);
     qor_context_t *aim = subscriber_enter(delegate_table(_this), msg->topic); /* as in the relay */
-    return request_end(publisher, msg, qor_sched_delegate_handle_message_aim(aim, msg), __func__);
+    const int32_t ret = request_handle(publisher, aim, msg, __func__);
+    passage_after(publisher, msg);
+    return ret;
 }
 
 int32_t qor_sched_delegate_syscallx(qor_context_t *context, qor_context_msg_t *msg)

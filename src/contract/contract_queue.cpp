@@ -36,10 +36,10 @@ struct blocked_poster {
     hal_thread_cond_t cond;
 };
 
-/* Whether depth bounds a task while it waits. */
-bool task_takes_place(const qor_context_task_t *task)
+/* Whether depth bounds what is posted while it waits. */
+bool takes_place(const admission &post)
 {
-    return task->delay <= 0 && !sched_delegate_is_response(task);
+    return post.delay <= 0 && !post.response;
 }
 
 /* The counter of a task that has not begun. */
@@ -204,7 +204,7 @@ verdict verdict_locked(arrival &in)
     }
     const bool fits =
         in.promise.counted < in.promise.terms.depth && list_empty(&in.promise.blocked);
-    return fits || !task_takes_place(in.task) ? verdict::accept : full_verdict_locked(in);
+    return fits || !takes_place(in.post) ? verdict::accept : full_verdict_locked(in);
 }
 
 /* What was lost of a task: its topic, and what it was. */
@@ -216,7 +216,7 @@ void task_lost(const contract &promise, const qor_context_task_t *task, int32_t 
         kind = sched_delegate_is_relay(task) ? QOR_LOSS_REQUEST : QOR_LOSS_LISTENER;
         topic = static_cast<const qor_context_msg_t *>(task->arg)->topic;
     }
-    contract_lost(promise, kind, reason, topic, task->session);
+    contract_lost(promise, {nullptr, topic, task->session, kind, reason});
 }
 
 /* Ends a task that the queue has dropped: a request is answered, anything else recycled. */
@@ -295,10 +295,10 @@ int32_t arrival_enque_locked(arrival &in)
     }
     contract &promise = in.promise;
     que_front *front = que_front_of(post.node);
-    front->flags |= que_counted;
+    front->flags |= que_counted | (post.response ? uint32_t{que_reply} : 0);
     promise.ledger.accepted++;
     task_awaited(promise, in.task)++;
-    if (task_takes_place(in.task)) {
+    if (takes_place(post)) {
         front->flags |= que_placed;
         promise.counted++;
         if (promise.ledger.highest < promise.counted) {
@@ -515,7 +515,7 @@ void contract_task_run_locked(qor_core_context_t *core, qor_time_que_node_t *nod
     }
     const qor_context_task_t *task = bus_task_of(node);
     task_awaited(promise, task)--;
-    if (sched_delegate_is_response(task)) {
+    if (que_front_of(node)->flags & que_reply) {
         contract_reply_back_locked(promise);
     }
     contract_task_begun_locked(promise, thread_record_get());
@@ -530,7 +530,7 @@ void contract_task_leaves_locked(contract &promise, qor_time_que_node_t *node, c
     place_free_locked(promise, node);
     task_awaited(promise, task)--;
     promise.ledger.*as += 1;
-    if (sched_delegate_is_response(task)) {
+    if (que_front_of(node)->flags & que_reply) {
         contract_reply_back_locked(promise);
     }
 }

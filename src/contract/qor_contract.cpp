@@ -212,6 +212,18 @@ private:
     thread_record own_ = {};
 };
 
+/* What the thread runs of a module with a contract ends as that; gives the contract, or NULL. */
+contract *task_ends(contract_counter as)
+{
+    thread_record *record = thread_record_get();
+    contract *promise = record ? record->task_of : nullptr;
+    if (promise) {
+        hal_scoped_lock lock(*promise->mutex);
+        contract_task_ends_locked(*promise, record, as);
+    }
+    return promise;
+}
+
 } // namespace
 
 const char *contract_name(const contract &promise)
@@ -275,21 +287,26 @@ void contract_task_ends_locked(contract &promise, thread_record *record, contrac
     }
 }
 
-void contract_task_ends(contract &promise, contract_counter as)
+bool contract_is_elsewhere(const contract *promise)
 {
-    thread_record *record = thread_record_get();
-    if (record && record->task_of == &promise) {
-        hal_scoped_lock lock(*promise.mutex);
-        contract_task_ends_locked(promise, record, as);
+    const thread_record *record = thread_record_get();
+    const contract *slot =
+        record && record->task_of && record->task_of->terms.strict ? record->task_of : nullptr;
+    return slot != (promise && promise->terms.strict ? promise : nullptr);
+}
+
+void contract_moved(const qor_loss_t *lost)
+{
+    contract *promise =
+        task_ends(lost ? &qor_ledger_t::dropped_transfer : &qor_ledger_t::transferred);
+    if (promise && lost) {
+        contract_lost(*promise, *lost);
     }
 }
 
-void contract_handler_returned(const qor_bus_t &bus)
+void contract_handler_returned()
 {
-    const thread_record *record = bus_has_contracts(bus) ? thread_record_get() : nullptr;
-    if (record && record->task_of) {
-        contract_task_ends(*record->task_of, &qor_ledger_t::run);
-    }
+    task_ends(&qor_ledger_t::run);
 }
 
 void contract_task_over_locked(contract &promise, thread_record *record)
@@ -300,14 +317,7 @@ void contract_task_over_locked(contract &promise, thread_record *record)
     }
 }
 
-contract *contract_slot()
-{
-    const thread_record *record = thread_record_get();
-    return record && record->task_of && record->task_of->terms.strict ? record->task_of : nullptr;
-}
-
-void contract_lost(const contract &promise, int32_t kind, int32_t reason, qor_context_topic_t topic,
-                   int32_t session)
+void contract_lost(const contract &promise, qor_loss_t loss)
 {
     if (!promise.terms.lost) {
         return;
@@ -317,7 +327,7 @@ void contract_lost(const contract &promise, int32_t kind, int32_t reason, qor_co
     if (record.losing) {
         return;
     }
-    const qor_loss_t loss = {promise.module->name, topic, session, kind, reason};
+    loss.module = promise.module->name;
     record.losing = 1;
     promise.terms.lost(promise.terms.arg, &loss);
     record.losing = 0;

@@ -54,22 +54,25 @@ void contract_task_begun_locked(contract &promise, thread_record *record);
 void contract_task_inside(contract &promise, thread_record *record);
 
 /* What the thread runs of the module ends as that; later ends of the same task count no more. The
- * caller of the first holds the queue's lock. */
+ * caller holds the queue's lock. */
 void contract_task_ends_locked(contract &promise, thread_record *record, contract_counter as);
-void contract_task_ends(contract &promise, contract_counter as);
+
+/* Whether a request whose newest subscriber has that contract, or NULL, may not be handled in the
+ * queue that the calling thread has it from: one of the two is strict. */
+bool contract_is_elsewhere(const contract *promise);
+
+/* So the request that the thread runs has been handed on, or, with a record that lacks its module,
+ * lost. */
+void contract_moved(const qor_loss_t *lost);
 
 /* The handler of the request that the thread runs has returned. */
-void contract_handler_returned(const qor_bus_t &bus);
+void contract_handler_returned();
 
 /* The task that the thread runs has ended. The caller holds the queue's lock. */
 void contract_task_over_locked(contract &promise, thread_record *record);
 
-/* The strict contract whose slot the calling thread holds, or NULL. */
-contract *contract_slot();
-
-/* Tells of a loss, on the thread that has lost, with no lock held. The topic is -1 for a task. */
-void contract_lost(const contract &promise, int32_t kind, int32_t reason, qor_context_topic_t topic,
-                   int32_t session);
+/* Tells of a loss, on the thread that has lost, with no lock held; the record lacks its module. */
+void contract_lost(const contract &promise, qor_loss_t loss);
 
 /* Frees all contracts of a bus. */
 void contracts_free(qor_bus_t *bus);

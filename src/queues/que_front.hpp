@@ -15,6 +15,7 @@ enum que_flags : uint32_t {
     que_message = 8,  /* it carries a request or a response, see message_node.hpp */
     que_counted = 16, /* its module's ledger counts it */
     que_placed = 32,  /* it has one of the places that its module's contract bounds */
+    que_reply = 64,   /* it carries a response to a module with a contract */
 };
 
 struct alignas(8) que_front {

@@ -113,9 +113,8 @@ void user_timers_refuse(qor_bus_t *bus, const user_number *wanted)
 
 /* A loop run ends, still under the lock that the queue was found empty under: a poster either
  * enqueued before and was served, or finds the slot free. */
-void user_loop_end_locked(qor_core_context_t *core)
+void user_loop_end_locked(qor_core_context_t *core, contract *promise)
 {
-    contract *promise = core->priv->promise;
     if (promise && promise->terms.strict) {
         contract_run_leave_locked(*promise, user_loop_take());
         return;
@@ -145,9 +144,10 @@ int32_t qor_core_context_loop(qor_context_t *context)
 {
     qor_core_context_t *core = qor_core_context_type(context);
     qor_bus_t *bus = sched_delegate_bus(context);
+    contract *promise = core->priv->promise;
     loop_turn turn = {};
     qor_time_que_lock(core->que);
-    if (core->priv->promise && !contract_run_enter_locked(core)) {
+    if (promise && !contract_run_enter_locked(core)) {
         qor_time_que_unlock(core->que);
         return 0;
     }
@@ -160,8 +160,8 @@ int32_t qor_core_context_loop(qor_context_t *context)
             qor_time_que_lock(core->que);
             continue;
         }
-        qor_time_que_node_t *node = core->priv->promise ? contract_queue_take_locked(core)
-                                                        : qor_time_que_deque_locked(core->que);
+        qor_time_que_node_t *node =
+            promise ? contract_queue_take_locked(core) : qor_time_que_deque_locked(core->que);
         if (!node) {
             break;
         }
@@ -174,9 +174,12 @@ int32_t qor_core_context_loop(qor_context_t *context)
         user_task_run(core, node);
         turn.tasks++;
         qor_time_que_lock(core->que);
-        user_task_ended_locked(core);
+        if (promise) {
+            contract_task_over_locked(*promise, thread_record_get());
+        }
+        user_task_over_locked(core);
     }
-    user_loop_end_locked(core);
+    user_loop_end_locked(core, promise);
     qor_time_que_unlock(core->que);
     return 0;
 }

@@ -188,15 +188,6 @@ int32_t admission_refuse(admission &post, const qor_context_task_t *what)
     return admission_drop(post);
 }
 
-int32_t admission_run_make(admission &post)
-{
-    if (post.bus && !post.run) {
-        post.run = post.core->priv->loop ? post.core->priv->loop : bus_node();
-        post.core->priv->loop = nullptr;
-    }
-    return post.bus && !post.run ? -1 : 0;
-}
-
 /* Deliberate: past 50 nodes a task is neither refused nor delayed, it overtakes the queue.
  * Test: CoreContext.TheFiftyFirstTaskGoesStraightToTheBus. */
 int32_t admission_bypass(admission &post)

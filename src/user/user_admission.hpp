@@ -3,9 +3,9 @@
 #ifndef USER_ADMISSION_HPP
 #define USER_ADMISSION_HPP
 
-#include "qor_bus.h"
+#include "qor_bus_priv.hpp"
 #include "qor_context_task.h"
-#include "qor_core_context.h"
+#include "qor_core_context_priv.hpp"
 #include "qor_que.h"
 #include "qor_time_que.h"
 
@@ -30,7 +30,14 @@ int32_t admission_drop(admission &post);
 int32_t admission_refuse(admission &post, const qor_context_task_t *what);
 
 /* Has the run of a task that is due: 0, or -1 without memory. The caller holds the queue's lock. */
-int32_t admission_run_make(admission &post);
+inline int32_t admission_run_make(admission &post)
+{
+    if (post.bus && !post.run) {
+        post.run = post.core->priv->loop ? post.core->priv->loop : bus_node();
+        post.core->priv->loop = nullptr;
+    }
+    return post.bus && !post.run ? -1 : 0;
+}
 
 /* Gives the node its number and enqueues it: 0, or -1 when the queue does not take it. The caller
  * holds the queue's lock. */

@@ -47,10 +47,14 @@ void user_task_refuse(void *task)
     }
 }
 
+/* The end of a task that a run has begun. */
 void user_task_ended(qor_core_context_t *core)
 {
     hal_scoped_lock lock(core->que->mutex);
-    user_task_ended_locked(core);
+    if (core->priv->promise) {
+        contract_task_over_locked(*core->priv->promise, thread_record_get());
+    }
+    user_task_over_locked(core);
 }
 
 /* The same where the response has taken the node along. */
@@ -69,9 +73,9 @@ void user_run_leaves(qor_core_context_t *core, qor_time_que_node_t *node)
 }
 
 /* A response past the queue begins or is lost: its place is free again. */
-void response_off(const qor_core_context_t *core, const qor_context_task_t *task)
+void response_off(const qor_core_context_t *core, const message_run *run)
 {
-    if (core->priv->promise && sched_delegate_is_response(task)) {
+    if (run->recycle) { /* which a request has not */
         contract_reply_back(core->priv->promise);
     }
 }
@@ -128,12 +132,12 @@ void *user_message_run(qor_context_t *context, int32_t, void *arg)
     qor_core_context_t *core = qor_core_context_type(context);
     qor_que_node_t *node = static_cast<qor_que_node_t *>(arg);
     void *result = nullptr;
-    qor_context_task_t task = message_task(*message_run_of(node));
-    response_off(core, &task);
+    response_off(core, message_run_of(node));
     if (!user_run_begin(core, nullptr)) {
         message_run_refuse(node);
     } else {
         thread_scope inside(message_run_left, node);
+        qor_context_task_t task = message_task(*message_run_of(node));
         message_offer offer(sched_delegate_is_relay(&task) ? node : nullptr);
         qor_sys_monitor_task_t report = monitor_report(&task);
         monitor_tell(context, report, QOR_SYS_MONITOR_TASK_START);
@@ -153,43 +157,16 @@ void message_run_discard(void *body)
     const message_run *run = static_cast<const message_run *>(body);
     qor_core_context_t *core = qor_core_context_type(run->task.context);
     qor_context_task_t task = message_task(*run);
-    response_off(core, &task);
+    response_off(core, run);
     user_task_discard(&task);
     user_task_over(core);
 }
 
 } // namespace
 
-qor_que_node_t *user_loop_take()
-{
-    thread_record *record = thread_record_get();
-    qor_que_node_t *run = record ? static_cast<qor_que_node_t *>(record->running) : nullptr;
-    if (!run || !(que_front_of(run)->flags & que_again)) {
-        return nullptr;
-    }
-    record->running = nullptr;
-    que_front_of(run)->number = 0; /* the delayed task that it began with has been served */
-    return run;
-}
-
-void user_task_over_locked(qor_core_context_t *core)
-{
-    if (--core->priv->under_way == 0 && core->priv->closed) {
-        qor_time_que_wakeup_locked(core->que); /* for user_tasks_await() */
-    }
-}
-
 void user_task_over(qor_core_context_t *core)
 {
     hal_scoped_lock lock(core->que->mutex);
-    user_task_over_locked(core);
-}
-
-void user_task_ended_locked(qor_core_context_t *core)
-{
-    if (core->priv->promise) {
-        contract_task_over_locked(*core->priv->promise, thread_record_get());
-    }
     user_task_over_locked(core);
 }
 
@@ -295,8 +272,7 @@ qor_que_node_t *user_message_fill(qor_core_context_t *core, qor_time_que_node_t 
 void message_run_end(qor_que_node_t *node)
 {
     qor_core_context_t *core = qor_core_context_type(bus_task_of(node)->context);
-    const qor_context_task_t task = message_task(*message_run_of(node));
-    response_off(core, &task);
+    response_off(core, message_run_of(node));
     if (!message_run_refuse(node)) {
         qor_que_node_destroy(node, nullptr);
     }

@@ -11,20 +11,33 @@
 #include "qor_recycle.hpp"
 #include "qor_time_que.h"
 #include "que_front.hpp"
+#include "thread_record.hpp"
 
 /* Takes the node of the loop run that the calling worker is in over from it; NULL when a loop is
  * called any other way. */
-qor_que_node_t *user_loop_take();
+inline qor_que_node_t *user_loop_take()
+{
+    thread_record *record = thread_record_get();
+    qor_que_node_t *run = record ? static_cast<qor_que_node_t *>(record->running) : nullptr;
+    if (!run || !(que_front_of(run)->flags & que_again)) {
+        return nullptr;
+    }
+    record->running = nullptr;
+    que_front_of(run)->number = 0; /* the delayed task that it began with has been served */
+    return run;
+}
 
 /* Runs a task that is under way, and destroys its node. */
 void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node);
 
 /* A task that was under way is over. The caller of the first holds the queue's lock. */
-void user_task_over_locked(qor_core_context_t *core);
+inline void user_task_over_locked(qor_core_context_t *core)
+{
+    if (--core->priv->under_way == 0 && core->priv->closed) {
+        qor_time_que_wakeup_locked(core->que); /* for user_tasks_await() */
+    }
+}
 void user_task_over(qor_core_context_t *core);
-
-/* The same of a task that user_task_run() has run. */
-void user_task_ended_locked(qor_core_context_t *core);
 
 /* Never below 0: runs that timers start give back slots that they have not taken. The caller holds
  * the queue's lock. */

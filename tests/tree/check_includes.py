@@ -28,7 +28,7 @@ RANKS = [
 ]
 SIDEWAYS = {
     ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
-    ("qor_bus", "qor_topic_core"), ("qor_bus", "task_watch"), ("user_run", "qor_core_context"), ("qor_sched_delegate", "qor_bus"),
+    ("qor_bus", "qor_topic_core"), ("qor_bus", "task_watch"), ("user_run", "qor_core_context"), ("user_admission", "qor_core_context"), ("qor_sched_delegate", "qor_bus"),
 }
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),
