@@ -46,7 +46,7 @@ size_t bus_module_count(qor_context_module_t **modules)
 
 int32_t bus_locks_init(qor_bus_t *bus, qor_bus_private &priv)
 {
-    if (hal_mutex_cond_init(priv.mutex, priv.drained) < 0) {
+    if (hal_mutex_cond_init(priv.mutex, priv.visited) < 0) {
         return -1;
     }
     if (que_cond_init(&priv.inits_over, CLOCK_MONOTONIC) == 0) {
@@ -55,7 +55,7 @@ int32_t bus_locks_init(qor_bus_t *bus, qor_bus_private &priv)
         }
         pthread_cond_destroy(&priv.inits_over);
     }
-    hal_mutex_cond_destroy(priv.mutex, priv.drained);
+    hal_mutex_cond_destroy(priv.mutex, priv.visited);
     return -1;
 }
 
@@ -228,7 +228,7 @@ void bus_head_uninit(qor_bus_t *bus)
 {
     contracts_free(bus);
     pthread_cond_destroy(&bus->priv->inits_over);
-    hal_mutex_cond_destroy(bus->priv->mutex, bus->priv->drained);
+    hal_mutex_cond_destroy(bus->priv->mutex, bus->priv->visited);
     free(bus->head); /* first field of the block */
 }
 

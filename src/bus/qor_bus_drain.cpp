@@ -36,48 +36,48 @@ void bus_inits_await(qor_bus_private &priv, int64_t deadline)
     }
 }
 
-/* A thread inside qor_bus_drain(), from construction to destruction. */
-class bus_drain {
-public:
-    explicit bus_drain(qor_bus_private &priv) : priv_(priv)
-    {
-        hal_scoped_lock lock(priv_.mutex);
-        priv_.drains++;
-    }
-    ~bus_drain()
-    {
-        hal_scoped_lock lock(priv_.mutex);
-        if (--priv_.drains == 0) {
-            pthread_cond_broadcast(&priv_.drained);
-        }
-    }
-    bus_drain(const bus_drain &) = delete;
-    bus_drain &operator=(const bus_drain &) = delete;
-
-private:
-    qor_bus_private &priv_;
-};
-
 } // namespace
 
-void bus_drains_await(qor_bus_private &priv)
+bus_visitor::bus_visitor(qor_bus_private &priv) : priv_(priv)
+{
+    hal_scoped_lock lock(priv_.mutex);
+    priv_.visitors++;
+}
+
+bus_visitor::~bus_visitor()
+{
+    hal_scoped_lock lock(priv_.mutex);
+    if (--priv_.visitors == 0) {
+        pthread_cond_broadcast(&priv_.visited);
+    }
+}
+
+bool bus_visitor_refused(const qor_bus_t *bus, const char *func)
+{
+    const thread_record *record = thread_record_get();
+    if (!record || record->bus != bus) {
+        return false;
+    }
+    QOR_LINE("err", func, "a task of the bus would wait for itself.");
+    return true;
+}
+
+void bus_visitors_await(qor_bus_private &priv)
 {
     hal_scoped_lock lock(priv.mutex);
-    while (priv.drains > 0) {
-        pthread_cond_wait(&priv.drained, &priv.mutex);
+    while (priv.visitors > 0) {
+        pthread_cond_wait(&priv.visited, &priv.mutex);
     }
 }
 
 int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time)
 {
     QOR_CHECK(_this, -1);
-    const thread_record *record = thread_record_get();
-    if (record && record->bus == _this) {
-        QOR_ERR("a task of the bus would wait for itself.");
+    if (bus_visitor_refused(_this, __func__)) {
         return -1;
     }
     QOR_CHECK(_this->time_que, -1);
-    bus_drain under_way(*_this->priv);
+    bus_visitor inside(*_this->priv);
     const int64_t deadline = que_deadline(wait_time);
     while (!bus_stopping(_this)) {
         if (bus_is_settled(_this)) {

@@ -36,9 +36,9 @@ struct qor_bus_private {
     list_head helpers;        /* bus_helper::link */
     uint32_t inits;           /* inits that run for somebody who waits; read without the mutex */
     hal_thread_cond_t
-        inits_over;  /* monotonic; broadcast when there is none any more, and at quit */
-    uint32_t drains; /* threads inside qor_bus_drain(); close waits for the last */
-    hal_thread_cond_t drained;
+        inits_over;    /* monotonic; broadcast when there is none any more, and at quit */
+    uint32_t visitors; /* bus_visitor; close waits for the last */
+    hal_thread_cond_t visited;
     list_head waiters;   /* bus_waiter::link */
     list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
     task_watch watch;
@@ -59,9 +59,25 @@ inline bool bus_has_contracts(const qor_bus_t &bus)
 /* Whether tasks are reported and threads named. */
 bool bus_watched(const qor_bus_t *bus);
 
-/* Waits until no thread is inside qor_bus_drain(): quit has sent them away, but they may still be
- * about to look at the bus. */
-void bus_drains_await(qor_bus_private &priv);
+/* A thread of the application's that waits for the bus, from construction to destruction. */
+class bus_visitor {
+public:
+    explicit bus_visitor(qor_bus_private &priv);
+    ~bus_visitor();
+    bus_visitor(const bus_visitor &) = delete;
+    bus_visitor &operator=(const bus_visitor &) = delete;
+
+private:
+    qor_bus_private &priv_;
+};
+
+/* Whether the calling thread must not be one, for the bus would wait for it: then there is a line
+ * under the name of func. */
+bool bus_visitor_refused(const qor_bus_t *bus, const char *func);
+
+/* Waits until there is none: quit has sent them away, but they may still be about to look at the
+ * bus. */
+void bus_visitors_await(qor_bus_private &priv);
 
 /* Recycles what is still queued once the queues have quit. */
 void bus_tasks_discard(qor_bus_t *bus);

@@ -27,7 +27,7 @@ void qor_bus_close(qor_bus_t *_this)
         }
     }
     qor_bus_quit(_this); /* what modules post while they go down is refused */
-    bus_drains_await(*_this->priv);
+    bus_visitors_await(*_this->priv);
     bus_helpers_join(_this); /* those of a bus that never looped */
     bus_tasks_discard(_this);
     main_contexts_close(_this);
