@@ -21,6 +21,7 @@
 #include "qor_monitor_module.h"
 #include "qor_que.h"
 #include "qor_sched_delegate.h"
+#include "qor_start.h"
 #include "qor_sys.h"
 #include "qor_thread_pool.h"
 #include "qor_time_que.h"

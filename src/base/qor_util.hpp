@@ -4,6 +4,7 @@
 #define QOR_UTIL_HPP
 
 #include <stdlib.h>
+#include <string.h>
 
 #include "qor_hal.h"
 
@@ -11,6 +12,13 @@
 template <typename T> inline T *util_zalloc(size_t extra = 0)
 {
     return static_cast<T *>(calloc(1, sizeof(T) + extra));
+}
+
+/* Copies a module's or class's name, of which nothing is read beyond its 20 bytes, into zeroed
+ * ones: what is not terminated there is cut off. */
+inline void util_name_copy(char (&to)[20], const char *name)
+{
+    memcpy(to, name, strnlen(name, sizeof(to) - 1));
 }
 
 /* The record that holds a link: util_container<qor_context_t, offsetof(qor_context_t, node)>(link).

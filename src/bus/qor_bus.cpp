@@ -24,7 +24,6 @@
 namespace {
 
 constexpr char file_tag[] = "qor_bus";
-constexpr size_t module_limit = 1024;
 constexpr uint32_t page_size = 4096;
 constexpr uint32_t stack_size_max = UINT32_MAX / page_size * page_size;
 
@@ -34,15 +33,6 @@ struct bus_head {
     list_head head;
     qor_bus_private priv;
 };
-
-size_t bus_module_count(qor_context_module_t **modules)
-{
-    size_t count = 0;
-    while (count < module_limit && modules[count]) {
-        count++;
-    }
-    return count;
-}
 
 int32_t bus_locks_init(qor_bus_t *bus, qor_bus_private &priv)
 {
@@ -232,6 +222,15 @@ void bus_head_uninit(qor_bus_t *bus)
     free(bus->head); /* first field of the block */
 }
 
+size_t bus_module_count(qor_context_module_t **modules)
+{
+    size_t count = 0;
+    while (count < bus_module_limit && modules[count]) {
+        count++;
+    }
+    return count;
+}
+
 qor_que_node_t *bus_node()
 {
     return bus_task_blank(que_node_unfilled(sizeof(qor_context_task_t)));
@@ -342,7 +341,7 @@ int32_t qor_bus_init(qor_bus_t *_this, qor_context_module_t **modules, int32_t i
     QOR_CHECK(modules, -1);
     QOR_CHECK(id_max > 0, -1);
     const size_t count = bus_module_count(modules);
-    if (count == module_limit) {
+    if (count == bus_module_limit) {
         /* Deliberate: no line, the caller sees the result only.
          * Test: BusCreate.Refuses1024ModulesWithoutALine. */
         return -1;

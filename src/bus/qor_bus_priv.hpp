@@ -5,6 +5,7 @@
 #define QOR_BUS_PRIV_HPP
 
 #include "qor_bus.h"
+#include "qor_bus_up_priv.hpp"
 #include "qor_context_task.h"
 #include "task_watch.hpp"
 #include "thread_record.hpp"
@@ -35,9 +36,9 @@ struct qor_bus_private {
     bus_crew *crew;           /* NULL when the loop is not running, or joins them */
     list_head helpers;        /* bus_helper::link */
     uint32_t inits;           /* inits that run for somebody who waits; read without the mutex */
-    hal_thread_cond_t
-        inits_over;    /* monotonic; broadcast when there is none any more, and at quit */
-    uint32_t visitors; /* bus_visitor; close waits for the last */
+    hal_thread_cond_t inits_over; /* monotonic; broadcast when there is none any more, when the
+                                     start of the modules has ended, and at quit */
+    uint32_t visitors;            /* bus_visitor; close waits for the last */
     hal_thread_cond_t visited;
     list_head waiters;   /* bus_waiter::link */
     list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
@@ -45,6 +46,7 @@ struct qor_bus_private {
     list_head contracts; /* contract::link; does not change once the loop runs */
     uint32_t stuck;      /* workers that wait for a start or for a place in a queue */
     list_head failed;    /* user contexts that were destroyed while others may still name them */
+    bus_start start;
 };
 
 /* Tells whether the bus has been asked to end; false for NULL. */
@@ -59,7 +61,14 @@ inline bool bus_has_contracts(const qor_bus_t &bus)
 /* Whether tasks are reported and threads named. */
 bool bus_watched(const qor_bus_t *bus);
 
-/* A thread of the application's that waits for the bus, from construction to destruction. */
+/* A table has fewer modules than that. */
+constexpr size_t bus_module_limit = 1024;
+
+/* How many modules a table has; the limit stands for any number from there on. */
+size_t bus_module_count(qor_context_module_t **modules);
+
+/* A thread of the application's that waits inside qor_bus_drain() or qor_bus_wait_up(), from
+ * construction to destruction. */
 class bus_visitor {
 public:
     explicit bus_visitor(qor_bus_private &priv);

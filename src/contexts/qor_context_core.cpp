@@ -4,6 +4,7 @@
 
 #include "hal_sync.hpp"
 #include "qor_context.h"
+#include "qor_context_core_priv.hpp"
 #include "qor_context_module.h"
 #include "qor_diag.hpp"
 #include "qor_impl_context.h" /* upward: a registry starts with the class of system contexts */
@@ -23,9 +24,29 @@ qor_context_cls_t *registry_class(list_head *link)
     return util_container<qor_context_cls_t, offsetof(qor_context_cls_t, node)>(link);
 }
 
+/* The class for an id, or the head, which is none. */
+list_head *registry_find(qor_context_core_t *registry, int32_t id)
+{
+    hal_scoped_lock lock(registry->lock);
+    list_head *cursor = registry->head.next;
+    while (cursor != &registry->head && registry_class(cursor)->id != id) {
+        cursor = cursor->next;
+    }
+    return cursor;
+}
+
 } // namespace
 
 qor_context_core_t default_core;
+
+const qor_context_cls_t *context_core_class(int32_t id)
+{
+    if (!hal_load(default_core.initialized)) {
+        return id == qor_impl_context_class.id ? &qor_impl_context_class : nullptr;
+    }
+    list_head *link = registry_find(&default_core, id);
+    return link == &default_core.head ? nullptr : registry_class(link);
+}
 
 qor_context_core_t *qor_context_core_instance_get(void)
 {
@@ -97,14 +118,7 @@ void qor_context_core_class_unregister(qor_context_core_t *_this, qor_context_cl
 qor_context_t *qor_context_core_create_context(qor_context_core_t *_this,
                                                qor_context_module_t *module)
 {
-    list_head *cursor;
-    {
-        hal_scoped_lock lock(_this->lock);
-        cursor = _this->head.next;
-        while (cursor != &_this->head && registry_class(cursor)->id != module->id) {
-            cursor = cursor->next;
-        }
-    }
+    list_head *cursor = registry_find(_this, module->id);
     /* Deliberate: the walk's cursor is never NULL, so "no match cls." is never printed; at the end
      * of the list it stands on the head, which is no class. Creation then fails without a line
      * here; a user context prints its own. Test: ContextCore.UnservedIdCreatesNothingSilently. */

@@ -6,6 +6,7 @@
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
 #include "qor_diag.hpp"
+#include "qor_impl_context_priv.hpp"
 #include "qor_util.hpp"
 
 #include <string.h>
@@ -206,3 +207,9 @@ qor_context_cls_t qor_impl_context_class = {
     /* 12 handle_task */ qor_impl_context_handle_task,
     /* 13 loop */ nullptr, /* no queue of its own */
 };
+
+bool impl_console_missing(qor_context_t *context)
+{
+    return context->cls == &qor_impl_context_class && context->module->console &&
+           !qor_context_resource_get(context);
+}

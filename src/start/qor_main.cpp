@@ -4,6 +4,7 @@
 
 #include "qor_bus.h"
 #include "qor_bus_module.h"
+#include "qor_bus_up_priv.hpp"
 #include "qor_context.h"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
@@ -98,6 +99,7 @@ void qor_main(qor_bus_t *bus)
     for (qor_context_module_t *const *module = sys_modules; *module; module++) {
         main_context_start(bus, *module, id++);
     }
+    bus_start_up_over(bus);
 }
 
 void qor_context_init_task(qor_context_t *context)

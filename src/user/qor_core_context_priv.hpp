@@ -3,6 +3,7 @@
 #ifndef QOR_CORE_CONTEXT_PRIV_HPP
 #define QOR_CORE_CONTEXT_PRIV_HPP
 
+#include "qor_bus_up_priv.hpp"
 #include "qor_context_task.h"
 #include "qor_core_context.h"
 
@@ -16,8 +17,9 @@ enum user_init : int32_t {
 struct contract;
 
 struct qor_core_context_private {
-    list_head failed;  /* in the bus's list of destroyed contexts */
-    contract *promise; /* the module's; NULL: it has none. Set before its reg */
+    list_head failed;    /* in the bus's list of destroyed contexts */
+    contract *promise;   /* the module's; NULL: it has none. Set before its reg */
+    module_start *start; /* how far its module has come, for the manager; NULL: nobody asks */
 
     /* Guarded by the private queue's lock: */
     uint32_t numbers;   /* tasks so far, from 1 to INT32_MAX; each has its own number */

@@ -100,6 +100,7 @@ void check_idle_bus(void)
 {
     qor_bus_t *bus = qor_bus_create(no_modules, TOPICS);
     check("qor_bus_create", bus != NULL);
+    check("nothing is up yet", qor_bus_wait_up(bus, 0, NULL) == -1);
     check("start-up is not cancelled", qor_bus_cancel(bus, START_UP) == -1);
     start_up_remove(bus);
     const int32_t session = qor_bus_session(bus);

@@ -198,13 +198,17 @@ void check_whole_bus(void)
     qor_context_module_t *table[] = {&modules[0], &modules[1], &modules[2], &modules[3], NULL};
     hal_thread_t thread;
     int32_t result = -2;
+    qor_start_entry_t entries[4];
+    qor_start_report_t report = {entries, 4, 0};
 
     reset();
     bus = qor_bus_create(table, TOPICS);
     check("a bus is made", bus && bus->thread_num == 5);
     qor_bus_thread_num_set(bus, 2);
     check("the loop has a thread", pthread_create(&thread, NULL, loop, &result) == 0);
-    check("all modules come up", reached(&up, 4));
+    check("all modules come up", qor_bus_wait_up(bus, PATIENCE, &report) == 0);
+    check("and are told of", report.total == 4 && entries[3].state == QOR_START_UP);
+    check("each once", atomic_load(&up) == 4);
     check("the bus settles at first", settled());
     check_messages_travel();
     check_tasks_run();

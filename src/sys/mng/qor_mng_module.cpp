@@ -4,12 +4,15 @@
 
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
+#include "qor_bus_up_priv.hpp"
 #include "qor_context.h"
+#include "qor_context_core_priv.hpp"
 #include "qor_context_handler.h"
 #include "qor_context_msg.h"
 #include "qor_core_context.h"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
+#include "qor_impl_context_priv.hpp"
 #include "qor_mng_module_priv.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_util.hpp"
@@ -21,7 +24,8 @@ namespace {
 constexpr char file_tag[] = "qor_mng_module";
 constexpr char init_task_name[] = "qor_mng_module_init_task"; /* whose lines these steps print */
 
-struct qor_mng_module_t {
+/* Followed by how far the start of each module has come. */
+struct alignas(module_start) qor_mng_module_t {
     list_head ctx_head;             /* contexts that have started, the last one first */
     list_head uninit_ctx_head;      /* contexts of this phase whose init is not over */
     int32_t pure;                   /* the phase: 1, then 0 */
@@ -46,6 +50,12 @@ const char *name_of(qor_context_t *context)
     return qor_context_module_name_get(context);
 }
 
+/* How far the start of its module has come; NULL on a manager without a bus. */
+module_start *start_of(qor_context_t *context)
+{
+    return qor_core_context_type(context)->priv->start;
+}
+
 /* The caller holds the mutex. */
 void unlink_locked(qor_context_t *context)
 {
@@ -63,12 +73,19 @@ int32_t manager_started(qor_mng_module_t *mng, qor_context_t *context)
     hal_scoped_lock lock(mng->mutex);
     unlink_locked(context);
     list_add(&context->node, &mng->ctx_head);
-    return list_empty(&mng->uninit_ctx_head) && mng->pure > 0 ? --mng->pure : -1;
+    const bool next = list_empty(&mng->uninit_ctx_head) && mng->pure > 0;
+    const bool mute = impl_console_missing(qor_core_context_type(context)->context);
+    bus_start_over(sched_delegate_bus(mng->ctx), start_of(context),
+                   mute ? QOR_START_NO_CONSOLE : QOR_START_UP, next);
+    return next ? --mng->pure : -1;
 }
 
 /* Takes down a context whose init has failed. */
-void manager_failed(qor_mng_module_t *mng, qor_context_t *context)
+void manager_failed(qor_mng_module_t *mng, qor_context_t *context,
+                    int32_t state = QOR_START_INIT_FAILED)
 {
+    /* First, because the callbacks that follow may end the thread. */
+    bus_start_over(sched_delegate_bus(mng->ctx), start_of(context), state);
     QOR_LINE("inf", init_task_name,
              "============ %s context(%p) init failed ===========", name_of(context),
              static_cast<void *>(context));
@@ -104,6 +121,7 @@ void *manager_init_run(qor_context_t *manager, int32_t, void *arg)
     qor_context_t *context = static_cast<qor_context_t *>(arg);
     QOR_LINE("inf", init_task_name,
              "============ %s context(%p) init start ===========", name_of(context), arg);
+    bus_start_init(sched_delegate_bus(mng->ctx), start_of(context));
     if (manager_context_init(context) < 0) {
         manager_failed(mng, context);
         return nullptr;
@@ -133,13 +151,19 @@ int32_t manager_attach(qor_mng_module_t *mng, qor_context_t *context)
 }
 
 /* Creates, attaches and registers one module's context. The lines carry the phase's name. */
-void manager_create(qor_mng_module_t *mng, qor_context_module_t *module, const char *func)
+void manager_create(qor_mng_module_t *mng, size_t place, const char *func)
 {
+    qor_context_module_t *module = mng->modules[place];
+    qor_bus_t *bus = sched_delegate_bus(mng->ctx);
+    module_start *start = bus ? reinterpret_cast<module_start *>(mng + 1) + place : nullptr;
     qor_context_t *context = qor_core_context_class.create(module);
     if (!context) {
         QOR_LINE("err", func, "create context failed. module name = %s", module->name);
+        bus_start_over(bus, start,
+                       context_core_class(module->id) ? QOR_START_NO_MEMORY : QOR_START_NO_CLASS);
         return;
     }
+    qor_core_context_type(context)->priv->start = start;
     QOR_LINE("inf", func, "create %s's context success. context = %p", module->name,
              static_cast<void *>(context));
     const bool attached = manager_attach(mng, context) >= 0;
@@ -148,6 +172,7 @@ void manager_create(qor_mng_module_t *mng, qor_context_module_t *module, const c
         /* Deliberate: it has not got beyond INIT, so it refuses to be destroyed and stays until the
          * bus is closed. Test: MngModuleFaults.AContextThatCannotBeAttachedStays. */
         qor_context_destroy(context);
+        bus_start_over(bus, start, QOR_START_NO_MEMORY);
     }
     {
         hal_scoped_lock lock(mng->mutex);
@@ -199,8 +224,25 @@ void manager_inits_queue(qor_mng_module_t *mng)
     util_list_each(failed, [mng](list_head *link) {
         list_del(link);
         user_init_failed(qor_core_context_type(context_of(link)));
-        manager_failed(mng, context_of(link));
+        manager_failed(mng, context_of(link), QOR_START_NO_MEMORY);
     });
+}
+
+/* A reg has ended the thread that was bringing a phase up. */
+void manager_left(void *mng)
+{
+    bus_start_break(sched_delegate_bus(static_cast<qor_mng_module_t *>(mng)->ctx));
+}
+
+/* Creates the contexts of a phase. The lines carry its name. */
+void manager_create_all(qor_mng_module_t *mng, int32_t pure, const char *func)
+{
+    thread_scope inside(manager_left, mng);
+    for (size_t place = 0; mng->modules[place]; place++) {
+        if ((mng->modules[place]->pure != 0) == (pure != 0)) {
+            manager_create(mng, place, func);
+        }
+    }
 }
 
 int32_t qor_mng_module_init_module_by_pure(qor_mng_module_t *mng, int32_t pure)
@@ -208,11 +250,7 @@ int32_t qor_mng_module_init_module_by_pure(qor_mng_module_t *mng, int32_t pure)
     if (pure < 0) {
         return -1;
     }
-    for (qor_context_module_t **module = mng->modules; *module; module++) {
-        if (((*module)->pure != 0) == (pure != 0)) {
-            manager_create(mng, *module, __func__);
-        }
-    }
+    manager_create_all(mng, pure, __func__);
     manager_inits_queue(mng);
     return 1;
 }
@@ -231,7 +269,10 @@ void qor_mng_module_unsubscribe(qor_context_t *context)
 
 int32_t qor_mng_module_init(qor_context_t *context, void *arg)
 {
-    qor_mng_module_t *mng = util_zalloc<qor_mng_module_t>();
+    qor_context_module_t **modules = static_cast<qor_context_module_t **>(arg);
+    qor_bus_t *bus = sched_delegate_bus(context);
+    const size_t count = bus ? bus_module_count(modules) : 0;
+    qor_mng_module_t *mng = util_zalloc<qor_mng_module_t>(count * sizeof(module_start));
     if (!mng || pthread_mutex_init(&mng->mutex, nullptr) != 0) {
         free(mng);
         QOR_ERR("malloc \"qor_mng_module_t\" failed.");
@@ -241,9 +282,10 @@ int32_t qor_mng_module_init(qor_context_t *context, void *arg)
     INIT_LIST_HEAD(&mng->uninit_ctx_head);
     INIT_LIST_HEAD(&mng->lost_head);
     mng->pure = 1;
-    mng->modules = static_cast<qor_context_module_t **>(arg);
+    mng->modules = modules;
     mng->ctx = context;
     qor_context_priv_data_set(context, mng);
+    bus_start_modules(bus, reinterpret_cast<module_start *>(mng + 1));
     /* Deliberate: the next phase is begun by the last successful init of this one and by nothing
      * else, so an application without a pure module never comes up.
      * Test: MngModule.WithoutAPureModuleNothingComesUp. */
