@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Start: waiting until the modules are up. */
+/* Start: waiting until the modules are up, and looking at a table of modules for what keeps them
+ * from it. */
 #ifndef QOR_START_H
 #define QOR_START_H
 
@@ -59,6 +60,46 @@ typedef struct qor_start_report {
  * once; qor_bus_close() waits for those who are inside.
  */
 QOR_API int32_t qor_bus_wait_up(qor_bus_t *_this, int32_t wait_time, qor_start_report_t *report);
+
+/** How much a finding matters. */
+enum {
+    QOR_FINDING_WARNING = 1, /**< it works, but seldom as it was meant */
+    QOR_FINDING_ERROR = 2    /**< the module, or the bus, does not come up, or memory is overrun */
+};
+
+/** What qor_bus_check() has found. */
+typedef struct qor_bus_finding {
+    char module[20];  /**< name of the module; what is longer is cut off; "" for the whole table */
+    int32_t place;    /**< of the module in the table, from 0; -1 for the whole table */
+    int32_t level;    /**< QOR_FINDING_* */
+    const char *text; /**< what it is; constant */
+} qor_bus_finding_t;
+
+/** Takes a finding, which is gone after the call. On the thread that checks, with no lock held. */
+typedef void (*qor_bus_finding_see_t)(void *arg, const qor_bus_finding_t *finding);
+
+/**
+ * Looks at a table of modules for what keeps them from coming up or from being told apart.
+ *
+ * @param modules  as for qor_bus_create(), before it or after; neither kept nor changed
+ * @param see      called for each finding, those of the whole table first, then module by module;
+ *                 NULL: they are only counted
+ * @param arg      handed to see
+ * @return         how many findings there are, or -1 for a NULL table ("!(modules) == true.")
+ *
+ * Errors: "1024 modules or more." (no bus is made of them; the first 1024 are looked at), "no
+ * module has pure." (none comes up), "name not terminated.", "no class for its id.", "no init."
+ * (it never comes up). Warnings: "name empty.", "name used before.", "listed before.", "no reg.",
+ * "no unreg.", "no uninit.", "no handle_message.", "console: stack size refused.", "console:
+ * priority not 1 to 99.".
+ *
+ * Callbacks and consoles are looked at in modules of the system class alone. A console's priority
+ * may also be 0, which stands for 1. A stack size is what the C library takes or not: whether there
+ * will be memory for it nobody knows. For the classes of ids the registry of the process is asked,
+ * as it is now, so register them first; one that is not in use yet is not made, and has the system
+ * class. Prints nothing else. Any thread.
+ */
+QOR_API int32_t qor_bus_check(qor_context_module_t **modules, qor_bus_finding_see_t see, void *arg);
 
 QOR_END_DECLS
 

@@ -44,21 +44,13 @@ size_t console_stack_size(const qor_context_module_t *module)
     return static_cast<size_t>((units > 1 ? units : 1) * console_stack_unit);
 }
 
-int32_t console_priority(const qor_context_module_t *module)
-{
-    if (module->priority < console_priority_min) {
-        return console_priority_min;
-    }
-    return module->priority < console_priority_max ? module->priority : console_priority_max;
-}
-
 int32_t console_attr_init(hal_thread_attr_t *attr, const qor_context_module_t *module)
 {
     if (pthread_attr_init(attr) != 0) {
         return -1;
     }
     (void)hal_thread_attr_setstacksize(attr, console_stack_size(module)); /* else the default */
-    if (hal_thread_attr_setpriority(attr, console_priority(module)) != 0) {
+    if (hal_thread_attr_setpriority(attr, impl_console_priority(module)) != 0) {
         pthread_attr_destroy(attr);
         return -1;
     }
@@ -207,6 +199,25 @@ qor_context_cls_t qor_impl_context_class = {
     /* 12 handle_task */ qor_impl_context_handle_task,
     /* 13 loop */ nullptr, /* no queue of its own */
 };
+
+int32_t impl_console_priority(const qor_context_module_t *module)
+{
+    if (module->priority < console_priority_min) {
+        return console_priority_min;
+    }
+    return module->priority < console_priority_max ? module->priority : console_priority_max;
+}
+
+bool impl_console_stack_refused(const qor_context_module_t *module)
+{
+    hal_thread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0) {
+        return false;
+    }
+    const bool refused = hal_thread_attr_setstacksize(&attr, console_stack_size(module)) != 0;
+    pthread_attr_destroy(&attr);
+    return refused;
+}
 
 bool impl_console_missing(qor_context_t *context)
 {

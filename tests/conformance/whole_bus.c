@@ -193,6 +193,22 @@ static void reset(void)
     }
 }
 
+static void see(void *arg, const qor_bus_finding_t *finding)
+{
+    *(int32_t *)arg += finding->level == QOR_FINDING_ERROR && finding->place == 1;
+}
+
+static void check_findings(qor_context_module_t **table)
+{
+    const int32_t id = table[1]->id;
+    int32_t seen = 0;
+
+    check("there is nothing to find", qor_bus_check(table, NULL, NULL) == 0);
+    table[1]->id = 4711;
+    check("an id is found", qor_bus_check(table, see, &seen) == 1 && seen == 1);
+    table[1]->id = id;
+}
+
 void check_whole_bus(void)
 {
     qor_context_module_t *table[] = {&modules[0], &modules[1], &modules[2], &modules[3], NULL};
@@ -202,6 +218,7 @@ void check_whole_bus(void)
     qor_start_report_t report = {entries, 4, 0};
 
     reset();
+    check_findings(table);
     bus = qor_bus_create(table, TOPICS);
     check("a bus is made", bus && bus->thread_num == 5);
     qor_bus_thread_num_set(bus, 2);

@@ -23,7 +23,7 @@ RANKS = [
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
     " user_init user_run user_admission contract_queue",                                             # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
-    "qor_main qor_bus_close",                                          # 9 start-up
+    "qor_main qor_bus_close qor_bus_check",                                          # 9 start-up
     "qor",                                                    # everything, for applications
 ]
 SIDEWAYS = {

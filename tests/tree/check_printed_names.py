@@ -11,6 +11,7 @@ import sys
 from pathlib import Path
 
 ADDED = {
+    ("qor_bus", "qor_bus_check"),
     ("qor_bus", "qor_bus_wait_up"),
     ("qor_bus", "qor_bus_task_loop"),  # no thread in the place of one that a task has ended
     ("qor_thread_pool", "qor_thread_pool_replace_thread"),  # the same in the pool

@@ -119,6 +119,7 @@ RECORD(qor_sched_delegate_t, 112, FIELD(bus), FIELD(role), FIELD(context), FIELD
 
 RECORD(qor_start_entry_t, 48, FIELD(name), FIELD(because), FIELD(state), FIELD(init_time));
 RECORD(qor_start_report_t, 12, FIELD(entries), FIELD(capacity), FIELD(total));
+RECORD(qor_bus_finding_t, 32, FIELD(module), FIELD(place), FIELD(level), FIELD(text));
 
 RECORD(qor_impl_context_t, 40, FIELD(base));
 RECORD(qor_core_context_t, 144, FIELD(base), FIELD(context), FIELD(active_refcount),
@@ -150,6 +151,7 @@ static_assert(QOR_START_PENDING == 0 && QOR_START_UP == 1 && QOR_START_NO_CONSOL
                   QOR_START_INIT_FAILED == 3 && QOR_START_NEVER == 4 && QOR_START_NO_PURE == 5 &&
                   QOR_START_NO_CLASS == 6 && QOR_START_NO_MEMORY == 7 && QOR_START_BROKEN == 8,
               "starts");
+static_assert(QOR_FINDING_WARNING == 1 && QOR_FINDING_ERROR == 2, "findings");
 static_assert(QOR_BUS_ROLE_USER == 0 && QOR_BUS_ROLE_SYS == 1, "roles");
 static_assert(QOR_USER_CONTEXT_LIFECYCLE_INIT == 0 && QOR_USER_CONTEXT_LIFECYCLE_CREATE == 1 &&
                   QOR_USER_CONTEXT_LIFECYCLE_START == 2 && QOR_USER_CONTEXT_LIFECYCLE_RESUME == 3 &&
