@@ -33,5 +33,5 @@ int main(int argc, char **argv)
                               {"pool-wake-up", pool_wake_up, 0, {2}},
                               {"task-in-handler", task_in_handler, 0, {2}},
                           },
-                          {&watch_off});
+                          {&watch_off, &strict});
 }

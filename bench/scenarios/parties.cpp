@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 bench::Switch watch_off = {"--watch-off", false};
+bench::Switch strict = {"--strict", false};
 
 namespace {
 
@@ -70,6 +71,28 @@ void watch_switch_off()
     reinterpret_cast<watch_set>(found)(bus, 0);
 }
 
+char digit(size_t number)
+{
+    return static_cast<char>('0' + number % 10);
+}
+
+/* With room for whatever a scenario has under way. */
+void make_strict(const qor_context_module_t &module)
+{
+    using set = int32_t (*)(qor_bus_t *, const char *, const qor_contract_t *);
+    const auto contract_set = reinterpret_cast<set>(dlsym(RTLD_DEFAULT, "qor_bus_contract_set"));
+    if (!contract_set) {
+        fail("this library has no contracts");
+    }
+    qor_contract_t contract = {};
+    contract.size = sizeof(contract);
+    contract.strict = 1;
+    contract.depth = contract.replies = 10000000;
+    if (contract_set(bus, module.name, &contract) < 0) {
+        fail("no contract");
+    }
+}
+
 /* What the library prints goes to a file meanwhile: standard output is for the results. */
 class Printed {
 public:
@@ -126,8 +149,20 @@ void run_bus(const std::vector<Party *> &parties, int32_t topics, int workers)
         std::any_of(parties.begin(), parties.end(), [](const Party *one) { return !one->last; });
     for (Party *one : parties) {
         const uint32_t pure = one->last && phases ? 0 : 1;
-        modules.push_back(
-            {"party", 0, pure, 0, 0, 0, one, reg, unreg, init, uninit, nullptr, handle});
+        modules.push_back({{'p', 'a', 'r', 't', 'y', digit(modules.size() / 100),
+                            digit(modules.size() / 10), digit(modules.size())},
+                           0,
+                           pure,
+                           0,
+                           0,
+                           0,
+                           one,
+                           reg,
+                           unreg,
+                           init,
+                           uninit,
+                           nullptr,
+                           handle});
         array.push_back(&modules.back());
     }
     array.push_back(nullptr);
@@ -137,6 +172,11 @@ void run_bus(const std::vector<Party *> &parties, int32_t topics, int workers)
     }
     if (watch_off.on) {
         watch_switch_off();
+    }
+    if (strict.on) {
+        for (const qor_context_module_t &module : modules) {
+            make_strict(module);
+        }
     }
     qor_bus_thread_num_set(bus, static_cast<uint32_t>(workers));
     if (qor_bus_loop(bus) != 0) {

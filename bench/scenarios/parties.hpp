@@ -52,5 +52,6 @@ inline int64_t payload(const void *buf)
 }
 
 extern bench::Switch watch_off;
+extern bench::Switch strict; /* every module has a strict contract */
 
 #endif /* BENCH_PARTIES_HPP */

@@ -21,6 +21,13 @@ enum thread_role : int32_t {
     thread_loops,
 };
 
+/* A task of a module with a contract, in the module's ledger. */
+enum thread_task : int32_t {
+    task_uncounted = 0, /* it is not in there, or has ended */
+    task_running,
+    task_returned, /* its handler has returned, which ends a request for the ledger */
+};
+
 /* Outlives its thread, whose own data may still use the bus while it ends. Nothing here may point
  * into the frames of tasks: they do not outlast a pthread_exit(). Only its thread touches it. */
 struct thread_record {
@@ -34,7 +41,7 @@ struct thread_record {
                        with; NULL: none, or it is on its way */
     thread_role role;
     contract *task_of;  /* whose queue's task the thread runs; NULL: none with a contract */
-    int32_t task_ended; /* 1: the ledger does not count that task as running (any more) */
+    thread_task task;   /* what that contract's ledger takes it for */
     int32_t losing;     /* 1 while it tells of a loss */
     const void *moving; /* the message that it hands on to a newer subscriber, or NULL */
     uint32_t depth;     /* scopes entered, also those beyond the limit */

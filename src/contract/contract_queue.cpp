@@ -516,7 +516,7 @@ void contract_task_run_locked(qor_core_context_t *core, qor_time_que_node_t *nod
     const qor_context_task_t *task = bus_task_of(node);
     task_awaited(promise, task)--;
     if (que_front_of(node)->flags & que_reply) {
-        contract_reply_back_locked(promise);
+        contract_reply_back(&promise);
     }
     contract_task_begun_locked(promise, thread_record_get());
 }
@@ -531,6 +531,6 @@ void contract_task_leaves_locked(contract &promise, qor_time_que_node_t *node, c
     task_awaited(promise, task)--;
     promise.ledger.*as += 1;
     if (que_front_of(node)->flags & que_reply) {
-        contract_reply_back_locked(promise);
+        contract_reply_back(&promise);
     }
 }

@@ -170,7 +170,10 @@ int32_t ledger_copy(qor_bus_t *bus, const char *name, qor_ledger_t *to)
         }
         if (promise->mutex) {
             hal_scoped_lock queue(*promise->mutex);
+            const uint32_t returned = hal_load(promise->returned);
             copy = promise->ledger;
+            copy.run += returned;
+            copy.running -= returned;
         }
     }
     copy.size = to->size;
@@ -212,18 +215,6 @@ private:
     thread_record own_ = {};
 };
 
-/* What the thread runs of a module with a contract ends as that; gives the contract, or NULL. */
-contract *task_ends(contract_counter as)
-{
-    thread_record *record = thread_record_get();
-    contract *promise = record ? record->task_of : nullptr;
-    if (promise) {
-        hal_scoped_lock lock(*promise->mutex);
-        contract_task_ends_locked(*promise, record, as);
-    }
-    return promise;
-}
-
 } // namespace
 
 const char *contract_name(const contract &promise)
@@ -238,24 +229,20 @@ contract *contract_find(const qor_bus_t *bus, const qor_context_module_t *module
 
 int32_t contract_reply_take(contract &promise)
 {
-    hal_scoped_lock lock(*promise.mutex);
-    if (promise.replies >= promise.terms.replies) {
-        return -1;
-    }
-    promise.replies++;
+    uint32_t taken = hal_load(promise.replies);
+    do {
+        if (taken >= promise.terms.replies) {
+            return -1;
+        }
+    } while (!__atomic_compare_exchange_n(&promise.replies, &taken, taken + 1, true,
+                                          __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE));
     return 0;
-}
-
-void contract_reply_back_locked(contract &promise)
-{
-    promise.replies--;
 }
 
 void contract_reply_back(contract *promise)
 {
     if (promise) {
-        hal_scoped_lock lock(*promise->mutex);
-        contract_reply_back_locked(*promise);
+        __atomic_fetch_sub(&promise->replies, 1, __ATOMIC_ACQ_REL);
     }
 }
 
@@ -267,23 +254,28 @@ void contract_task_begun_locked(contract &promise, thread_record *record)
     }
     promise.ledger.running++;
     record->task_of = &promise;
-    record->task_ended = 0;
+    record->task = task_running;
 }
 
 void contract_task_inside(contract &promise, thread_record *record)
 {
     if (record) {
         record->task_of = &promise;
-        record->task_ended = 1;
+        record->task = task_uncounted;
     }
 }
 
-void contract_task_ends_locked(contract &promise, thread_record *record, contract_counter as)
+void contract_task_over_locked(contract &promise, thread_record *record)
 {
-    if (record && record->task_of == &promise && !record->task_ended) {
-        record->task_ended = 1;
+    if (record && record->task_of == &promise && record->task != task_uncounted) {
         promise.ledger.running--;
-        promise.ledger.*as += 1;
+        promise.ledger.run++;
+        if (record->task == task_returned) {
+            __atomic_fetch_sub(&promise.returned, 1, __ATOMIC_RELAXED);
+        }
+    }
+    if (record) {
+        record->task_of = nullptr;
     }
 }
 
@@ -297,23 +289,28 @@ bool contract_is_elsewhere(const contract *promise)
 
 void contract_moved(const qor_loss_t *lost)
 {
-    contract *promise =
-        task_ends(lost ? &qor_ledger_t::dropped_transfer : &qor_ledger_t::transferred);
-    if (promise && lost) {
+    thread_record *record = thread_record_get();
+    contract *promise = record ? record->task_of : nullptr;
+    if (!promise) {
+        return;
+    }
+    if (record->task == task_running) {
+        hal_scoped_lock lock(*promise->mutex);
+        promise->ledger.running--;
+        (lost ? promise->ledger.dropped_transfer : promise->ledger.transferred)++;
+        record->task = task_uncounted;
+    }
+    if (lost) {
         contract_lost(*promise, *lost);
     }
 }
 
 void contract_handler_returned()
 {
-    task_ends(&qor_ledger_t::run);
-}
-
-void contract_task_over_locked(contract &promise, thread_record *record)
-{
-    contract_task_ends_locked(promise, record, &qor_ledger_t::run);
-    if (record) {
-        record->task_of = nullptr;
+    thread_record *record = thread_record_get();
+    if (record && record->task_of && record->task == task_running) {
+        record->task = task_returned;
+        __atomic_fetch_add(&record->task_of->returned, 1, __ATOMIC_RELAXED);
     }
 }
 

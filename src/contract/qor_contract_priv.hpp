@@ -17,11 +17,13 @@ struct contract {
     uint32_t slots;            /* tasks at a time, of a strict module */
     hal_thread_mutex_t *mutex; /* of the private queue; NULL before the module's reg; written under
                                   the bus's mutex */
+    uint32_t replies;          /* own requests whose response has not begun; changed atomically */
+    uint32_t returned; /* requests among the running whose handler has returned; likewise, but
+                          lowered under the queue's lock */
 
     /* Guarded by the private queue's lock: */
     qor_ledger_t ledger;
     uint32_t counted; /* waiting tasks that have a place */
-    uint32_t replies; /* own requests whose response has not begun */
     uint32_t runs;    /* loop runs of a strict queue that wait for a worker or have one */
     int32_t started;  /* 1 once a strict module may run its tasks */
     list_head idle;   /* nodes for loop runs; with those in use at least one, for good */
@@ -39,12 +41,11 @@ const char *contract_name(const contract &promise);
 contract *contract_find(const qor_bus_t *bus, const qor_context_module_t *module);
 
 /* Takes a place for the response to a request that the module is about to publish: 0, or -1 when
- * there is none. Takes the queue's lock. */
+ * there is none. */
 int32_t contract_reply_take(contract &promise);
 
-/* Gives it back; NULL is let pass. Takes the queue's lock; the caller of the second holds it. */
+/* Gives it back; NULL is let pass. */
 void contract_reply_back(contract *promise);
-void contract_reply_back_locked(contract &promise);
 
 /* The thread with that record, or NULL for none, begins a task that the ledger counts. The caller
  * holds the queue's lock. */
@@ -52,10 +53,6 @@ void contract_task_begun_locked(contract &promise, thread_record *record);
 
 /* The same of a task that the ledger does not count; needs no lock. */
 void contract_task_inside(contract &promise, thread_record *record);
-
-/* What the thread runs of the module ends as that; later ends of the same task count no more. The
- * caller holds the queue's lock. */
-void contract_task_ends_locked(contract &promise, thread_record *record, contract_counter as);
 
 /* Whether a request whose newest subscriber has that contract, or NULL, may not be handled in the
  * queue that the calling thread has it from: one of the two is strict. */

@@ -33,7 +33,9 @@ int32_t admission_make(admission &post, const qor_context_task_t *task)
     if (!post.node) {
         return -1;
     }
-    qor_time_que_node_update(post.node, static_cast<size_t>(post.session), post.delay);
+    if (!post.core->priv->promise) { /* else it is done where the order is decided */
+        qor_time_que_node_update(post.node, static_cast<size_t>(post.session), post.delay);
+    }
     qor_context_task_copy(bus_task_of(post.node), task);
     que_front *front = que_front_of(post.node);
     front->owner = post.core;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A number of requests and their responses between two modules, with one worker: each response is
  * the next question.
- *   usage: round_trips NUMBER */
+ *   usage: round_trips NUMBER [strict] */
 #include <stdlib.h>
 #include <string.h>
 
@@ -78,12 +78,23 @@ static qor_context_module_t asker = {
     .handle_message = asker_handle,
 };
 
+static int32_t make_strict(const char *name)
+{
+    qor_contract_t contract;
+    qor_contract_init(&contract);
+    contract.strict = 1;
+    return qor_bus_contract_set(bus, name, &contract);
+}
+
 int main(int argc, char **argv)
 {
     qor_context_module_t *modules[] = {&answerer, &asker, NULL};
-    left = argc == 2 ? atol(argv[1]) : 0;
+    left = argc >= 2 ? atol(argv[1]) : 0;
     bus = left > 0 ? qor_bus_create(modules, TOPIC_COUNT) : NULL;
     if (!bus) {
+        return 2;
+    }
+    if (argc == 3 && (make_strict("answerer") < 0 || make_strict("asker") < 0)) {
         return 2;
     }
     qor_bus_thread_num_set(bus, 1);
