@@ -41,7 +41,10 @@ int32_t bus_locks_init(qor_bus_t *bus, qor_bus_private &priv)
     }
     if (que_cond_init(&priv.inits_over, CLOCK_MONOTONIC) == 0) {
         if (pthread_mutex_init(&bus->session_mutex, nullptr) == 0) {
-            return 0;
+            if (bus_periodics_open(priv.periodics) == 0) {
+                return 0;
+            }
+            pthread_mutex_destroy(&bus->session_mutex);
         }
         pthread_cond_destroy(&priv.inits_over);
     }
@@ -196,6 +199,13 @@ bool bus_thread_works(const qor_bus_t *bus)
     return bus && record && record->bus == bus && record->role == thread_works;
 }
 
+/* A session for a bus with periodic timers: one of them may have it since before the numbers began
+ * anew. Out of line, so that where there are none a draw needs no frame. */
+[[gnu::noinline]] int32_t bus_session_beside(qor_bus_t *bus, int32_t session)
+{
+    return bus_periodic_has(bus->priv->periodics, session) ? qor_bus_session(bus) : session;
+}
+
 bool bus_is_cancelled(const qor_que_node_t *node, const void *session)
 {
     return !(que_front_of(node)->flags & que_own) &&
@@ -217,6 +227,7 @@ bool bus_watched(const qor_bus_t *bus)
 void bus_head_uninit(qor_bus_t *bus)
 {
     contracts_free(bus);
+    bus_periodics_close(bus->priv->periodics);
     pthread_cond_destroy(&bus->priv->inits_over);
     hal_mutex_cond_destroy(bus->priv->mutex, bus->priv->visited);
     free(bus->head); /* first field of the block */
@@ -229,6 +240,17 @@ size_t bus_module_count(qor_context_module_t **modules)
         count++;
     }
     return count;
+}
+
+int32_t bus_session_next(qor_bus_t *bus)
+{
+    int32_t session = __atomic_load_n(&bus->session, __ATOMIC_RELAXED);
+    int32_t next;
+    do { /* not by adding alone: two threads at the wrap would draw a negative number */
+        next = session == INT32_MAX ? 0 : session + 1;
+    } while (!__atomic_compare_exchange_n(&bus->session, &session, next, true, __ATOMIC_RELAXED,
+                                          __ATOMIC_RELAXED));
+    return session;
 }
 
 qor_que_node_t *bus_node()
@@ -409,13 +431,8 @@ int32_t qor_bus_quitting(qor_bus_t *_this)
 
 int32_t qor_bus_session(qor_bus_t *_this)
 {
-    int32_t session = __atomic_load_n(&_this->session, __ATOMIC_RELAXED);
-    int32_t next;
-    do { /* not by adding alone: two threads at the wrap would draw a negative number */
-        next = session == INT32_MAX ? 0 : session + 1;
-    } while (!__atomic_compare_exchange_n(&_this->session, &session, next, true, __ATOMIC_RELAXED,
-                                          __ATOMIC_RELAXED));
-    return session;
+    const int32_t session = bus_session_next(_this);
+    return hal_load(_this->priv->periodics.mask) ? bus_session_beside(_this, session) : session;
 }
 
 qor_topic_core_t *qor_bus_topic_core_get(qor_bus_t *bus, int32_t role)
@@ -483,6 +500,9 @@ int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task)
 int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session)
 {
     QOR_CHECK(_this, -1);
+    if (bus_periodic_cancel(_this, session) == 0) {
+        return 0;
+    }
     /* What the library made for itself is passed over: a module that cancels a number of its own
      * choice, or an old one, must not stop others. */
     qor_que_node_t *node = que_take_if(_this->que, bus_is_cancelled, &session);

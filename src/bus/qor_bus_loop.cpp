@@ -41,6 +41,12 @@ void bus_timers_serve(qor_bus_t *bus)
     const qor_bus_private &priv = *bus->priv;
     qor_time_que_lock(timers);
     while (qor_time_que_node_t *timer = qor_time_que_deque_block_locked(timers, -1)) {
+        if (que_front_of(timer)->flags & que_periodic) {
+            qor_time_que_unlock(timers);
+            bus_periodic_due(timer);
+            qor_time_que_lock(timers);
+            continue;
+        }
         /* Queued under the timer queue's lock: whoever cancels a timer finds it here or there. Of a
          * bus that is gone only the private block may be looked at. */
         const bool posted = !priv.gone && bus_timer_task_post(bus, timer);

@@ -4,6 +4,7 @@
 #ifndef QOR_BUS_PRIV_HPP
 #define QOR_BUS_PRIV_HPP
 
+#include "bus_periodic.hpp"
 #include "qor_bus.h"
 #include "qor_bus_up_priv.hpp"
 #include "qor_context_task.h"
@@ -47,6 +48,7 @@ struct qor_bus_private {
     uint32_t stuck;      /* workers that wait for a start or for a place in a queue */
     list_head failed;    /* user contexts that were destroyed while others may still name them */
     bus_start start;
+    bus_periodics periodics;
 };
 
 /* Tells whether the bus has been asked to end; false for NULL. */
@@ -93,6 +95,9 @@ void bus_tasks_discard(qor_bus_t *bus);
 
 /* Undoes what qor_bus_init() did before it made the tables; the private block goes with it. */
 void bus_head_uninit(qor_bus_t *bus);
+
+/* Draws a number that nobody gets: a periodic timer may have it, see qor_bus_session(). */
+int32_t bus_session_next(qor_bus_t *bus);
 
 /* A node of the task queue with room for a task that is still to be filled; NULL without memory. */
 qor_que_node_t *bus_node();

@@ -44,6 +44,6 @@ bool task_watch_tell(qor_bus_t *bus, const qor_sys_monitor_task_t *report)
     if (!monitor || !serve(monitor, report)) {
         return false;
     }
-    (void)qor_bus_session(bus); /* drawn as for a message, for the numbers are visible */
+    (void)bus_session_next(bus); /* drawn as for a message, for the numbers are visible */
     return true;
 }

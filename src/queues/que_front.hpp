@@ -9,19 +9,21 @@
 #include "qor_util.hpp"
 
 enum que_flags : uint32_t {
-    que_own = 1,      /* the library made it for itself: cancel passes over it */
-    que_quiet = 2,    /* it names its thread itself, its worker need not */
-    que_again = 4,    /* it is queued again when one of its tasks has ended its thread */
-    que_message = 8,  /* it carries a request or a response, see message_node.hpp */
-    que_counted = 16, /* its module's ledger counts it */
-    que_placed = 32,  /* it has one of the places that its module's contract bounds */
-    que_reply = 64,   /* it carries a response to a module with a contract */
+    que_own = 1,        /* the library made it for itself: cancel passes over it */
+    que_quiet = 2,      /* it names its thread itself, its worker need not */
+    que_again = 4,      /* it is queued again when one of its tasks has ended its thread */
+    que_message = 8,    /* it carries a request or a response, see message_node.hpp */
+    que_counted = 16,   /* its module's ledger counts it */
+    que_placed = 32,    /* it has one of the places that its module's contract bounds */
+    que_reply = 64,     /* it carries a response to a module with a contract */
+    que_periodic = 128, /* it is a periodic timer's in the timer queue, see bus_periodic.hpp */
 };
 
 struct alignas(8) que_front {
     qor_que_node_recycle_t discard; /* for a node that is discarded unrun, in place of the recycle
                                        that the discarding call brings; NULL: that one */
-    const void *owner;              /* the user context that it is a run of; NULL: of none */
+    const void *owner;              /* the user context, or the periodic timer, that it is a run
+                                       of; NULL: of none */
     qor_que_node_t *spare;          /* memory for the hand-over after this one, freed with it */
     uint32_t number;                /* tells it among the nodes of one owner; 0: has none */
     uint32_t flags;

@@ -340,6 +340,11 @@ void user_contexts_free(qor_bus_t *bus)
     });
 }
 
+qor_context_t *user_context_attached(qor_context_t *context)
+{
+    return context->handler == &qor_core_context_handler ? wrapper_of(context) : context;
+}
+
 qor_core_context_t *qor_core_context_type(qor_context_t *context)
 {
     return reinterpret_cast<qor_core_context_t *>(context);

@@ -24,7 +24,8 @@ struct qor_core_context_private {
     /* Guarded by the private queue's lock: */
     uint32_t numbers;   /* tasks so far, from 1 to INT32_MAX; each has its own number */
     uint32_t under_way; /* tasks out of the queue or past it that are not over: they run, or wait on
-                           the bus; not those below a failed init that waits */
+                           the bus; and periodic timers; not those below a failed init that
+                           waits */
     int32_t closed;     /* 1 once the init has failed: takes no task, begins none */
     qor_que_node_t *loop; /* kept for the next loop run; NULL: none is, or it is in use */
 
@@ -41,9 +42,13 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
  */
 int32_t qor_core_context_loop(qor_context_t *context);
 
-/* Takes a task out of the private queue, with the timer or the run that was to start it, and
- * discards it; 0 when it was there, else -1. */
+/* Ends the periodic timer of a session, or takes a task out of the private queue, with the timer or
+ * the run that was to start it, and discards it; 0 when there was one, else -1. */
 int32_t user_task_cancel(qor_core_context_t *core, int32_t session);
+
+/* The context that is attached to the bus for a module that sees this one: its wrapper, or for any
+ * other itself. */
+qor_context_t *user_context_attached(qor_context_t *context);
 
 /* Releases what a task of a private queue carries when it is discarded unrun. Takes the task as
  * void *, so that it can stand in for a recycle. */

@@ -8,6 +8,7 @@
 #include "qor_context_task.h"
 #include "qor_core_context.h"
 #include "qor_core_context_priv.hpp"
+#include "qor_periodic_priv.hpp"
 #include "qor_que_priv.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
@@ -138,6 +139,28 @@ qor_time_que_node_t *user_task_take_back(qor_core_context_t *core)
     return node;
 }
 
+/* Counts the tasks on the calling thread's own stack out of what is under way, or in again; runs of
+ * periodic timers too. */
+void user_tasks_below_count(bool in)
+{
+    const auto count = [in](qor_core_context_t *below) {
+        hal_scoped_lock lock(below->que->mutex);
+        if (in) {
+            below->priv->under_way++;
+        } else {
+            user_task_over_locked(below);
+        }
+    };
+    thread_scopes_each(user_task_left, [count](void *node) {
+        count(user_core_of(static_cast<qor_time_que_node_t *>(node)));
+    });
+    thread_scopes_each(user_periodic_left, [count](void *timer) {
+        if (qor_core_context_t *below = user_periodic_core(timer)) {
+            count(below);
+        }
+    });
+}
+
 } // namespace
 
 int32_t qor_core_context_loop(qor_context_t *context)
@@ -187,6 +210,9 @@ int32_t qor_core_context_loop(qor_context_t *context)
 int32_t user_task_cancel(qor_core_context_t *core, int32_t session)
 {
     qor_bus_t *bus = sched_delegate_bus(&core->base);
+    if (bus && bus_periodic_cancel(bus, session) == 0) {
+        return 0;
+    }
     qor_time_que_lock(core->que);
     qor_time_que_node_t *node = qor_time_que_remove_locked(core->que, static_cast<size_t>(session));
     const bool timed = node && bus && bus->time_que && bus_task_of(node)->delay > 0;
@@ -255,24 +281,17 @@ void user_tasks_refuse(qor_core_context_t *core)
         user_timers_refuse(bus, &any);
         user_runs_refuse(bus, &any); /* timers that fell due meanwhile */
     }
+    bus_periodics_end(bus, &core->base);
 }
 
 void user_tasks_await(qor_core_context_t *core)
 {
-    thread_scopes_each(user_task_left, [](void *node) {
-        qor_core_context_t *below = user_core_of(static_cast<qor_time_que_node_t *>(node));
-        hal_scoped_lock lock(below->que->mutex);
-        user_task_over_locked(below);
-    });
+    user_tasks_below_count(false);
     {
         hal_scoped_lock lock(core->que->mutex);
         while (core->priv->under_way > 0) {
             qor_time_que_wait_locked(core->que);
         }
     }
-    thread_scopes_each(user_task_left, [](void *node) {
-        qor_core_context_t *below = user_core_of(static_cast<qor_time_que_node_t *>(node));
-        hal_scoped_lock lock(below->que->mutex);
-        below->priv->under_way++;
-    });
+    user_tasks_below_count(true);
 }

@@ -16,27 +16,6 @@
 
 namespace {
 
-/* What the monitor is told of a task; a copy, for the task may be gone when it is over. */
-qor_sys_monitor_task_t monitor_report(const qor_context_task_t *task)
-{
-    qor_sys_monitor_task_t report = {};
-    report.session = task->session;
-    memcpy(report.name, task->name, strnlen(task->name, sizeof(report.name) - 1));
-    return report;
-}
-
-void monitor_tell(qor_context_t *context, qor_sys_monitor_task_t &report, int32_t state)
-{
-    report.state = state;
-    qor_bus_t *bus = sched_delegate_bus(context);
-    if (bus && !bus_watched(bus)) {
-        return;
-    }
-    if (!bus || !task_watch_tell(bus, &report)) {
-        qor_context_sysx_req(context, QOR_SYS_MONITOR_TASK, &report, sizeof(report));
-    }
-}
-
 /* What an ended task carried, when it has not run to its end: a request is answered for it. */
 void user_task_refuse(void *task)
 {
@@ -194,6 +173,26 @@ void user_task_left(void *arg)
     monitor_tell(&core->base, report, QOR_SYS_MONITOR_TASK_OVER);
     user_node_refuse(node);
     user_task_ended(core);
+}
+
+qor_sys_monitor_task_t monitor_report(const qor_context_task_t *task)
+{
+    qor_sys_monitor_task_t report = {};
+    report.session = task->session;
+    memcpy(report.name, task->name, strnlen(task->name, sizeof(report.name) - 1));
+    return report;
+}
+
+void monitor_tell(qor_context_t *context, qor_sys_monitor_task_t &report, int32_t state)
+{
+    report.state = state;
+    qor_bus_t *bus = sched_delegate_bus(context);
+    if (bus && !bus_watched(bus)) {
+        return;
+    }
+    if (!bus || !task_watch_tell(bus, &report)) {
+        qor_context_sysx_req(context, QOR_SYS_MONITOR_TASK, &report, sizeof(report));
+    }
 }
 
 void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node)

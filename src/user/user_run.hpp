@@ -27,6 +27,12 @@ inline qor_que_node_t *user_loop_take()
     return run;
 }
 
+/* What the monitor is told of a task; a copy, for the task may be gone when it is over. */
+qor_sys_monitor_task_t monitor_report(const qor_context_task_t *task);
+
+/* Tells the monitor, unless nobody watches the bus's tasks. */
+void monitor_tell(qor_context_t *context, qor_sys_monitor_task_t &report, int32_t state);
+
 /* Runs a task that is under way, and destroys its node. */
 void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node);
 

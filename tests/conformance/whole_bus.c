@@ -11,6 +11,7 @@ static qor_context_t *asker;
 static int32_t asked; /* session of the last request */
 
 static atomic_int up, requests, responses, wrong, listened, filtered, executed, down;
+static atomic_int beats, released;
 
 static int32_t init(qor_context_t *self, void *arg)
 {
@@ -130,6 +131,20 @@ static void *runx(qor_context_t *context, int32_t session, void *arg)
     return run(arg);
 }
 
+static void beat(qor_context_t *self, int32_t session, void *arg, uint32_t missed)
+{
+    if (self != asker || session < 0 || arg != &beats || missed > PATIENCE) {
+        atomic_fetch_add(&wrong, 1);
+    }
+    atomic_fetch_add(&beats, 1);
+}
+
+static void release(void *arg)
+{
+    (void)arg;
+    atomic_fetch_add(&released, 1);
+}
+
 static void *drain_from_inside(void *arg)
 {
     *(int32_t *)arg = qor_bus_drain(bus, -1);
@@ -184,10 +199,26 @@ static void check_tasks_run(void)
     check("what was cancelled did not run", atomic_load(&executed) == 4);
 }
 
+static void check_periodic_timers_run(void)
+{
+    const int64_t start = util_timestamp();
+    const int32_t session = qor_context_every(asker, beat, &beats, release, 10);
+
+    check("a periodic timer is armed", session >= 0);
+    check("it runs again and again", reached(&beats, 3));
+    check("once in a period", util_timestamp() - start >= 30);
+    check("it is cancelled", qor_context_timer_cancel(asker, session) == 0);
+    check("and released", reached(&released, 1));
+    check("the bus settles after it", settled());
+    check("released once", atomic_load(&released) == 1);
+    check("a period below 1 is refused", qor_context_every(asker, beat, &beats, release, 0) == -1);
+    check("and nothing released", atomic_load(&released) == 1);
+}
+
 static void reset(void)
 {
-    atomic_int *const counters[] = {&up,       &requests, &responses, &wrong,
-                                    &listened, &filtered, &executed,  &down};
+    atomic_int *const counters[] = {&up,       &requests, &responses, &wrong, &listened,
+                                    &filtered, &executed, &down,      &beats, &released};
     for (size_t i = 0; i < sizeof(counters) / sizeof(counters[0]); i++) {
         atomic_store(counters[i], 0);
     }
@@ -229,6 +260,7 @@ void check_whole_bus(void)
     check("the bus settles at first", settled());
     check_messages_travel();
     check_tasks_run();
+    check_periodic_timers_run();
     check("nothing unexpected came", atomic_load(&wrong) == 0);
 
     check("the bus quits", qor_bus_quit(bus) == 0);

@@ -142,12 +142,12 @@ TEST(InitFaults, OfABusUndoItself)
 
     expect_to_undo_itself(
         make_bus, FAULT_MUTEX,
-        {{2, head}, /* the private one, the one for sessions */
+        {{3, head}, /* the private one, the one for sessions, that of the periodic timers */
          {locks_of_a_topic, topics_line + line("user_topic_core create failed.")},
          {QOR_SYS_NUM * locks_of_a_topic, topics_line + line("sys_topic_core create failed.")},
          {1, no_que}});
     EXPECT_EQ(calls_of(make_bus, FAULT_MUTEX),
-              3 + (1 + QOR_SYS_NUM) * locks_of_a_topic + unnoticed(FAULT_MUTEX));
+              4 + (1 + QOR_SYS_NUM) * locks_of_a_topic + unnoticed(FAULT_MUTEX));
     expect_to_undo_itself(make_bus, FAULT_COND, {{2, head}, {4, no_que}});
     EXPECT_EQ(calls_of(make_bus, FAULT_COND), 6 + unnoticed(FAULT_COND));
     expect_to_undo_itself(make_bus, FAULT_ATTR, {{1, head}, {4, no_que}});

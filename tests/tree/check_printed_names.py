@@ -16,6 +16,7 @@ ADDED = {
     ("qor_bus", "qor_bus_task_loop"),  # no thread in the place of one that a task has ended
     ("qor_thread_pool", "qor_thread_pool_replace_thread"),  # the same in the pool
     *(("qor_contract", f) for f in ("qor_contract_init", "qor_bus_contract_set", "qor_bus_ledger")),
+    ("qor_periodic", "qor_context_every"),  # a periodic timer that is refused
 }
 LEVELS = {"QOR_ERR": "err", "QOR_ERR_SPACED": "err", "QOR_WRN": "wrn", "QOR_INF": "inf"}
 CHECKS = {"QOR_CHECK": 0, "QOR_CHECK_VOID": 0, "QOR_CHECK_TEXT": 1}  # which argument is the text

@@ -1,0 +1,129 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Periodic timers of contexts: arming one, and its runs. */
+#include "qor_periodic.h"
+
+#include "bus_periodic.hpp"
+#include "qor_bus_priv.hpp"
+#include "qor_context_module.h"
+#include "qor_core_context_priv.hpp"
+#include "qor_diag.hpp"
+#include "qor_periodic_priv.hpp"
+#include "qor_sched_delegate_priv.hpp"
+#include "thread_record.hpp"
+#include "user_run.hpp"
+
+namespace {
+
+constexpr char file_tag[] = "qor_periodic";
+
+struct user_periodic {
+    bus_periodic timer;
+    qor_context_t *self;
+    qor_context_every_run_t run;
+};
+
+void periodic_tell(user_periodic *periodic, int32_t state)
+{
+    qor_sys_monitor_task_t report = monitor_report(bus_periodic_task(&periodic->timer));
+    monitor_tell(periodic->timer.context, report, state);
+}
+
+/* The function of its task. */
+void *periodic_run(qor_context_t *, int32_t session, void *arg)
+{
+    user_periodic *periodic = static_cast<user_periodic *>(arg);
+    uint32_t missed;
+    if (bus_periodic_begin(&periodic->timer, &missed)) {
+        thread_scope inside(user_periodic_left, periodic);
+        periodic_tell(periodic, QOR_SYS_MONITOR_TASK_START);
+        periodic->run(periodic->self, session, periodic->timer.arg, missed);
+        periodic_tell(periodic, QOR_SYS_MONITOR_TASK_OVER);
+    }
+    bus_periodic_over(&periodic->timer);
+    return nullptr;
+}
+
+void periodic_over(bus_periodic *timer)
+{
+    user_task_over(user_periodic_core(timer));
+}
+
+/* A timer with its task; NULL without memory, and a line. */
+user_periodic *periodic_create(qor_bus_t *bus, qor_context_t *context, qor_context_every_run_t run)
+{
+    bus_periodic *timer = bus_periodic_create(bus, sizeof(user_periodic));
+    if (!timer) {
+        return nullptr;
+    }
+    user_periodic *periodic = reinterpret_cast<user_periodic *>(timer); /* first member */
+    char name[sizeof(qor_context_task_t::name)]; /* as a task that calls run itself would have */
+    hal_snprintf(name, sizeof(name), "task:%p", reinterpret_cast<const void *>(run));
+    qor_context_taskx_init(bus_periodic_task(timer), context, name, timer->session, periodic_run,
+                           periodic);
+    timer->context = context;
+    periodic->run = run;
+    return periodic;
+}
+
+/* Arms it: false when the bus quits, or the context's init has failed. From then on it counts as
+ * under way there. */
+bool periodic_start(bus_periodic *timer)
+{
+    qor_core_context_t *core = user_periodic_core(timer);
+    if (!core) {
+        return bus_periodic_start(timer);
+    }
+    timer->over = periodic_over;
+    hal_scoped_lock lock(core->que->mutex);
+    if (core->priv->closed || !bus_periodic_start(timer)) {
+        return false;
+    }
+    core->priv->under_way++;
+    return true;
+}
+
+} // namespace
+
+void user_periodic_left(void *timer)
+{
+    user_periodic *periodic = static_cast<user_periodic *>(timer);
+    periodic_tell(periodic, QOR_SYS_MONITOR_TASK_OVER);
+    bus_periodic_over(&periodic->timer);
+}
+
+qor_core_context_t *user_periodic_core(void *timer)
+{
+    qor_context_t *context = static_cast<bus_periodic *>(timer)->context;
+    return context->cls == &qor_core_context_class ? qor_core_context_type(context) : nullptr;
+}
+
+int32_t qor_context_every(qor_context_t *self, qor_context_every_run_t run, void *arg,
+                          qor_context_recycle_t recycle, int32_t period_ms)
+{
+    QOR_CHECK(self, -1);
+    QOR_CHECK(run, -1);
+    QOR_CHECK(period_ms > 0, -1);
+    qor_context_t *context = user_context_attached(self);
+    qor_bus_t *bus = context ? sched_delegate_bus(context) : nullptr;
+    if (!bus) {
+        QOR_ERR("not on a bus, source: %s", qor_context_module_name_get(self));
+        return -1;
+    }
+    QOR_CHECK(bus->time_que, -1);
+    user_periodic *periodic = periodic_create(bus, context, run);
+    if (!periodic) {
+        return -1;
+    }
+    periodic->self = self;
+    periodic->timer.arg = arg;
+    periodic->timer.recycle = recycle;
+    periodic->timer.period = period_ms;
+    const int32_t session = periodic->timer.session; /* once it is armed, it may be gone */
+    if (!periodic_start(&periodic->timer)) {
+        bus_periodic_destroy(&periodic->timer);
+        QOR_ERR("the bus has quit, or the init has failed, source: %s",
+                qor_context_module_name_get(self));
+        return -1;
+    }
+    return session;
+}
