@@ -20,10 +20,7 @@ uint32_t slot_of(int32_t session)
     return static_cast<uint32_t>(session) % 32;
 }
 
-qor_time_que_node_t *node_of(bus_periodic *timer)
-{
-    return qor_time_que_node_type(timer);
-}
+constexpr auto node_of = bus_periodic_node;
 
 bus_periodic *periodic_of(list_head *link)
 {
@@ -149,6 +146,7 @@ bool periodic_wait_locked(bus_periodic *timer)
 {
     const uint32_t late = periodic_late(timer);
     timer->passed = late > 0 ? periodic_move(timer, late - 1) : 0;
+    node_of(timer)->id = static_cast<size_t>(timer->session);
     node_of(timer)->when += timer->period;
     return qor_time_que_enque(timer->timers, node_of(timer)) == 0;
 }
@@ -231,6 +229,16 @@ bool periodic_post(bus_periodic *timer)
 
 } // namespace
 
+bus_periodic *bus_periodic_of(qor_time_que_node_t *node)
+{
+    return static_cast<bus_periodic *>(qor_time_que_node_body(node));
+}
+
+qor_time_que_node_t *bus_periodic_node(bus_periodic *timer)
+{
+    return qor_time_que_node_type(timer);
+}
+
 int32_t bus_periodics_open(bus_periodics &table)
 {
     for (list_head &armed : table.armed) {
@@ -259,7 +267,6 @@ bus_periodic *bus_periodic_create(qor_bus_t *bus, size_t size)
     timer->priv = bus->priv;
     timer->timers = bus->time_que;
     timer->session = qor_bus_session(bus);
-    node->id = static_cast<size_t>(timer->session);
     que_front_of(node)->flags = que_periodic;
     que_front_of(node)->discard = periodic_end;
     que_front_of(node)->spare = run;
@@ -293,15 +300,15 @@ bool bus_periodic_start(bus_periodic *timer)
 
 void bus_periodic_due(qor_time_que_node_t *node)
 {
-    bus_periodic *timer = static_cast<bus_periodic *>(qor_time_que_node_body(node));
-    if (!periodic_post(timer)) {
+    bus_periodic *timer = bus_periodic_of(node);
+    if (!(timer->turn ? timer->turn : periodic_post)(timer)) {
         periodic_release(timer);
     }
 }
 
 bool bus_periodic_begin(bus_periodic *timer, uint32_t *missed)
 {
-    qor_que_node_t *run = run_take_over(timer);
+    qor_que_node_t *run = timer->turn ? que_front_of(node_of(timer))->spare : run_take_over(timer);
     hal_scoped_lock lock(table_of(timer).mutex);
     que_front_of(node_of(timer))->spare = run;
     if (!run) {

@@ -29,6 +29,9 @@ struct bus_periodic {
     void *arg;
     qor_context_recycle_t recycle;
     void (*over)(bus_periodic *timer); /* told after recycle; may be NULL */
+    bool (*turn)(bus_periodic *timer); /* of a strict module: puts the node where the run waits for
+                                          its turn; false when it is not taken there. NULL: the
+                                          run is a task of the bus's */
     int32_t session;
     int32_t period;  /* ms */
     uint32_t passed; /* points between the last run and the one that it is queued for */
@@ -55,8 +58,12 @@ bool bus_periodic_start(bus_periodic *timer);
 /* The loop has taken a periodic timer that is due out of the timer queue. Takes its node. */
 void bus_periodic_due(qor_time_que_node_t *node);
 
-/* A worker has come to the task. It gives the node up: the next run needs it. missed is set, and
- * the run may begin; or false. bus_periodic_over() follows either way. */
+/* The timer of a node, and the node of a timer: who has the one has the other. */
+bus_periodic *bus_periodic_of(qor_time_que_node_t *node);
+qor_time_que_node_t *bus_periodic_node(bus_periodic *timer);
+
+/* A worker has come to the run, and gives the node of its task up: the next run needs it. missed is
+ * set, and the run may begin; or false. bus_periodic_over() follows either way. */
 bool bus_periodic_begin(bus_periodic *timer, uint32_t *missed);
 
 /* The run is over: the timer waits for the next point that has not passed, or ends. */

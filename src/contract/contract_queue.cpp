@@ -129,8 +129,9 @@ bool is_placed(const qor_time_que_node_t *node, const void *)
 /* Due at the given moment, and no request. */
 bool is_due_beside_requests(const qor_time_que_node_t *node, const void *now)
 {
-    qor_context_task_t *task = bus_task_of(const_cast<qor_time_que_node_t *>(node));
-    return node->when <= *static_cast<const int64_t *>(now) && !sched_delegate_is_relay(task);
+    return node->when <= *static_cast<const int64_t *>(now) &&
+           ((que_front_of(node)->flags & que_periodic) ||
+            !sched_delegate_is_relay(bus_task_of(const_cast<qor_time_que_node_t *>(node))));
 }
 
 qor_time_que_node_t *next_locked(qor_time_que_t *que, const contract &promise)
@@ -499,6 +500,9 @@ qor_time_que_node_t *contract_queue_take_locked(qor_core_context_t *core)
     if (!node) {
         return nullptr;
     }
+    if (que_front_of(node)->flags & que_periodic) {
+        return node;
+    }
     place_free_locked(promise, node);
     if (!bus_task_of(node)->async) {
         contract_task_run_locked(core, node);
@@ -518,6 +522,34 @@ void contract_task_run_locked(qor_core_context_t *core, qor_time_que_node_t *nod
     if (que_front_of(node)->flags & que_reply) {
         contract_reply_back(&promise);
     }
+    contract_task_begun_locked(promise, thread_record_get());
+}
+
+bool contract_queue_periodic(qor_core_context_t *core, qor_time_que_node_t *node)
+{
+    contract &promise = *core->priv->promise;
+    qor_bus_t *bus = sched_delegate_bus(&core->base);
+    const qor_bus_private &priv = *bus->priv;
+    hal_scoped_lock lock(core->que->mutex);
+    hal_scoped_lock timers(bus->time_que->mutex); /* of a bus that is gone only that is there */
+    node->id = SIZE_MAX; /* no session's: cancel does not look for it here */
+    if (priv.gone || core->priv->closed || qor_time_que_enque_locked(core->que, node) < 0) {
+        return false;
+    }
+    qor_que_node_t *run = run_wanted_locked(promise);
+    if (run) {
+        user_loop_fill(core, bus, run);
+        if (bus_node_post(bus, run) < 0) {
+            contract_run_leave_locked(promise, run);
+        }
+    }
+    return true;
+}
+
+void contract_periodic_begun(contract &promise)
+{
+    hal_scoped_lock lock(*promise.mutex);
+    promise.ledger.accepted++;
     contract_task_begun_locked(promise, thread_record_get());
 }
 

@@ -35,6 +35,13 @@ qor_time_que_node_t *contract_queue_take_locked(qor_core_context_t *core);
 /* A task that had got a run of its own is begun; NULL: it has gone past the queue. */
 void contract_task_run_locked(qor_core_context_t *core, qor_time_que_node_t *node);
 
+/* Puts the node of a periodic timer that is due in its place, with the run that it may need: false
+ * when the queue takes nothing any more. */
+bool contract_queue_periodic(qor_core_context_t *core, qor_time_que_node_t *node);
+
+/* A run of a periodic timer begins, and counts as accepted with that. */
+void contract_periodic_begun(contract &promise);
+
 /* A task leaves the queue, or its run, unrun. */
 void contract_task_leaves_locked(contract &promise, qor_time_que_node_t *node, contract_counter as);
 

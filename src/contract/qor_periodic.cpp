@@ -3,6 +3,7 @@
 #include "qor_periodic.h"
 
 #include "bus_periodic.hpp"
+#include "contract_queue.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
 #include "qor_core_context_priv.hpp"
@@ -28,19 +29,57 @@ void periodic_tell(user_periodic *periodic, int32_t state)
     monitor_tell(periodic->timer.context, report, state);
 }
 
-/* The function of its task. */
-void *periodic_run(qor_context_t *, int32_t session, void *arg)
+/* The contract of its module, or NULL. */
+contract *periodic_promise(const user_periodic *periodic)
 {
-    user_periodic *periodic = static_cast<user_periodic *>(arg);
+    return sched_delegate_contract(periodic->timer.context);
+}
+
+/* The run is over; the ledger counts it no more. */
+void periodic_end(user_periodic *periodic)
+{
+    contract *promise = periodic_promise(periodic);
+    periodic_tell(periodic, QOR_SYS_MONITOR_TASK_OVER);
+    if (promise) {
+        hal_scoped_lock lock(*promise->mutex);
+        contract_task_over_locked(*promise, thread_record_get());
+    }
+}
+
+/* Runs what a worker has come to, unless the timer is to end. */
+void periodic_run(user_periodic *periodic)
+{
     uint32_t missed;
     if (bus_periodic_begin(&periodic->timer, &missed)) {
         thread_scope inside(user_periodic_left, periodic);
+        if (contract *promise = periodic_promise(periodic)) {
+            contract_periodic_begun(*promise);
+        }
         periodic_tell(periodic, QOR_SYS_MONITOR_TASK_START);
-        periodic->run(periodic->self, session, periodic->timer.arg, missed);
-        periodic_tell(periodic, QOR_SYS_MONITOR_TASK_OVER);
+        periodic->run(periodic->self, periodic->timer.session, periodic->timer.arg, missed);
+        periodic_end(periodic);
     }
     bus_periodic_over(&periodic->timer);
+}
+
+/* The function of its task. */
+void *periodic_task(qor_context_t *, int32_t, void *periodic)
+{
+    periodic_run(static_cast<user_periodic *>(periodic));
     return nullptr;
+}
+
+/* The run of a strict module has ended the thread: what its place in the queue has counted goes
+ * after what the timer itself has. */
+void periodic_turn_left(void *core)
+{
+    user_task_over(static_cast<qor_core_context_t *>(core));
+}
+
+/* In a strict module the run waits in the queue. */
+bool periodic_turn(bus_periodic *timer)
+{
+    return contract_queue_periodic(user_periodic_core(timer), bus_periodic_node(timer));
 }
 
 void periodic_over(bus_periodic *timer)
@@ -58,7 +97,7 @@ user_periodic *periodic_create(qor_bus_t *bus, qor_context_t *context, qor_conte
     user_periodic *periodic = reinterpret_cast<user_periodic *>(timer); /* first member */
     char name[sizeof(qor_context_task_t::name)]; /* as a task that calls run itself would have */
     hal_snprintf(name, sizeof(name), "task:%p", reinterpret_cast<const void *>(run));
-    qor_context_taskx_init(bus_periodic_task(timer), context, name, timer->session, periodic_run,
+    qor_context_taskx_init(bus_periodic_task(timer), context, name, timer->session, periodic_task,
                            periodic);
     timer->context = context;
     periodic->run = run;
@@ -74,6 +113,8 @@ bool periodic_start(bus_periodic *timer)
         return bus_periodic_start(timer);
     }
     timer->over = periodic_over;
+    timer->turn =
+        core->priv->promise && core->priv->promise->terms.strict ? periodic_turn : nullptr;
     hal_scoped_lock lock(core->que->mutex);
     if (core->priv->closed || !bus_periodic_start(timer)) {
         return false;
@@ -87,8 +128,16 @@ bool periodic_start(bus_periodic *timer)
 void user_periodic_left(void *timer)
 {
     user_periodic *periodic = static_cast<user_periodic *>(timer);
-    periodic_tell(periodic, QOR_SYS_MONITOR_TASK_OVER);
+    periodic_end(periodic);
     bus_periodic_over(&periodic->timer);
+}
+
+void user_periodic_run(qor_core_context_t *core, qor_time_que_node_t *node)
+{
+    user_periodic *periodic = reinterpret_cast<user_periodic *>(bus_periodic_of(node));
+    thread_scope inside(periodic_turn_left, core);
+    bus_thread_name_set(sched_delegate_bus(&core->base), bus_periodic_task(&periodic->timer)->name);
+    periodic_run(periodic);
 }
 
 qor_core_context_t *user_periodic_core(void *timer)

@@ -12,4 +12,7 @@ void user_periodic_left(void *timer);
  * has armed it. */
 qor_core_context_t *user_periodic_core(void *timer);
 
+/* Runs what a strict queue has given the node of. */
+void user_periodic_run(qor_core_context_t *core, qor_time_que_node_t *node);
+
 #endif /* QOR_PERIODIC_PRIV_HPP */

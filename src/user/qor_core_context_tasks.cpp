@@ -189,12 +189,17 @@ int32_t qor_core_context_loop(qor_context_t *context)
             break;
         }
         core->priv->under_way++;
-        if (bus_task_of(node)->async) {
+        const bool periodic = promise && (que_front_of(node)->flags & que_periodic);
+        if (!periodic && bus_task_of(node)->async) {
             user_task_spread_locked(core, node);
             continue;
         }
         qor_time_que_unlock(core->que);
-        user_task_run(core, node);
+        if (periodic) {
+            user_periodic_run(core, node);
+        } else {
+            user_task_run(core, node);
+        }
         turn.tasks++;
         qor_time_que_lock(core->que);
         if (promise) {
@@ -270,7 +275,11 @@ void user_tasks_refuse(qor_core_context_t *core)
 {
     qor_bus_t *bus = sched_delegate_bus(&core->base);
     while (qor_time_que_node_t *node = user_task_take_back(core)) {
-        user_node_refuse(node);
+        if (que_front_of(node)->flags & que_periodic) {
+            time_que_node_discard(node, nullptr);
+        } else {
+            user_node_refuse(node);
+        }
     }
     if (!bus) {
         return;
