@@ -14,6 +14,7 @@
 #include "qor_context_task.h"
 #include "qor_contract.h"
 #include "qor_core_context.h"
+#include "qor_deferred.h"
 #include "qor_hal.h"
 #include "qor_impl_context.h"
 #include "qor_main.h"

@@ -46,6 +46,7 @@ void thread_record_set(thread_record *record)
 
 void thread_record_leave(thread_record &record)
 {
+    record.handled = nullptr; /* its frame is gone */
     while (record.depth > 0) {
         record.depth--;
         if (record.depth < thread_scopes_max) {

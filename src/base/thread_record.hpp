@@ -28,8 +28,17 @@ enum thread_task : int32_t {
     task_returned, /* its handler has returned, which ends a request for the ledger */
 };
 
+/* The asynchronous request whose handler a thread is in. */
+struct thread_request {
+    const qor_context_msg_t *msg; /* NULL: none that may be deferred */
+    qor_context_t *publisher;
+    qor_context_t *aim; /* whose handler it is */
+    uint64_t deferral;  /* what it has been deferred as; 0: it has not */
+};
+
 /* Outlives its thread, whose own data may still use the bus while it ends. Nothing here may point
- * into the frames of tasks: they do not outlast a pthread_exit(). Only its thread touches it. */
+ * into the frames of tasks: they do not outlast a pthread_exit(). Only its thread touches it.
+ * (handled does, and is taken back before they are gone.) */
 struct thread_record {
     qor_bus_t *bus; /* NULL: none */
     char name[16];  /* what hal_thread_name_set() has named the thread, as far as the kernel keeps
@@ -40,11 +49,12 @@ struct thread_record {
     void *request;  /* the node of the request that the thread handles, for its response to travel
                        with; NULL: none, or it is on its way */
     thread_role role;
-    contract *task_of;  /* whose queue's task the thread runs; NULL: none with a contract */
-    thread_task task;   /* what that contract's ledger takes it for */
-    int32_t losing;     /* 1 while it tells of a loss */
-    const void *moving; /* the message that it hands on to a newer subscriber, or NULL */
-    uint32_t depth;     /* scopes entered, also those beyond the limit */
+    contract *task_of;       /* whose queue's task the thread runs; NULL: none with a contract */
+    thread_task task;        /* what that contract's ledger takes it for */
+    int32_t losing;          /* 1 while it tells of a loss */
+    const void *moving;      /* the message that it hands on to a newer subscriber, or NULL */
+    thread_request *handled; /* NULL: none */
+    uint32_t depth;          /* scopes entered, also those beyond the limit */
     struct {
         void (*leave)(void *what);
         void *what;

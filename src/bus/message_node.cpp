@@ -58,6 +58,14 @@ qor_time_que_node_t *message_node_for_response()
     return message_mark(node);
 }
 
+void message_node_release()
+{
+    const thread_record *record = thread_record_get();
+    if (record && record->request) {
+        qor_time_que_node_destroy(message_node_for_response(), nullptr);
+    }
+}
+
 message_offer::message_offer(void *node, thread_record *record)
     : record_(record), node_(node), before_(record_ ? record_->request : nullptr)
 {

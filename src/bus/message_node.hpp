@@ -30,6 +30,9 @@ qor_que_node_t *message_node_for_bus(qor_time_que_node_t *node);
  * without memory for a new one. */
 qor_time_que_node_t *message_node_for_response();
 
+/* Frees the node of the request which the thread handles: its response will not be made here. */
+void message_node_release();
+
 /* While it lives, the response to the request in a node may take the node along; with NULL, no
  * response may take that of a request further down the stack. On a thread that is not the library's
  * it does nothing. */

@@ -9,6 +9,7 @@
 #include "qor_bus_priv.hpp"
 #include "qor_context_task.h"
 #include "qor_contract_priv.hpp"
+#include "qor_deferred_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_main.h" /* upward: creating a bus queues the start-up routine as its first task */
 #include "qor_que_priv.hpp"
@@ -393,6 +394,7 @@ void qor_bus_destroy(qor_bus_t *bus)
 
 void qor_bus_uninit(qor_bus_t *_this)
 {
+    deferred_bus_over(_this);
     if (_this->time_que) {
         hal_scoped_lock lock(_this->time_que->mutex);
         _this->priv->gone = 1;

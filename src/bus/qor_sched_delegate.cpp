@@ -3,6 +3,7 @@
 #include "qor_sched_delegate.h"
 
 #include "hal_sync.hpp"
+#include "message_node.hpp"
 #include "qor_bus.h"
 #include "qor_bus_priv.hpp"
 #include "qor_context.h"
@@ -10,6 +11,7 @@
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
 #include "qor_contract_priv.hpp"
+#include "qor_deferred_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_recycle.hpp"
 #include "qor_sched_delegate_priv.hpp"
@@ -138,11 +140,15 @@ void registrations_call(node_next next, qor_context_t *publisher, qor_context_ms
     }
 }
 
-int32_t qor_sched_delegate_filter_dispatch(qor_context_t *publisher, qor_context_msg_t *msg)
+/* Out of line: requests that nobody filters need no room for what it keeps. */
+[[gnu::noinline]] int32_t qor_sched_delegate_filter_dispatch(qor_context_t *publisher,
+                                                             qor_context_msg_t *msg)
 {
     const int32_t point = msg->type == QOR_CONTEXT_MSG_FILTER_BEFORE
                               ? QOR_CONTEXT_TOPIC_ATTR_POINT_BEFORE
                               : QOR_CONTEXT_TOPIC_ATTR_POINT_AFTER;
+    /* A filter may see a message that its own module is handling. */
+    deferred_scope none(nullptr, nullptr, nullptr);
     registrations_call(topic_filter_step, publisher, msg, point, __func__);
     return 0;
 }
@@ -298,9 +304,15 @@ void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t session
         }
         clone->ret = QOR_RET_DROPPED;
     } else {
+        deferred_scope inside(clone, publisher, aim);
         request_handle(publisher, aim, clone, __func__);
         if (contracts) {
             contract_handler_returned();
+        }
+        if (inside.deferral()) {
+            message_node_release(); /* first: the message may be gone after the next call */
+            deferred_returned(inside.deferral(), clone->ret);
+            return nullptr;
         }
     }
     return qor_sched_delegate_finish(publisher, session, clone);
@@ -412,7 +424,11 @@ int32_t qor_sched_delegate_publishx(qor_context_t *publisher, qor_context_msg_t 
     }
     passage_before(publisher, msg);
     qor_context_t *aim = subscriber_enter(delegate_table(_this), msg->topic); /* as in the relay */
-    const int32_t ret = request_handle(publisher, aim, msg, __func__);
+    int32_t ret;
+    {
+        deferred_scope none(nullptr, nullptr, nullptr);
+        ret = request_handle(publisher, aim, msg, __func__);
+    }
     passage_after(publisher, msg);
     return ret;
 }
@@ -430,6 +446,7 @@ int32_t qor_sched_delegate_syscallx(qor_context_t *context, qor_context_msg_t *m
                 msg->session);
         return -1;
     }
+    deferred_scope none(nullptr, nullptr, nullptr);
     return qor_context_handle_message(module, msg);
 }
 
@@ -573,6 +590,9 @@ void sched_delegate_relay_refuse(void *task)
 {
     const qor_context_task_t *relay = static_cast<const qor_context_task_t *>(task);
     qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(relay->arg);
+    if (deferred_left(clone)) {
+        return;
+    }
     clone->ret = -1;
     clone->type = QOR_CONTEXT_MSG_RESPONSE;
     response_hand_over(relay->context, clone);
@@ -647,4 +667,5 @@ void qor_sched_delegate_destroy(qor_sched_delegate_t *_this)
     /* Deliberate: the record and its locks stay, a task that is still queued may name them.
      * Test: SchedDelegate.DestroyLeavesTheRecord. */
     delegate_unregister_all(_this);
+    deferred_subscriber_over(_this->context);
 }

@@ -10,6 +10,9 @@ static qor_bus_t *bus;
 static qor_context_t *asker;
 static int32_t asked; /* session of the last request */
 
+static atomic_int answers_later;
+static uint64_t token;
+
 static atomic_int up, requests, responses, wrong, listened, filtered, executed, down;
 static atomic_int beats, released;
 
@@ -56,7 +59,12 @@ static void answerer_unreg(qor_context_t *self)
 
 static int32_t answerer_handle(qor_context_t *self, qor_context_msg_t *msg)
 {
-    (void)self;
+    if (atomic_load(&answers_later)) {
+        if (qor_context_defer(self, msg, PATIENCE, &token) != 0) {
+            atomic_fetch_add(&wrong, 1);
+        }
+        return 0;
+    }
     if (msg->type != QOR_CONTEXT_MSG_REQUEST || memcmp(msg->request.buf, "why", 3) != 0) {
         atomic_fetch_add(&wrong, 1);
     }
@@ -177,6 +185,24 @@ static void check_messages_travel(void)
           atomic_load(&listened) == 4 && atomic_load(&filtered) == 4);
 }
 
+static void check_answers_come_later(void)
+{
+    char question[] = "why", copy[8] = "";
+    const int before = atomic_load(&responses);
+
+    atomic_store(&answers_later, 1);
+    asked = qor_context_req_ret(asker, TOPIC, question, 3, 3);
+    check("a request is taken that is answered later", asked >= 0);
+    check("the bus does not wait for it", settled());
+    check("there is no response yet", atomic_load(&responses) == before);
+    check("the request can be read",
+          qor_deferred_request(token, copy, sizeof(copy)) == 3 && memcmp(copy, "why", 3) == 0);
+    check("it is completed", qor_deferred_complete(token, RET, "yes", 3) == 0);
+    check("then the response comes", reached(&responses, before + 1));
+    check("once", qor_deferred_complete(token, RET, "yes", 3) == -1);
+    atomic_store(&answers_later, 0);
+}
+
 static void check_tasks_run(void)
 {
     const int64_t start = util_timestamp();
@@ -259,6 +285,7 @@ void check_whole_bus(void)
     check("each once", atomic_load(&up) == 4);
     check("the bus settles at first", settled());
     check_messages_travel();
+    check_answers_come_later();
     check_tasks_run();
     check_periodic_timers_run();
     check("nothing unexpected came", atomic_load(&wrong) == 0);

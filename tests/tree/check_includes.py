@@ -19,7 +19,8 @@ RANKS = [
     "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
     " qor_context_forward",                                   # 5 context model
     "qor_topic_epoch qor_topic_core qor_bus qor_bus_worker qor_bus_helper qor_bus_loop qor_bus_drain"
-    " qor_start qor_bus_up message_node task_watch qor_contract bus_periodic qor_sched_register qor_sched_delegate",  # 6 dispatch
+    " qor_start qor_bus_up message_node task_watch qor_contract bus_periodic deferral_table qor_deferred"
+    " qor_sched_register qor_sched_delegate",                 # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
     " user_init user_run user_admission contract_queue qor_periodic",                                             # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules

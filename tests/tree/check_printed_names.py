@@ -17,6 +17,9 @@ ADDED = {
     ("qor_thread_pool", "qor_thread_pool_replace_thread"),  # the same in the pool
     *(("qor_contract", f) for f in ("qor_contract_init", "qor_bus_contract_set", "qor_bus_ledger")),
     ("qor_periodic", "qor_context_every"),  # a periodic timer that is refused
+    ("qor_deferred", "qor_context_defer"),
+    ("qor_deferred", "qor_deferred_complete"),
+    ("qor_deferred", "qor_deferred_request"),
 }
 LEVELS = {"QOR_ERR": "err", "QOR_ERR_SPACED": "err", "QOR_WRN": "wrn", "QOR_INF": "inf"}
 CHECKS = {"QOR_CHECK": 0, "QOR_CHECK_VOID": 0, "QOR_CHECK_TEXT": 1}  # which argument is the text

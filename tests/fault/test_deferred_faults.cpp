@@ -1,0 +1,97 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* A deferral without memory is refused; one that was made needs none to be completed. */
+#include <string>
+
+#include "deferring.hpp"
+#include "fault.h"
+#include "time_que_length.hpp"
+
+namespace {
+
+class DeferredFaults : public Deferring {
+protected:
+    ~DeferredFaults() override { fault_arm(FAULT_ALLOC, -1); }
+
+    /* Fails each allocation of a deferral in turn, then every one that comes after it. */
+    int32_t try_all(qor_context_t *c, qor_context_msg_t *msg, int32_t wait_time)
+    {
+        for (int nth = 0;; nth++) {
+            fault_arm(FAULT_ALLOC, nth);
+            const int32_t result = defer(c, msg, wait_time);
+            if (fault_fired(FAULT_ALLOC) == 0) {
+                failed = nth;
+                fault_arm_from(FAULT_ALLOC, 0);
+                return result;
+            }
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(fault_live(), 0);
+            EXPECT_EQ(length_of(bus->get()->time_que), 0);
+        }
+    }
+
+    std::atomic<int> failed{0};
+};
+
+} // namespace
+
+TEST_F(DeferredFaults, OfADeferral)
+{
+    serve = [&](qor_context_t *c, qor_context_msg_t *msg) { return try_all(c, msg, -1); };
+    be_up();
+    ASSERT_GE(ask(), 0);
+    ASSERT_TRUE(await([this] { return token != 0; }));
+
+    EXPECT_EQ(complete(token, 1, "pong"), 0);
+
+    EXPECT_EQ(response(), "1 pong");
+    EXPECT_EQ(failed, 2); /* node, table */
+    EXPECT_EQ(out.count(line("context_defer", "no memory to defer a request.")), failed);
+}
+
+TEST_F(DeferredFaults, OfADeferralWithALimit)
+{
+    serve = [&](qor_context_t *c, qor_context_msg_t *msg) { return try_all(c, msg, 20); };
+    be_up();
+    ASSERT_GE(ask("ping", 0), 0);
+
+    EXPECT_EQ(response(), std::to_string(QOR_RET_EXPIRED));
+    EXPECT_EQ(failed, 4); /* node, timer and its task, table */
+}
+
+TEST_F(DeferredFaults, OfALargerTableLeaveTheOpenOnes)
+{
+    constexpr int number = 8; /* as many as the first table holds */
+    std::vector<uint64_t> tokens;
+    serve = [&](qor_context_t *c, qor_context_msg_t *msg) {
+        const int32_t result = tokens.size() == number ? try_all(c, msg, -1) : defer(c, msg);
+        tokens.push_back(token);
+        return result;
+    };
+    be_up();
+    for (int i = 0; i <= number; i++) {
+        deferred();
+        fault_arm(FAULT_ALLOC, -1);
+    }
+    EXPECT_EQ(failed, 2);
+
+    for (uint64_t open : tokens) {
+        EXPECT_EQ(complete(open, 1, ""), 0);
+    }
+
+    EXPECT_TRUE(responses.await(number + 1));
+}
+
+TEST_F(DeferredFaults, GiveTheTableBackWithTheLastOne)
+{
+    be_up();
+    EXPECT_EQ(complete(deferred(), 1, ""), 0);
+    EXPECT_EQ(qor_bus_drain(bus->get(), 60000), 0);
+    fault_arm(FAULT_ALLOC, -1);
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(complete(deferred(), 1, ""), 0);
+        EXPECT_EQ(qor_bus_drain(bus->get(), 60000), 0);
+    }
+
+    EXPECT_EQ(fault_live(), 0);
+    EXPECT_EQ(responses.text(), "1 1 1 1");
+}
