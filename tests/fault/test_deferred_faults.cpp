@@ -95,3 +95,17 @@ TEST_F(DeferredFaults, GiveTheTableBackWithTheLastOne)
     EXPECT_EQ(fault_live(), 0);
     EXPECT_EQ(responses.text(), "1 1 1 1");
 }
+
+TEST_F(DeferredFaults, GiveTheMessagesBackWhenTheLoopHasEnded)
+{
+    constexpr int number = 40;
+    be_up();
+    for (int i = 0; i < number; i++) {
+        deferred();
+    }
+    fault_arm(FAULT_ALLOC, -1);
+
+    bus->quit();
+
+    EXPECT_LE(fault_live(), -2 * number); /* a message and a node each */
+}

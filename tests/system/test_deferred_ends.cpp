@@ -2,11 +2,20 @@
 /* Deferred requests when a bus or a module ends, and when several ends meet: each request ends
  * once. The leak checker sees one that never does, the address checker one that does twice. */
 #include <atomic>
+#include <cstdlib>
+#include <mutex>
 #include <string>
+#include <vector>
 
+#include "actor.hpp"
 #include "await.hpp"
 #include "deferring.hpp"
+#include "leak.hpp"
+#include "pool.hpp"
+#include "qor_contract.h"
+#include "still_bus.hpp"
 #include "thread.hpp"
+#include "thread_exit_fixture.hpp"
 #include "time_que_length.hpp"
 
 namespace {
@@ -111,7 +120,9 @@ TEST_F(DeferredEnds, ADeferralOnABusThatQuitsIsRefused)
         EXPECT_TRUE(running.pass());
         out.clear();
         EXPECT_EQ(defer(c, msg, far), -1);
-        EXPECT_EQ(out.printed(), line("context_defer", "the bus or the module ends."));
+        EXPECT_EQ(defer(c, msg), -1);
+        const std::string ends = line("context_defer", "the bus or the module ends.");
+        EXPECT_EQ(out.printed(), ends + ends);
         return 0;
     };
     be_up();
@@ -206,6 +217,32 @@ TEST_F(DeferredEnds, AFailedInitLetsAHandlerCompleteWhatItHasDeferred)
     EXPECT_EQ(response(), "1");
 }
 
+/* The place for its reply, of which the publisher has one. */
+TEST_F(DeferredEnds, ADiscardedRequestGivesThePlaceOfItsReplyBack)
+{
+    server.init = [&](qor_context_t *) {
+        EXPECT_TRUE(await([this] { return client.started() && observer.started(); }));
+        qor_core_context_lifecycle_start(server.core());
+        EXPECT_GE(ask(), 0);
+        EXPECT_TRUE(await([this] { return token != 0; }));
+        EXPECT_EQ(qor_context_req(client.context(), other_topic, nullptr, 0), -1);
+        return -1;
+    };
+    observer.reg = [](qor_context_t *c) { qor_context_subscribe(c, other_topic, nullptr); };
+    observer.handle = [](qor_context_t *, qor_context_msg_t *) { return 3; };
+    bus.emplace(RunningBus::by_start, 4, std::vector<Module *>{&server, &client, &observer}, 8);
+    qor_contract_t contract;
+    qor_contract_init(&contract);
+    contract.replies = 1;
+    ASSERT_EQ(qor_bus_contract_set(bus->get(), "client", &contract), 0);
+    bus->start();
+    ASSERT_TRUE(await([this] { return server.lifecycle() == QOR_USER_CONTEXT_LIFECYCLE_DESTROY; }));
+
+    EXPECT_GE(qor_context_req(client.context(), other_topic, nullptr, 0), 0);
+
+    EXPECT_EQ(response(), "3");
+}
+
 TEST_F(DeferredEnds, ThePublishersEndDiscardsTheResponseOnly)
 {
     watch_points();
@@ -228,6 +265,21 @@ TEST_F(DeferredEnds, ThePublishersEndDiscardsTheResponseOnly)
     EXPECT_EQ(journal.text(), "9");
     EXPECT_EQ(responses.text(), "");
     EXPECT_EQ(out.printed(), "");
+}
+
+TEST_F(DeferredEnds, TheMonitorIsToldThatAHandlerIsOverAtItsReturn)
+{
+    serve = [this](qor_context_t *c, qor_context_msg_t *msg) {
+        EXPECT_EQ(watches(), 1);
+        return defer(c, msg);
+    };
+    be_up();
+    const uint64_t open = deferred();
+
+    EXPECT_EQ(watches(), 0);
+
+    EXPECT_EQ(complete(open, 1, ""), 0);
+    EXPECT_EQ(response(), "1");
 }
 
 TEST_F(DeferredEnds, OfACompletionAndTheEndOfItsTimeOneWins)
@@ -423,4 +475,122 @@ TEST_F(DeferredEnds, UnderLoadEachRequestEndsOnce)
     EXPECT_EQ(all(), number);
     EXPECT_EQ(completed, won);
     EXPECT_EQ(length_of(bus->get()->time_que), 0);
+}
+
+namespace {
+
+/* A subscriber whose requests a pool of the application's handles, so that a handler can outlive
+ * the bus. Nothing else runs on it. */
+class DeferredOnAPool : public testing::Test {
+protected:
+    static constexpr qor_context_topic_t topic = 2;
+
+    DeferredOnAPool()
+    {
+        s.on_task = [this](qor_context_task_t *task) {
+            relay = *task;
+            qor_context_task_t run = {};
+            qor_context_task_init(
+                &run, nullptr, "relay", 1,
+                [](void *handed) -> void * {
+                    return qor_context_task_excute(static_cast<qor_context_task_t *>(handed));
+                },
+                &relay);
+            return qor_thread_pool_post(pool.get(), &run);
+        };
+        s.on_message = [this](qor_context_msg_t *msg) {
+            EXPECT_EQ(qor_context_defer(s.get(), msg, 600000, &token), 0);
+            EXPECT_TRUE(door.pass());
+            EXPECT_EQ(std::memcmp(msg->request.buf, "ping", 4), 0);
+            return 0;
+        };
+    }
+
+    /* Has a request deferred whose handler then stands at the door. */
+    void publish(qor_bus_t *bus)
+    {
+        char ping[] = "ping";
+        p.attach(bus, QOR_BUS_ROLE_USER);
+        s.attach(bus, QOR_BUS_ROLE_USER);
+        qor_context_subscribe(s.get(), topic, nullptr);
+        qor_context_msg_t msg;
+        qor_context_msg_fill(&msg, 77, topic, ping, 4);
+        ASSERT_EQ(qor_context_handler_publish(p.get(), &msg), 0);
+        ASSERT_TRUE(door.await(1));
+    }
+
+    Output out;
+    Journal journal;
+    Door door;
+    Actor p{journal, "p"}, s{journal, "s"};
+    qor_context_task_t relay = {};
+    uint64_t token = 0;
+    Pool pool{1, 1};
+};
+
+} // namespace
+
+TEST_F(DeferredOnAPool, AModuleThatHasEndedUnderItsHandlerDefersNoMore)
+{
+    s.on_message = [this](qor_context_msg_t *msg) {
+        EXPECT_TRUE(door.pass());
+        EXPECT_EQ(qor_context_defer(s.get(), msg, -1, &token), -1);
+        return 0;
+    };
+    StillBus bus(StillBus::bare);
+    publish(bus.get());
+    out.clear();
+
+    qor_sched_delegate_destroy(s.delegate());
+    door.open();
+
+    EXPECT_TRUE(await([&] { return bus.run_all() == 1; }));
+    EXPECT_EQ(journal.text(), "s:REQUEST p:RESPONSE");
+    EXPECT_EQ(out.printed(),
+              err_line("qor_deferred", "qor_context_defer", "the bus or the module ends."));
+}
+
+TEST_F(DeferredOnAPool, CloseDiscardsWhatIsOpenUnderAHandler)
+{
+    StillBus bus(StillBus::bare);
+    publish(bus.get());
+
+    bus.close();
+
+    EXPECT_EQ(qor_deferred_complete(token, 1, nullptr, 0), -1);
+    door.open();
+}
+
+TEST_F(DeferredOnAPool, CloseDiscardsWhatIsCompleteUnderAHandler)
+{
+    StillBus bus(StillBus::bare);
+    publish(bus.get());
+    EXPECT_EQ(qor_deferred_complete(token, 1, nullptr, 0), 0);
+
+    bus.close();
+
+    door.open();
+}
+
+/* That leaves the timer queue, but not the timer in it. */
+TEST_F(DeferredOnAPool, DestroyingABusDiscardsWhatIsOpen)
+{
+    qor_context_module_t *none[] = {nullptr};
+    qor_bus_t *bus = qor_bus_create(none, 4);
+    drop_start_up(bus);
+    qor_time_que_t *time_que = bus->time_que;
+    list_head *head = bus->head;
+    {
+        const PrescribedLeak delegates;
+        publish(bus);
+    }
+    EXPECT_EQ(length_of(time_que), 1);
+
+    qor_bus_destroy(bus);
+
+    EXPECT_EQ(length_of(time_que), 0);
+    EXPECT_EQ(qor_deferred_complete(token, 1, nullptr, 0), -1);
+    door.open();
+    qor_time_que_destroy(time_que);
+    free(head);
 }

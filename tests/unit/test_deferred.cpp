@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "deferring.hpp"
+#include "qor_contract.h"
 #include "qor_impl_context.h"
+#include "qor_monitor_module.h"
 #include "qor_sched_delegate.h"
 #include "time_que_length.hpp"
 
@@ -585,14 +587,20 @@ TEST_F(Deferred, ACompletedRequestLeavesNoTimer)
     EXPECT_EQ(response(), "0");
 }
 
+/* Neither while it runs nor when it has become a task. */
 TEST_F(Deferred, ItsTimerIsNotTheModulesToCancel)
 {
-    serve = [&](qor_context_t *c, qor_context_msg_t *msg) { return defer(c, msg, 20); };
-    be_up();
+    serve = [&](qor_context_t *c, qor_context_msg_t *msg) {
+        EXPECT_EQ(defer(c, msg, 20), 0);
+        const int32_t serial = static_cast<int32_t>(token >> 32);
+        EXPECT_EQ(qor_context_timer_cancel(c, serial), -1);
+        EXPECT_TRUE(await([this] { return length_of(bus->get()->time_que) == 0; }));
+        EXPECT_TRUE(await([this] { return qor_que_count(bus->get()->que) == 1; }));
+        EXPECT_EQ(qor_context_timer_cancel(c, serial), -1);
+        return 0;
+    };
+    be_up(1);
     ASSERT_GE(ask("ping", 0), 0);
-    ASSERT_TRUE(await([this] { return token != 0; }));
-
-    EXPECT_EQ(qor_context_timer_cancel(server.context(), static_cast<int32_t>(token >> 32)), -1);
 
     EXPECT_EQ(response(), std::to_string(QOR_RET_EXPIRED));
 }
@@ -665,27 +673,78 @@ TEST_F(Deferred, AModuleMayDeferItsOwnRequest)
     EXPECT_EQ(response(), "5");
 }
 
-TEST_F(Deferred, AModuleWithoutPrivateQueueMayDefer)
-{
-    be_up();
-    Module serving("serving"), publishing("publishing");
-    serving.handle = serve;
-    publishing.handle = client.handle;
+namespace {
+
+/* Contexts without private queue: one asks, the other is asked. */
+class DeferredSystem : public Deferred {
+protected:
+    void be_up_and_ask()
+    {
+        be_up();
+        serving.handle = server.handle;
+        publishing.handle = client.handle;
+        for (qor_context_t *context : {publisher, subscriber}) {
+            qor_sched_delegate_create(bus->get(), QOR_BUS_ROLE_SYS, context);
+        }
+        qor_context_subscribe(subscriber, QOR_SYS_MNG_MODULE_REGISTER, nullptr);
+        ASSERT_GE(qor_context_req(publisher, QOR_SYS_MNG_MODULE_REGISTER, nullptr, 0), 0);
+        ASSERT_TRUE(await([this] { return token != 0; }));
+        ASSERT_EQ(qor_bus_drain(bus->get(), 60000), 0);
+    }
+
+    ~DeferredSystem() override
+    {
+        bus->end();
+        qor_context_destroy(publisher);
+        qor_context_destroy(subscriber);
+    }
+
+    Module serving{"serving"}, publishing{"publishing"};
     qor_context_t *publisher = qor_impl_context_class.create(&publishing.descriptor);
     qor_context_t *subscriber = qor_impl_context_class.create(&serving.descriptor);
-    for (qor_context_t *context : {publisher, subscriber}) {
-        qor_sched_delegate_create(bus->get(), QOR_BUS_ROLE_SYS, context);
-    }
-    qor_context_subscribe(subscriber, QOR_SYS_MNG_MODULE_REGISTER, nullptr);
-    ASSERT_GE(qor_context_req(publisher, QOR_SYS_MNG_MODULE_REGISTER, nullptr, 0), 0);
-    ASSERT_TRUE(await([this] { return token != 0; }));
+};
+
+} // namespace
+
+TEST_F(DeferredSystem, ARequestIsAnsweredAfterItsHandlerHasReturned)
+{
+    be_up_and_ask();
 
     EXPECT_EQ(complete(token, 5, ""), 0);
 
     EXPECT_EQ(response(), "5");
+}
+
+TEST_F(DeferredSystem, ASystemCallWithTheSameMessageInsideTheHandlerIsRefused)
+{
+    int depth = 0;
+    serve = [&](qor_context_t *c, qor_context_msg_t *msg) {
+        if (depth++ > 0) {
+            EXPECT_EQ(defer(c, msg), -1);
+            return 6;
+        }
+        EXPECT_EQ(qor_context_handler_syscallx(c, msg), 6);
+        return defer(c, msg);
+    };
+    be_up_and_ask();
+
+    EXPECT_EQ(complete(token, 5, ""), 0);
+
+    EXPECT_EQ(response(), "5");
+    EXPECT_EQ(depth, 2);
+}
+
+TEST_F(DeferredSystem, TheEndOfTheBusRefusesTheTokenOfAContextThatStays)
+{
+    serve = [this](qor_context_t *c, qor_context_msg_t *msg) { return defer(c, msg, 600000); };
+    be_up_and_ask();
     bus->end();
-    qor_context_destroy(publisher);
-    qor_context_destroy(subscriber);
+    out.clear();
+
+    EXPECT_EQ(complete(token, 5, ""), -1);
+
+    EXPECT_EQ(out.printed(), not_open());
+    EXPECT_EQ(responses.text(), "");
 }
 
 TEST_F(Deferred, AHandlerThatEndsItsThreadHasReturnedMinusOne)
@@ -725,6 +784,55 @@ TEST_F(Deferred, AHandlerThatEndsItsThreadAfterTheCompletionChangesNothing)
     EXPECT_EQ(responses.size(), 1u);
 }
 
+namespace {
+
+/* What a thread has of its own ends after everything that runs on it. */
+struct ThreadEnd {
+    std::function<void()> act;
+    ~ThreadEnd()
+    {
+        if (act) {
+            act();
+        }
+    }
+};
+
+thread_local ThreadEnd thread_end;
+
+/* Writes a value over what ended functions have left on the stack. */
+[[gnu::noinline]] void sweep_stack(const void *value)
+{
+    const void *volatile swept[2048];
+    for (const void *volatile &word : swept) {
+        word = value;
+    }
+}
+
+} // namespace
+
+/* Nothing is left of the handler's request to compare with, not even what looks like it. */
+TEST_F(Deferred, AThreadThatEndsHandlesNothingAnyMore)
+{
+    std::atomic<bool> ended{false};
+    serve = [&](qor_context_t *, qor_context_msg_t *msg) -> int32_t {
+        thread_end.act = [&, msg] {
+            uint64_t made = 0;
+            out.clear();
+            sweep_stack(msg);
+            EXPECT_EQ(qor_context_defer(reinterpret_cast<qor_context_t *>(msg), msg, -1, &made),
+                      -1);
+            EXPECT_EQ(out.count(refused()), 1);
+            ended = true;
+        };
+        pthread_exit(nullptr);
+    };
+    be_up(1);
+    ASSERT_GE(ask("ping", 0), 0);
+
+    EXPECT_TRUE(await([&] { return ended.load(); }));
+    EXPECT_EQ(response(), "-1");
+}
+
 /* The outer request's handler is on the stack of the inner one's, which ends their thread. */
 TEST_F(Deferred, TwoHandlersThatEndTheirThreadHaveBothReturnedMinusOne)
 {
@@ -745,6 +853,36 @@ TEST_F(Deferred, TwoHandlersThatEndTheirThreadHaveBothReturnedMinusOne)
     EXPECT_EQ(responses.text(), "-1 -1");
 }
 
+/* Its slot, and the place of the publisher for the reply, which only the completion gives back. */
+TEST_F(Deferred, AStrictModuleServesTheNextRequestWhileOneIsOpen)
+{
+    bus.emplace(RunningBus::by_start, 2, std::vector<Module *>{&server, &client, &observer}, 8);
+    qor_contract_t contract;
+    qor_contract_init(&contract);
+    contract.strict = 1;
+    contract.replies = 2;
+    for (const char *name : {"server", "client"}) {
+        ASSERT_EQ(qor_bus_contract_set(bus->get(), name, &contract), 0);
+    }
+    bus->start();
+    ASSERT_TRUE(bus->up());
+    const uint64_t first = deferred(), second = deferred();
+    qor_ledger_t ledger = {};
+    ledger.size = sizeof(ledger);
+    ASSERT_EQ(qor_bus_ledger(bus->get(), "server", &ledger), 0);
+    EXPECT_EQ(ledger.run, 2u);
+    EXPECT_EQ(ledger.running, 0u);
+    EXPECT_EQ(ask(), -1);
+
+    EXPECT_EQ(complete(second, 2, ""), 0);
+    EXPECT_EQ(complete(first, 1, ""), 0);
+
+    EXPECT_TRUE(responses.await(2));
+    EXPECT_EQ(responses.text(), "2 1");
+    EXPECT_EQ(complete(deferred(), 3, ""), 0);
+    EXPECT_TRUE(responses.await(3));
+}
+
 TEST_F(Deferred, DrainDoesNotWaitForIt)
 {
     be_up();
@@ -754,4 +892,37 @@ TEST_F(Deferred, DrainDoesNotWaitForIt)
 
     EXPECT_EQ(complete(open, 0, ""), 0);
     EXPECT_EQ(response(), "0");
+}
+
+namespace {
+
+std::atomic<bool> leave_at_end; /* of the next task that is reported */
+
+} // namespace
+
+/* The report that the handler is over reaches somebody who ends the thread. */
+TEST_F(Deferred, AThreadThatEndsAfterTheHandlerLeavesTheRequestOpen)
+{
+    leave_at_end = false;
+    serve = [this](qor_context_t *c, qor_context_msg_t *msg) {
+        leave_at_end = true;
+        return defer(c, msg);
+    };
+    const auto own = qor_monitor_module.handle_message;
+    qor_monitor_module.handle_message = [](qor_context_t *, qor_context_msg_t *msg) -> int32_t {
+        qor_sys_monitor_task_t report;
+        std::memcpy(&report, msg->request.buf, sizeof(report));
+        if (report.state == QOR_SYS_MONITOR_TASK_OVER && leave_at_end.exchange(false)) {
+            pthread_exit(nullptr);
+        }
+        return 0;
+    };
+    be_up(1);
+
+    EXPECT_EQ(complete(deferred(), 4, "pong"), 0);
+
+    EXPECT_EQ(response(), "4 pong");
+    EXPECT_FALSE(leave_at_end);
+    bus->end();
+    qor_monitor_module.handle_message = own;
 }
