@@ -98,7 +98,8 @@ QOR_API int32_t qor_bus_quitting(qor_bus_t *_this);
 
 /**
  * Waits until nothing is queued or running on the bus: no task, no timer that is due, no request or
- * response on its way, no init under way on any thread. Timers that are not due yet do not count.
+ * response on its way, also none that is deferred, no init under way on any thread. Timers that are
+ * not due yet do not count.
  *
  * @param wait_time  longest wait in milliseconds; 0 looks once, negative waits without limit
  * @return           0, or -1 when the wait is over or the bus quits. Before qor_bus_loop() runs the

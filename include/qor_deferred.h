@@ -28,7 +28,8 @@ QOR_BEGIN_DECLS
  * After the completion a worker passes the points after the handler and hands the response over,
  * but never before the handler has returned. All memory for that is had here. Whoever is told when
  * the handler is over, the monitor, is told at its return. An open request keeps no worker and no
- * place of its module, and qor_bus_drain() does not wait for it.
+ * place of its module; qor_bus_drain() waits for its response. The open_max of the module's
+ * contract bounds how many are open; at that many no further request of its queue is begun.
  *
  * A request that is still open is discarded, without points and response, when the bus quits, or
  * when the module that has deferred it goes down because its init has failed. If its publisher goes
@@ -38,7 +39,8 @@ QOR_BEGIN_DECLS
  * true."; "only the handler of an asynchronous request can defer it." in a filter, a listener, a
  * synchronous call even inside the handler, for a response, a copy of the message or another
  * module's context, and on threads that are not the library's; "the request is deferred already.";
- * "no memory to defer a request."; "the bus or the module ends."
+ * "no memory to defer a request."; "open_max: as many requests are open as may be.", where it had
+ * begun before that, or had gone past the queue; "the bus or the module ends."
  */
 QOR_API int32_t qor_context_defer(qor_context_t *self, qor_context_msg_t *msg, int32_t wait_time,
                                   uint64_t *token);

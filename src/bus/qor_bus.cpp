@@ -40,14 +40,14 @@ int32_t bus_locks_init(qor_bus_t *bus, qor_bus_private &priv)
     if (hal_mutex_cond_init(priv.mutex, priv.visited) < 0) {
         return -1;
     }
-    if (que_cond_init(&priv.inits_over, CLOCK_MONOTONIC) == 0) {
+    if (que_cond_init(&priv.rested, CLOCK_MONOTONIC) == 0) {
         if (pthread_mutex_init(&bus->session_mutex, nullptr) == 0) {
             if (bus_periodics_open(priv.periodics) == 0) {
                 return 0;
             }
             pthread_mutex_destroy(&bus->session_mutex);
         }
-        pthread_cond_destroy(&priv.inits_over);
+        pthread_cond_destroy(&priv.rested);
     }
     hal_mutex_cond_destroy(priv.mutex, priv.visited);
     return -1;
@@ -229,7 +229,7 @@ void bus_head_uninit(qor_bus_t *bus)
 {
     contracts_free(bus);
     bus_periodics_close(bus->priv->periodics);
-    pthread_cond_destroy(&bus->priv->inits_over);
+    pthread_cond_destroy(&bus->priv->rested);
     hal_mutex_cond_destroy(bus->priv->mutex, bus->priv->visited);
     free(bus->head); /* first field of the block */
 }
@@ -418,7 +418,7 @@ int32_t qor_bus_quit(qor_bus_t *_this)
     que_quit_begin(_this->que);
     hal_store(_this->priv->stopping, 1);
     util_list_each(_this->priv->waiters, bus_waiter::wake);
-    pthread_cond_broadcast(&_this->priv->inits_over);
+    pthread_cond_broadcast(&_this->priv->rested);
     if (_this->time_que) {
         time_que_quit_begin(_this->time_que); /* last: this ends the loop */
     }

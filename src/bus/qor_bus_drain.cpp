@@ -14,8 +14,9 @@ namespace {
 
 constexpr char file_tag[] = "qor_bus";
 
-/* Whether the loop and every worker wait, nothing is due and no helper runs an init. The only place
- * but the expiry of a timer that holds both queues' locks, the timer queue's first. */
+/* Whether the loop and every worker wait, nothing is due, no helper runs an init and no request is
+ * deferred. The only place but the expiry of a timer that holds both queues' locks, the timer
+ * queue's first. */
 bool bus_is_settled(qor_bus_t *bus)
 {
     hal_scoped_lock timers(bus->time_que->mutex);
@@ -25,14 +26,14 @@ bool bus_is_settled(qor_bus_t *bus)
     hal_scoped_lock tasks(bus->que->mutex);
     /* Last: an init is counted before its task can be found begun by a worker. */
     return que_is_settled_locked(bus->que, hal_load(bus->priv->workers)) &&
-           hal_load(bus->priv->inits) == 0;
+           hal_load(bus->priv->busy) == 0;
 }
 
-void bus_inits_await(qor_bus_private &priv, int64_t deadline)
+void bus_rest_await(qor_bus_private &priv, int64_t deadline)
 {
     hal_scoped_lock lock(priv.mutex);
-    while (hal_load(priv.inits) > 0 && !priv.stopping && !que_time_is_over(deadline)) {
-        que_sleep_until(priv.inits_over, priv.mutex, deadline);
+    while (hal_load(priv.busy) > 0 && !priv.stopping && !que_time_is_over(deadline)) {
+        que_sleep_until(priv.rested, priv.mutex, deadline);
     }
 }
 
@@ -89,7 +90,7 @@ int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time)
         /* The loop first: only while it waits is the number of workers known. */
         time_que_settle_until(_this->time_que, deadline);
         que_settle_until(_this->que, _this->priv->workers, deadline);
-        bus_inits_await(*_this->priv, deadline);
+        bus_rest_await(*_this->priv, deadline);
     }
     return -1;
 }

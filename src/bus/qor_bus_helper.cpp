@@ -24,7 +24,7 @@ void bus_helper_left(void *arg)
 {
     bus_helper *helper = static_cast<bus_helper *>(arg);
     thread_record_leave(helper->record);
-    bus_init_end(helper->bus);
+    bus_busy_end(helper->bus);
     hal_scoped_lock lock(helper->bus->priv->mutex);
     helper->over = 1;
 }
@@ -114,15 +114,15 @@ void bus_helpers_join(qor_bus_t *bus)
     util_list_each(bus->priv->helpers, bus_helper_join);
 }
 
-void bus_init_begin(qor_bus_t *bus)
+void bus_busy_begin(qor_bus_t *bus)
 {
-    __atomic_add_fetch(&bus->priv->inits, 1, __ATOMIC_SEQ_CST);
+    __atomic_add_fetch(&bus->priv->busy, 1, __ATOMIC_SEQ_CST);
 }
 
-void bus_init_end(qor_bus_t *bus)
+void bus_busy_end(qor_bus_t *bus)
 {
     hal_scoped_lock lock(bus->priv->mutex);
-    if (__atomic_sub_fetch(&bus->priv->inits, 1, __ATOMIC_SEQ_CST) == 0) {
-        pthread_cond_broadcast(&bus->priv->inits_over);
+    if (__atomic_sub_fetch(&bus->priv->busy, 1, __ATOMIC_SEQ_CST) == 0) {
+        pthread_cond_broadcast(&bus->priv->rested);
     }
 }

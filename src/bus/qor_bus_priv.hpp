@@ -36,10 +36,11 @@ struct qor_bus_private {
     uint32_t workers;         /* how many there are; read without the mutex */
     bus_crew *crew;           /* NULL when the loop is not running, or joins them */
     list_head helpers;        /* bus_helper::link */
-    uint32_t inits;           /* inits that run for somebody who waits; read without the mutex */
-    hal_thread_cond_t inits_over; /* monotonic; broadcast when there is none any more, when the
+    uint32_t busy; /* what drain waits for beside the queues: inits that run for somebody who
+                      waits, deferred requests; read without the mutex */
+    hal_thread_cond_t rested; /* monotonic; broadcast when there is none any more, when the
                                      start of the modules has ended, and at quit */
-    uint32_t visitors;            /* bus_visitor; close waits for the last */
+    uint32_t visitors;        /* bus_visitor; close waits for the last */
     hal_thread_cond_t visited;
     list_head waiters;   /* bus_waiter::link */
     list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
@@ -143,9 +144,10 @@ int32_t bus_helper_start(qor_bus_t *bus, const qor_context_task_t *task);
 /* Joins all helpers. The bus quits, so no further one starts, and nobody else joins any. */
 void bus_helpers_join(qor_bus_t *bus);
 
-/* Counts an init in that runs for somebody who waits, and out again: drain waits for it. */
-void bus_init_begin(qor_bus_t *bus);
-void bus_init_end(qor_bus_t *bus);
+/* Counts in what drain waits for beside the queues, and out again: an init that runs for somebody
+ * who waits, a request that is deferred. */
+void bus_busy_begin(qor_bus_t *bus);
+void bus_busy_end(qor_bus_t *bus);
 
 /* Counts the calling thread, if it is a worker, among those that wait for others; always, or only
  * if another worker is left then: false when none is. */

@@ -66,6 +66,18 @@ void place_free_locked(contract &promise, qor_time_que_node_t *node)
     }
 }
 
+/* A node that is kept for a run, or NULL. */
+qor_que_node_t *idle_take_locked(contract &promise)
+{
+    if (list_empty(&promise.idle)) {
+        return nullptr;
+    }
+    qor_que_node_t *run = reinterpret_cast<qor_que_node_t *>(promise.idle.next); /* first field */
+    list_del(&run->node);
+    promise.idle_count--;
+    return run;
+}
+
 /* What a strict queue's runs are started with: a node for one more, which counts from now on. NULL:
  * there are enough, or there is no memory and others serve. */
 qor_que_node_t *run_wanted_locked(contract &promise)
@@ -73,22 +85,17 @@ qor_que_node_t *run_wanted_locked(contract &promise)
     if (!promise.started || promise.runs >= promise.slots) {
         return nullptr;
     }
-    qor_que_node_t *run;
-    if (list_empty(&promise.idle)) {
-        run = bus_node();
-    } else {
-        run = reinterpret_cast<qor_que_node_t *>(promise.idle.next); /* first field */
-        list_del(&run->node);
-        promise.idle_count--;
-    }
+    qor_que_node_t *run = idle_take_locked(promise);
+    run = run ? run : bus_node();
     promise.runs += run != nullptr;
     return run;
 }
 
-/* Keeps the node of a run for the next one; there are never more than can be used. */
+/* Keeps the node of a run for the next one; there are never more than can be used, which is one for
+ * a module that is not strict. */
 void run_keep_locked(contract &promise, qor_que_node_t *run)
 {
-    if (promise.idle_count < promise.slots) {
+    if (promise.idle_count < (promise.terms.strict ? promise.slots : 1)) {
         list_add(&run->node, &promise.idle);
         promise.idle_count++;
     } else {
@@ -101,9 +108,43 @@ void run_post(qor_core_context_t *core, qor_que_node_t *run)
 {
     qor_bus_t *bus = sched_delegate_bus(&core->base);
     user_loop_fill(core, bus, run);
-    if (bus_node_post(bus, run) < 0) {
+    if (bus_node_post(bus, run) == 0) {
+        return;
+    }
+    contract &promise = *core->priv->promise;
+    hal_scoped_lock lock(core->que->mutex);
+    if (promise.terms.strict) {
+        contract_run_leave_locked(promise, run);
+    } else {
+        slot_give_back_locked(core);
+        run_keep_locked(promise, run);
+    }
+}
+
+/* The node of a run that is to serve what has waited for a deferred request to end. Where a module
+ * that is not strict has none to spare, a run has it that will look for more itself. */
+qor_que_node_t *serve_wanted_locked(qor_core_context_t *core)
+{
+    contract &promise = *core->priv->promise;
+    if (promise.terms.strict) {
+        return run_wanted_locked(promise);
+    }
+    qor_que_node_t *run = core->priv->loop ? core->priv->loop : idle_take_locked(promise);
+    core->priv->loop = nullptr;
+    core->refcount += run != nullptr;
+    return run;
+}
+
+void queue_serve(contract &promise)
+{
+    qor_core_context_t *core = promise.core;
+    qor_que_node_t *run;
+    {
         hal_scoped_lock lock(core->que->mutex);
-        contract_run_leave_locked(*core->priv->promise, run);
+        run = list_empty(&core->que->head) ? nullptr : serve_wanted_locked(core);
+    }
+    if (run) {
+        run_post(core, run);
     }
 }
 
@@ -328,15 +369,10 @@ int32_t arrival_accept(arrival &in)
         return arrival_refuse(in);
     }
     core->refcount += takes_slot;
-    qor_que_node_t *run = due && promise.terms.strict ? run_wanted_locked(promise) : nullptr;
+    qor_que_node_t *run = due && promise.terms.strict ? run_wanted_locked(promise) : in.post.run;
     qor_time_que_unlock(core->que);
     if (run) {
         run_post(core, run);
-    } else if (takes_slot) {
-        user_loop_fill(core, in.post.bus, in.post.run);
-        if (bus_node_post(in.post.bus, in.post.run) < 0) { /* what waits is discarded at the end */
-            qor_que_node_destroy(in.post.run, nullptr);
-        }
     }
     if (victim) {
         task_drop(promise, victim, QOR_LOSS_OLDEST);
@@ -421,6 +457,8 @@ void contract_queue_bind(qor_core_context_t *core)
     core->que->max_count = UINT32_MAX; /* the contract has bounds of its own */
     time_que_in_order(core->que);
     hal_scoped_lock lock(bus->priv->mutex);
+    promise->serve = queue_serve;
+    promise->core = core;
     promise->mutex = &core->que->mutex;
 }
 

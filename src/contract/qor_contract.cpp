@@ -314,6 +314,36 @@ void contract_handler_returned()
     }
 }
 
+int32_t contract_defer(contract &promise)
+{
+    hal_scoped_lock lock(*promise.mutex);
+    if (promise.terms.open_max > 0 && promise.ledger.open >= promise.terms.open_max) {
+        return -1;
+    }
+    promise.ledger.open++;
+    return 0;
+}
+
+void contract_defer_undo(contract *promise)
+{
+    if (promise) {
+        hal_scoped_lock lock(*promise->mutex);
+        promise->ledger.open--;
+    }
+}
+
+void contract_deferred_over(contract &promise)
+{
+    {
+        hal_scoped_lock lock(*promise.mutex);
+        promise.ledger.open--;
+        promise.ledger.finished++;
+    }
+    if (promise.terms.open_max > 0) {
+        promise.serve(promise);
+    }
+}
+
 void contract_lost(const contract &promise, qor_loss_t loss)
 {
     if (!promise.terms.lost) {

@@ -13,8 +13,10 @@ struct thread_record;
 struct contract {
     list_head link; /* in the bus's list; guarded by the bus's mutex */
     const qor_context_module_t *module;
-    qor_contract_t terms;      /* defaults filled in */
-    uint32_t slots;            /* tasks at a time, of a strict module */
+    qor_contract_t terms;             /* defaults filled in */
+    uint32_t slots;                   /* tasks at a time, of a strict module */
+    void (*serve)(contract &promise); /* starts a run for what may be begun again; set with mutex */
+    qor_core_context_t *core;         /* whose queue it is; likewise */
     hal_thread_mutex_t *mutex; /* of the private queue; NULL before the module's reg; written under
                                   the bus's mutex */
     uint32_t replies;          /* own requests whose response has not begun; changed atomically */
@@ -67,6 +69,17 @@ void contract_handler_returned();
 
 /* The task that the thread runs has ended. The caller holds the queue's lock. */
 void contract_task_over_locked(contract &promise, thread_record *record);
+
+/* The module is about to defer a request: 0, or -1 when as many are open as may be. Takes the
+ * queue's lock. */
+int32_t contract_defer(contract &promise);
+
+/* It did not come to that; NULL is let pass. */
+void contract_defer_undo(contract *promise);
+
+/* A deferred request has come to its end, and those that have waited for that may begin. Takes the
+ * queue's lock, and the bus's queue's. */
+void contract_deferred_over(contract &promise);
 
 /* Tells of a loss, on the thread that has lost, with no lock held; the record lacks its module. */
 void contract_lost(const contract &promise, qor_loss_t loss);

@@ -44,6 +44,7 @@ void deferral_drop_locked(deferral *entry)
     if (entry->state == deferral_ended) {
         /* Refused when the bus has quit in the meantime: then that has freed it. */
         sched_delegate_finish_post(entry->node, entry->publisher, entry->msg, entry->ret);
+        bus_busy_end(entry->bus); /* from here on drain waits for the task */
     } else {
         qor_que_node_destroy(entry->node, nullptr);
         qor_context_msg_destroy(entry->msg);
@@ -92,6 +93,7 @@ int32_t deferral_begin_locked(deferral *entry, qor_time_que_node_t *timer)
             return -1;
         }
     }
+    bus_busy_begin(entry->bus);
     entry->state = deferral_open;
     entry->holds = 2; /* for being open, for its handler */
     return 0;
@@ -103,6 +105,12 @@ void deferral_end_locked(deferral *entry, deferral_state state, int32_t ret)
     timer_drop_locked(entry);
     entry->state = state;
     entry->ret = ret;
+    if (contract *promise = sched_delegate_contract(entry->subscriber)) {
+        contract_deferred_over(*promise);
+    }
+    if (state == deferral_discarded) {
+        bus_busy_end(entry->bus);
+    }
 }
 
 /* The body of the limit's timer. */
@@ -194,8 +202,13 @@ const char *deferral_add(thread_request &handled, deferral_parts &parts)
     if (is_going_down(bus, handled.aim)) {
         return "the bus or the module ends.";
     }
+    contract *promise = sched_delegate_contract(handled.aim);
+    if (promise && contract_defer(*promise) < 0) {
+        return "open_max: as many requests are open as may be.";
+    }
     deferral *entry = deferral_take_locked();
     if (!entry) {
+        contract_defer_undo(promise);
         return no_memory;
     }
     entry->bus = bus;
@@ -206,6 +219,7 @@ const char *deferral_add(thread_request &handled, deferral_parts &parts)
     entry->timed = parts.timer != nullptr;
     if (deferral_begin_locked(entry, parts.timer) < 0) {
         deferral_give_back_locked(entry);
+        contract_defer_undo(promise);
         return "the bus or the module ends.";
     }
     handled.deferral = deferral_token_locked(entry);

@@ -27,7 +27,7 @@ void start_end_locked(qor_bus_private &priv)
 {
     priv.start.ended = 1;
     priv.start.late = priv.stopping;
-    pthread_cond_broadcast(&priv.inits_over);
+    pthread_cond_broadcast(&priv.rested);
 }
 
 void start_break_locked(qor_bus_private &priv)
@@ -157,7 +157,7 @@ int32_t qor_bus_wait_up(qor_bus_t *_this, int32_t wait_time, qor_start_report_t 
     bus_visitor inside(priv);
     hal_scoped_lock lock(priv.mutex);
     while (!start.ended && !priv.stopping && !que_time_is_over(deadline)) {
-        que_sleep_until(priv.inits_over, priv.mutex, deadline);
+        que_sleep_until(priv.rested, priv.mutex, deadline);
     }
     const bool up = start_look_locked(_this, report);
     if (start.ended && !start.late) {

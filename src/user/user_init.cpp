@@ -34,7 +34,7 @@ void init_here_left(void *arg)
         thread_record_leave(here->record);
         thread_record_set(here->before);
     }
-    bus_init_end(here->bus);
+    bus_busy_end(here->bus);
 }
 
 void init_run_here(qor_core_context_t *core, qor_bus_t *bus)
@@ -74,16 +74,16 @@ bool user_init_help(qor_core_context_t *core, qor_bus_t *bus)
     if (!bus || bus_stopping(bus) || hal_load(core->priv->init) != user_init_offered) {
         return false;
     }
-    bus_init_begin(bus); /* first: drain must not find its task begun and nobody at work */
+    bus_busy_begin(bus); /* first: drain must not find its task begun and nobody at work */
     if (!init_take(core)) {
-        bus_init_end(bus);
+        bus_busy_end(bus);
         return false;
     }
     if (bus_helper_start(bus, &core->priv->init_task) == 0) {
         return true;
     }
     if (bus_stopping(bus)) {
-        bus_init_end(bus);
+        bus_busy_end(bus);
         return false;
     }
     init_run_here(core, bus);

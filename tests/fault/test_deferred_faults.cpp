@@ -64,13 +64,13 @@ TEST_F(DeferredFaults, OfALargerTableLeaveTheOpenOnes)
     std::vector<uint64_t> tokens;
     serve = [&](qor_context_t *c, qor_context_msg_t *msg) {
         const int32_t result = tokens.size() == number ? try_all(c, msg, -1) : defer(c, msg);
+        fault_arm(FAULT_ALLOC, -1);
         tokens.push_back(token);
         return result;
     };
     be_up();
     for (int i = 0; i <= number; i++) {
         deferred();
-        fault_arm(FAULT_ALLOC, -1);
     }
     EXPECT_EQ(failed, 2);
 

@@ -255,7 +255,7 @@ TEST_F(DeferredEnds, ThePublishersEndDiscardsTheResponseOnly)
     };
     bus.emplace(std::initializer_list<Module *>{&server, &client, &observer}, 8, 4);
     ASSERT_TRUE(await([this] { return client.lifecycle() == QOR_USER_CONTEXT_LIFECYCLE_DESTROY; }));
-    EXPECT_EQ(qor_bus_drain(bus->get(), 60000), 0);
+    rest();
     out.clear();
 
     EXPECT_EQ(complete(token, 9, "pong"), 0);

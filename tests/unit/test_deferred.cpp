@@ -445,7 +445,7 @@ TEST_F(Deferred, ARequestHandledInsideAnotherIsDeferredOnItsOwn)
     be_up();
     ASSERT_GE(ask("outer"), 0);
     ASSERT_TRUE(await([this] { return token != 0; }));
-    ASSERT_EQ(qor_bus_drain(bus->get(), 60000), 0);
+    rest();
 
     ASSERT_EQ(tokens.size(), 2u);
     char payload[6] = "";
@@ -619,7 +619,7 @@ TEST_F(Deferred, ManyAreOpenAtOnceAndAreCompletedInAnyOrder)
     std::string all;
     for (int i = 0; i < number; i++) {
         ASSERT_GE(ask(std::to_string(100 + i)), 0);
-        ASSERT_EQ(qor_bus_drain(bus->get(), 60000), 0);
+        rest();
         all += (i ? " " : "") + std::to_string(number - 1 - i) + " " + std::to_string(219 - i);
     }
     EXPECT_EQ(std::set<uint64_t>(tokens.begin(), tokens.end()).size(), size_t(number));
@@ -689,7 +689,7 @@ protected:
         qor_context_subscribe(subscriber, QOR_SYS_MNG_MODULE_REGISTER, nullptr);
         ASSERT_GE(qor_context_req(publisher, QOR_SYS_MNG_MODULE_REGISTER, nullptr, 0), 0);
         ASSERT_TRUE(await([this] { return token != 0; }));
-        ASSERT_EQ(qor_bus_drain(bus->get(), 60000), 0);
+        rest();
     }
 
     ~DeferredSystem() override
@@ -883,15 +883,21 @@ TEST_F(Deferred, AStrictModuleServesTheNextRequestWhileOneIsOpen)
     EXPECT_TRUE(responses.await(3));
 }
 
-TEST_F(Deferred, DrainDoesNotWaitForIt)
+TEST_F(Deferred, DrainWaitsForTheResponse)
 {
     be_up();
-    const uint64_t open = deferred(); /* which drains */
-
-    EXPECT_EQ(qor_bus_drain(bus->get(), 0), 0);
+    const uint64_t open = deferred();
+    EXPECT_EQ(qor_bus_drain(bus->get(), 0), -1);
+    EXPECT_EQ(qor_bus_drain(bus->get(), 20), -1);
+    std::atomic<int32_t> drained{-2};
+    Thread drain([&] { drained = qor_bus_drain(bus->get(), 60000); });
+    EXPECT_EQ(drained, -2);
 
     EXPECT_EQ(complete(open, 0, ""), 0);
-    EXPECT_EQ(response(), "0");
+
+    drain.join();
+    EXPECT_EQ(drained, 0);
+    EXPECT_EQ(responses.text(), "0");
 }
 
 namespace {
