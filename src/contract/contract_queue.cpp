@@ -518,7 +518,7 @@ bool contract_run_enter_locked(qor_core_context_t *core)
     }
     /* A timer's run beside enough others: one of them serves what is due. */
     if (front) {
-        run_keep_locked(promise, user_loop_take());
+        run_keep_locked(promise, user_loop_take(thread_record_get()));
     }
     return false;
 }

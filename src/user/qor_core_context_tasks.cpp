@@ -19,10 +19,10 @@
 namespace {
 
 /* Keeps the node of a loop run that ends for the next one. The caller holds the queue's lock. */
-void user_loop_keep_locked(qor_core_context_t *core)
+void user_loop_keep_locked(qor_core_context_t *core, thread_record *record)
 {
     if (!core->priv->loop) {
-        core->priv->loop = user_loop_take();
+        core->priv->loop = user_loop_take(record);
     }
 }
 
@@ -52,9 +52,9 @@ bool loop_turn_is_over(loop_turn &turn, const qor_bus_t *bus)
 
 /* Puts the run at the end of the bus's queue, with its slot: true when it is there, and the worker
  * leaves it. */
-bool user_loop_gives_way(qor_bus_t *bus)
+bool user_loop_gives_way(qor_bus_t *bus, thread_record *record)
 {
-    qor_que_node_t *run = user_loop_take();
+    qor_que_node_t *run = user_loop_take(record);
     if (!run) {
         return false;
     }
@@ -114,16 +114,16 @@ void user_timers_refuse(qor_bus_t *bus, const user_number *wanted)
 
 /* A loop run ends, still under the lock that the queue was found empty under: a poster either
  * enqueued before and was served, or finds the slot free. */
-void user_loop_end_locked(qor_core_context_t *core, contract *promise)
+void user_loop_end_locked(qor_core_context_t *core, contract *promise, thread_record *record)
 {
     if (promise && promise->terms.strict) {
-        contract_run_leave_locked(*promise, user_loop_take());
+        contract_run_leave_locked(*promise, user_loop_take(record));
         return;
     }
     /* Deliberate: a run that a timer started took no slot, but gives one back as well.
      * Test: CoreContext.ARunStartedByATimerGivesASlotBack. */
     slot_give_back_locked(core);
-    user_loop_keep_locked(core);
+    user_loop_keep_locked(core, record);
     /* Deliberate: nobody looks here when the next node will be due: each delayed task has a timer.
      * Test: CoreContext.ADelayedTaskIsReachedByItsOwnTimer. */
 }
@@ -168,6 +168,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
     qor_core_context_t *core = qor_core_context_type(context);
     qor_bus_t *bus = sched_delegate_bus(context);
     contract *promise = core->priv->promise;
+    thread_record *record = thread_record_get();
     loop_turn turn = {};
     qor_time_que_lock(core->que);
     if (promise && !contract_run_enter_locked(core)) {
@@ -177,7 +178,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
     while (!bus_stopping(bus) && !core->priv->closed) {
         if (!list_empty(&core->que->head) && loop_turn_is_over(turn, bus)) {
             qor_time_que_unlock(core->que);
-            if (user_loop_gives_way(bus)) {
+            if (user_loop_gives_way(bus, record)) {
                 return 0;
             }
             qor_time_que_lock(core->que);
@@ -198,16 +199,16 @@ int32_t qor_core_context_loop(qor_context_t *context)
         if (periodic) {
             user_periodic_run(core, node);
         } else {
-            user_task_run(core, node);
+            user_task_run(core, node, record);
         }
         turn.tasks++;
         qor_time_que_lock(core->que);
         if (promise) {
-            contract_task_over_locked(*promise, thread_record_get());
+            contract_task_over_locked(*promise, record);
         }
         user_task_over_locked(core);
     }
-    user_loop_end_locked(core, promise);
+    user_loop_end_locked(core, promise, record);
     qor_time_que_unlock(core->que);
     return 0;
 }

@@ -195,9 +195,8 @@ void monitor_tell(qor_context_t *context, qor_sys_monitor_task_t &report, int32_
     }
 }
 
-void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node)
+void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node, thread_record *record)
 {
-    thread_record *record = thread_record_get();
     thread_scope inside(user_task_left, node, record);
     qor_context_task_t *task = bus_task_of(node);
     message_offer offer(sched_delegate_request(node, task), record);
@@ -227,7 +226,7 @@ void *qor_core_context_task_node_deal(qor_context_t *context, int32_t, void *arg
         user_run_leaves(core, node);
         user_node_refuse(node);
     } else {
-        result = user_task_run(core, node);
+        result = user_task_run(core, node, thread_record_get());
     }
     user_task_ended(core);
     return result;

@@ -13,11 +13,10 @@
 #include "que_front.hpp"
 #include "thread_record.hpp"
 
-/* Takes the node of the loop run that the calling worker is in over from it; NULL when a loop is
- * called any other way. */
-inline qor_que_node_t *user_loop_take()
+/* Takes the node of the loop run that the worker with that record is in over from it; NULL when a
+ * loop is called any other way. */
+inline qor_que_node_t *user_loop_take(thread_record *record)
 {
-    thread_record *record = thread_record_get();
     qor_que_node_t *run = record ? static_cast<qor_que_node_t *>(record->running) : nullptr;
     if (!run || !(que_front_of(run)->flags & que_again)) {
         return nullptr;
@@ -33,8 +32,8 @@ qor_sys_monitor_task_t monitor_report(const qor_context_task_t *task);
 /* Tells the monitor, unless nobody watches the bus's tasks. */
 void monitor_tell(qor_context_t *context, qor_sys_monitor_task_t &report, int32_t state);
 
-/* Runs a task that is under way, and destroys its node. */
-void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node);
+/* Runs a task that is under way on the thread with that record, and destroys its node. */
+void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node, thread_record *record);
 
 /* A task that was under way is over. The caller of the first holds the queue's lock. */
 inline void user_task_over_locked(qor_core_context_t *core)
