@@ -13,7 +13,7 @@ from pathlib import Path
 
 SETTINGS = {
     "strict_queue": [["-DLIMIT=1"], ["-DLIMIT=2"], ["-DLIMIT=1", "-DQUITS"], ["-DLIMIT=2", "-DQUITS"]],
-    "deferred": [[]],
+    "deferred": [[], ["-DFAILS"]],
 }
 
 
