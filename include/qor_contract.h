@@ -50,7 +50,14 @@ typedef void (*qor_contract_lost_t)(void *arg, const qor_loss_t *loss);
 
 /**
  * A contract. Outside of every promise stand filters and synchronous requests, which run on the
- * caller's thread, and the module's console, which has its own.
+ * caller's thread, and the module's console, which has its own. docs/guide/contracts.md has what is
+ * promised without a contract and with one.
+ *
+ * A poster blocks only where that cannot stop the bus: not in a task of the same module, not on the
+ * loop's thread, and not on a worker when every other worker waits for a place or for a start;
+ * there, and when a request is handed on to a newer subscriber, BLOCK is REFUSE. A listener's call
+ * is never waited for: BLOCK is DROP_NEWEST. Before a strict module has started, overflow refuses
+ * whatever the policy.
  */
 typedef struct qor_contract {
     uint32_t size;     /**< of the record as the caller knows it; qor_contract_init() sets it */
@@ -113,9 +120,18 @@ QOR_API void qor_contract_init(qor_contract_t *contract);
  * @param contract  a size smaller than today's is taken, and what is missing is 0
  * @return          0, or -1 with a line and nothing changed
  *
- * Prints "!(_this) == true.", "!(name) == true.", "!(contract) == true." or, with the field's name
- * first, what is wrong: "name: ...", "size: ...", "strict: ..." and so on. "loop: the bus loops
- * already." after the loop has begun. Any thread, but no two at once.
+ * Prints "!(_this) == true.", "!(name) == true.", "!(contract) == true." or what is wrong: "loop:
+ * the bus loops already.", also when it has ended; "name: a system module's.", "name: not
+ * terminated.", "name: two modules have it.", "name: no module has it.", "name: the module's class
+ * is another than 0."; "size: not known."; "strict: neither 0 nor 1.", "strict: refcount is
+ * negative."; "overflow: not known.", "overflow: nothing goes past a strict queue."; "wait_time:
+ * below 1 ms." with BLOCK; "reserved: not 0."; or "malloc "contract" failed.". Any thread.
+ *
+ * What a contract refuses later is said by whom it refuses: qor_core_context_handle_task prints
+ * "queue full, module:<module>, task:<task>, session=<number>", qor_sched_delegate_publish
+ * "replies: all places are taken, source:<module>, topic:<number>, session=<number>", and a handler
+ * that returns a QOR_RET_* "reserved result <number>, module = <module>" under
+ * qor_sched_delegate_handle_message_aim.
  */
 QOR_API int32_t qor_bus_contract_set(qor_bus_t *_this, const char *name,
                                      const qor_contract_t *contract);

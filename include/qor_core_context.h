@@ -34,7 +34,8 @@ typedef enum {
  * more. Cancelling the task takes the timer too. When the queue holds 50 nodes, a task goes
  * straight to the bus under its own session, beside all others; a delayed one that went this way is
  * not found by cancel. So refcount_max bounds neither the module's tasks nor its handler:
- * docs/behaviour.md has the table of what may run beside what. The module has no system calls.
+ * docs/behaviour.md has the table of what may run beside what.
+ * A contract (qor_contract.h) changes all of this for its module. The module has no system calls.
  */
 struct qor_core_context {
     qor_context_t base;         /**< the wrapper; first, so that it is a context */
