@@ -204,7 +204,8 @@ bool bus_thread_works(const qor_bus_t *bus)
  * anew. Out of line, so that where there are none a draw needs no frame. */
 [[gnu::noinline]] int32_t bus_session_beside(qor_bus_t *bus, int32_t session)
 {
-    return bus_periodic_has(bus->priv->periodics, session) ? qor_bus_session(bus) : session;
+    bus_periodics &timers = bus->priv->periodics;
+    return hal_load(timers.calls)->has(timers, session) ? qor_bus_session(bus) : session;
 }
 
 bool bus_is_cancelled(const qor_que_node_t *node, const void *session)
@@ -241,6 +242,12 @@ size_t bus_module_count(qor_context_module_t **modules)
         count++;
     }
     return count;
+}
+
+bool bus_periodic_is_cancelled(qor_bus_t *bus, int32_t session)
+{
+    const periodic_calls *calls = hal_load(bus->priv->periodics.calls);
+    return calls && calls->cancel(bus, session) == 0;
 }
 
 int32_t bus_session_next(qor_bus_t *bus)
@@ -502,7 +509,7 @@ int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task)
 int32_t qor_bus_cancel(qor_bus_t *_this, int32_t session)
 {
     QOR_CHECK(_this, -1);
-    if (bus_periodic_cancel(_this, session) == 0) {
+    if (bus_periodic_is_cancelled(_this, session)) {
         return 0;
     }
     /* What the library made for itself is passed over: a module that cancels a number of its own

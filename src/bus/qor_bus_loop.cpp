@@ -44,7 +44,7 @@ void bus_timers_serve(qor_bus_t *bus)
     while (qor_time_que_node_t *timer = qor_time_que_deque_block_locked(timers, -1)) {
         if (que_front_of(timer)->flags & que_periodic) {
             qor_time_que_unlock(timers);
-            bus_periodic_due(timer);
+            hal_load(priv.periodics.calls)->due(timer);
             qor_time_que_lock(timers);
             continue;
         }

@@ -97,6 +97,9 @@ void bus_tasks_discard(qor_bus_t *bus);
 /* Undoes what qor_bus_init() did before it made the tables; the private block goes with it. */
 void bus_head_uninit(qor_bus_t *bus);
 
+/* Whether there was a periodic timer of that session; it is ended. */
+bool bus_periodic_is_cancelled(qor_bus_t *bus, int32_t session);
+
 /* Draws a number that nobody gets: a periodic timer may have it, see qor_bus_session(). */
 int32_t bus_session_next(qor_bus_t *bus);
 

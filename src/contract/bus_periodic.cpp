@@ -252,8 +252,9 @@ void bus_periodics_close(bus_periodics &table)
     pthread_mutex_destroy(&table.mutex);
 }
 
-bus_periodic *bus_periodic_create(qor_bus_t *bus, size_t size)
+bus_periodic *bus_periodic_create(qor_bus_t *bus, size_t size, const periodic_calls *calls)
 {
+    hal_store(bus->priv->periodics.calls, calls);
     qor_time_que_node_t *node = qor_time_que_node_create(0, 0, static_cast<int32_t>(size));
     qor_que_node_t *run = node ? bus_node() : nullptr;
     if (!run) {

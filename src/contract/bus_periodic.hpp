@@ -7,12 +7,39 @@
 #include "qor_bus.h"
 #include "qor_context_task.h"
 
+struct bus_periodics;
+
+/* What others do with periodic timers. Called through the table alone, so that a program that is
+ * linked statically and arms none has none of it. */
+struct periodic_calls {
+    /* Whether a timer has this session. */
+    bool (*has)(bus_periodics &table, int32_t session);
+
+    /* Ends the timer of a session: 0, or -1 when there is none. */
+    int32_t (*cancel)(qor_bus_t *bus, int32_t session);
+
+    /* Ends all timers of a context. What is under way goes on. */
+    void (*end)(qor_bus_t *bus, const qor_context_t *context);
+
+    /* The loop has taken a timer that is due out of the timer queue. Takes its node. */
+    void (*due)(qor_time_que_node_t *node);
+
+    /* Runs what a strict queue has given the node of. */
+    void (*run)(qor_core_context_t *core, qor_time_que_node_t *node);
+
+    /* The leave function of a run's scope, and the user context that the timer of such a scope
+     * ends with; NULL when a context of another kind has armed it. */
+    void (*left)(void *timer);
+    qor_core_context_t *(*core)(void *timer);
+};
+
 /* Those of a bus that are armed. It is part of what outlives qor_bus_uninit(). */
 struct bus_periodics {
-    hal_thread_mutex_t mutex; /* guards the table and the timers' links; taken after a private
-                                 queue's, before the timer queue's */
-    list_head armed[32];      /* by the lowest bits of the session */
-    uint32_t mask;            /* which of these are not empty; read without the mutex */
+    hal_thread_mutex_t mutex;    /* guards the table and the timers' links; taken after a private
+                                    queue's, before the timer queue's */
+    list_head armed[32];         /* by the lowest bits of the session */
+    uint32_t mask;               /* which of these are not empty; read without the mutex */
+    const periodic_calls *calls; /* NULL before the first is armed; likewise */
 };
 
 /* A periodic timer: the body of a node that belongs to the timer queue, with the node of its run as
@@ -43,8 +70,8 @@ int32_t bus_periodics_open(bus_periodics &table);
 void bus_periodics_close(bus_periodics &table);
 
 /* Makes a timer with a session: a record of so many bytes that begins with it, zeroed but for what
- * is known here. NULL without memory, and a line. */
-bus_periodic *bus_periodic_create(qor_bus_t *bus, size_t size);
+ * is known here. From now on the table has the calls. NULL without memory, and a line. */
+bus_periodic *bus_periodic_create(qor_bus_t *bus, size_t size, const periodic_calls *calls);
 
 /* Releases one that has not been started: recycle and over are not called. */
 void bus_periodic_destroy(bus_periodic *timer);
@@ -54,9 +81,6 @@ qor_context_task_t *bus_periodic_task(bus_periodic *timer);
 
 /* Arms a timer that is filled. false when the bus quits, and it stays the caller's. */
 bool bus_periodic_start(bus_periodic *timer);
-
-/* The loop has taken a periodic timer that is due out of the timer queue. Takes its node. */
-void bus_periodic_due(qor_time_que_node_t *node);
 
 /* The timer of a node, and the node of a timer: who has the one has the other. */
 bus_periodic *bus_periodic_of(qor_time_que_node_t *node);
@@ -69,13 +93,10 @@ bool bus_periodic_begin(bus_periodic *timer, uint32_t *missed);
 /* The run is over: the timer waits for the next point that has not passed, or ends. */
 void bus_periodic_over(bus_periodic *timer);
 
-/* Ends the timer of a session: 0, or -1 when there is none. */
-int32_t bus_periodic_cancel(qor_bus_t *bus, int32_t session);
-
-/* Ends all timers of a context. What is under way goes on. */
-void bus_periodics_end(qor_bus_t *bus, const qor_context_t *context);
-
-/* Whether a timer has this session; no timer has one while mask is 0. */
+/* Those of the calls that need nothing of the timer's context. */
 bool bus_periodic_has(bus_periodics &table, int32_t session);
+int32_t bus_periodic_cancel(qor_bus_t *bus, int32_t session);
+void bus_periodics_end(qor_bus_t *bus, const qor_context_t *context);
+void bus_periodic_due(qor_time_que_node_t *node);
 
 #endif /* BUS_PERIODIC_HPP */

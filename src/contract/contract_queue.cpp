@@ -2,7 +2,7 @@
 /* The private queue of a module with a contract. A strict queue bounds its loop runs: each runs one
  * task after the other, so there are never more tasks than runs, and one that looks for more work
  * ends only under the lock under which it has found none. */
-#include "contract_queue.hpp"
+#include "qor_contract_priv.hpp"
 
 #include "hal_sync.hpp"
 #include "message_node.hpp"
@@ -66,6 +66,35 @@ void place_free_locked(contract &promise, qor_time_que_node_t *node)
     }
 }
 
+void task_run_locked(qor_core_context_t *core, qor_time_que_node_t *node)
+{
+    contract &promise = *core->priv->promise;
+    if (!node || !(que_front_of(node)->flags & que_counted)) {
+        contract_task_inside(promise, thread_record_get());
+        return;
+    }
+    const qor_context_task_t *task = bus_task_of(node);
+    task_awaited(promise, task)--;
+    if (que_front_of(node)->flags & que_reply) {
+        contract_reply_back(&promise);
+    }
+    contract_task_begun_locked(promise, thread_record_get());
+}
+
+void task_leaves_locked(contract &promise, qor_time_que_node_t *node, contract_counter as)
+{
+    const qor_context_task_t *task = bus_task_of(node);
+    if (!(que_front_of(node)->flags & que_counted)) {
+        return;
+    }
+    place_free_locked(promise, node);
+    task_awaited(promise, task)--;
+    promise.ledger.*as += 1;
+    if (que_front_of(node)->flags & que_reply) {
+        contract_reply_back(&promise);
+    }
+}
+
 /* A node that is kept for a run, or NULL. */
 qor_que_node_t *idle_take_locked(contract &promise)
 {
@@ -103,6 +132,15 @@ void run_keep_locked(contract &promise, qor_que_node_t *run)
     }
 }
 
+/* A run of a strict queue ends. */
+void run_leave_locked(contract &promise, qor_que_node_t *node)
+{
+    promise.runs--;
+    if (node) {
+        run_keep_locked(promise, node);
+    }
+}
+
 /* Queues a run. When the bus quits, what waits is discarded at its end. */
 void run_post(qor_core_context_t *core, qor_que_node_t *run)
 {
@@ -114,7 +152,7 @@ void run_post(qor_core_context_t *core, qor_que_node_t *run)
     contract &promise = *core->priv->promise;
     hal_scoped_lock lock(core->que->mutex);
     if (promise.terms.strict) {
-        contract_run_leave_locked(promise, run);
+        run_leave_locked(promise, run);
     } else {
         slot_give_back_locked(core);
         run_keep_locked(promise, run);
@@ -363,7 +401,7 @@ int32_t arrival_accept(arrival &in)
     qor_time_que_node_t *victim =
         in.evicts ? time_que_take_if_locked(core->que, is_placed, nullptr) : nullptr;
     if (victim) {
-        contract_task_leaves_locked(promise, victim, &qor_ledger_t::dropped_oldest);
+        task_leaves_locked(promise, victim, &qor_ledger_t::dropped_oldest);
     }
     if (arrival_enque_locked(in) < 0) {
         return arrival_refuse(in);
@@ -444,25 +482,18 @@ int32_t arrival_block(arrival &in)
     return posted;
 }
 
-} // namespace
-
-void contract_queue_bind(qor_core_context_t *core)
+void queue_bind(qor_core_context_t *core, contract &promise)
 {
-    contract *promise = sched_delegate_contract(&core->base);
     qor_bus_t *bus = sched_delegate_bus(&core->base);
-    if (!promise) {
-        return;
-    }
-    core->priv->promise = promise;
+    core->priv->promise = &promise;
     core->que->max_count = UINT32_MAX; /* the contract has bounds of its own */
     time_que_in_order(core->que);
     hal_scoped_lock lock(bus->priv->mutex);
-    promise->serve = queue_serve;
-    promise->core = core;
-    promise->mutex = &core->que->mutex;
+    promise.core = core;
+    promise.mutex = &core->que->mutex;
 }
 
-void contract_queue_open(qor_core_context_t *core)
+void queue_open(qor_core_context_t *core)
 {
     contract *promise = core->priv->promise;
     if (!promise || !promise->terms.strict) {
@@ -482,14 +513,14 @@ void contract_queue_open(qor_core_context_t *core)
     }
 }
 
-void contract_queue_closed_locked(contract &promise)
+void queue_closed_locked(contract &promise)
 {
     util_list_each(promise.blocked, [](list_head *link) {
         pthread_cond_signal(&reinterpret_cast<blocked_poster *>(link)->cond);
     });
 }
 
-int32_t contract_queue_admit(admission &post)
+int32_t queue_admit(admission &post)
 {
     arrival in = {post, post.core, *post.core->priv->promise, bus_task_of(post.node), false};
     if (in.promise.terms.strict) {
@@ -500,7 +531,7 @@ int32_t contract_queue_admit(admission &post)
     return what == verdict::wait ? arrival_block(in) : arrival_end(in, what);
 }
 
-bool contract_run_enter_locked(qor_core_context_t *core)
+bool run_enter_locked(qor_core_context_t *core)
 {
     contract &promise = *core->priv->promise;
     const thread_record *record = thread_record_get();
@@ -523,15 +554,7 @@ bool contract_run_enter_locked(qor_core_context_t *core)
     return false;
 }
 
-void contract_run_leave_locked(contract &promise, qor_que_node_t *node)
-{
-    promise.runs--;
-    if (node) {
-        run_keep_locked(promise, node);
-    }
-}
-
-qor_time_que_node_t *contract_queue_take_locked(qor_core_context_t *core)
+qor_time_que_node_t *queue_take_locked(qor_core_context_t *core)
 {
     contract &promise = *core->priv->promise;
     qor_time_que_node_t *node = next_locked(core->que, promise);
@@ -543,27 +566,12 @@ qor_time_que_node_t *contract_queue_take_locked(qor_core_context_t *core)
     }
     place_free_locked(promise, node);
     if (!bus_task_of(node)->async) {
-        contract_task_run_locked(core, node);
+        task_run_locked(core, node);
     }
     return node;
 }
 
-void contract_task_run_locked(qor_core_context_t *core, qor_time_que_node_t *node)
-{
-    contract &promise = *core->priv->promise;
-    if (!node || !(que_front_of(node)->flags & que_counted)) {
-        contract_task_inside(promise, thread_record_get());
-        return;
-    }
-    const qor_context_task_t *task = bus_task_of(node);
-    task_awaited(promise, task)--;
-    if (que_front_of(node)->flags & que_reply) {
-        contract_reply_back(&promise);
-    }
-    contract_task_begun_locked(promise, thread_record_get());
-}
-
-bool contract_queue_periodic(qor_core_context_t *core, qor_time_que_node_t *node)
+bool queue_periodic(qor_core_context_t *core, qor_time_que_node_t *node)
 {
     contract &promise = *core->priv->promise;
     qor_bus_t *bus = sched_delegate_bus(&core->base);
@@ -578,29 +586,24 @@ bool contract_queue_periodic(qor_core_context_t *core, qor_time_que_node_t *node
     if (run) {
         user_loop_fill(core, bus, run);
         if (bus_node_post(bus, run) < 0) {
-            contract_run_leave_locked(promise, run);
+            run_leave_locked(promise, run);
         }
     }
     return true;
 }
 
-void contract_periodic_begun(contract &promise)
-{
-    hal_scoped_lock lock(*promise.mutex);
-    promise.ledger.accepted++;
-    contract_task_begun_locked(promise, thread_record_get());
-}
+} // namespace
 
-void contract_task_leaves_locked(contract &promise, qor_time_que_node_t *node, contract_counter as)
-{
-    const qor_context_task_t *task = bus_task_of(node);
-    if (!(que_front_of(node)->flags & que_counted)) {
-        return;
-    }
-    place_free_locked(promise, node);
-    task_awaited(promise, task)--;
-    promise.ledger.*as += 1;
-    if (que_front_of(node)->flags & que_reply) {
-        contract_reply_back(&promise);
-    }
-}
+const contract_calls contract_queue_calls = {
+    /* bind */ queue_bind,
+    /* open */ queue_open,
+    /* closed_locked */ queue_closed_locked,
+    /* admit */ queue_admit,
+    /* run_enter_locked */ run_enter_locked,
+    /* run_leave_locked */ run_leave_locked,
+    /* take_locked */ queue_take_locked,
+    /* task_run_locked */ task_run_locked,
+    /* task_leaves_locked */ task_leaves_locked,
+    /* periodic */ queue_periodic,
+    /* serve */ queue_serve,
+};

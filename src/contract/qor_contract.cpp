@@ -110,6 +110,7 @@ contract *contract_make_locked(qor_bus_t *bus, const qor_context_module_t *modul
         return nullptr;
     }
     promise->module = module;
+    promise->calls = &contract_queue_calls;
     INIT_LIST_HEAD(&promise->idle);
     INIT_LIST_HEAD(&promise->blocked);
     list_add(&run->node, &promise->idle);
@@ -257,6 +258,13 @@ void contract_task_begun_locked(contract &promise, thread_record *record)
     record->task = task_running;
 }
 
+void contract_periodic_begun(contract &promise)
+{
+    hal_scoped_lock lock(*promise.mutex);
+    promise.ledger.accepted++;
+    contract_task_begun_locked(promise, thread_record_get());
+}
+
 void contract_task_inside(contract &promise, thread_record *record)
 {
     if (record) {
@@ -340,7 +348,7 @@ void contract_deferred_over(contract &promise)
         promise.ledger.finished++;
     }
     if (promise.terms.open_max > 0) {
-        promise.serve(promise);
+        promise.calls->serve(promise);
     }
 }
 

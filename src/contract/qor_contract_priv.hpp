@@ -7,16 +7,63 @@
 #include "qor_contract.h"
 #include "qor_hal.h"
 
+struct admission;
+struct contract;
 struct thread_record;
+
+/* A counter of the ledger. */
+using contract_counter = uint64_t qor_ledger_t::*;
+
+/* What the private queue of a module with a contract does: who comes in, who waits, who goes, and
+ * how many run. Called through the contract alone, so that a program that is linked statically and
+ * gives none has none of it. What ends in _locked is called with the queue's lock held. */
+struct contract_calls {
+    /* Gives the contract to a context that has been attached. Before the module's reg, when nobody
+     * else knows the context. */
+    void (*bind)(qor_core_context_t *core, contract &promise);
+
+    /* The context has started: from now on a strict queue runs. */
+    void (*open)(qor_core_context_t *core);
+
+    /* The queue is closed: whoever waits for a place leaves. */
+    void (*closed_locked)(contract &promise);
+
+    /* What a post comes to, as of qor_core_context_handle_task(). Its memory has been made. */
+    int32_t (*admit)(admission &post);
+
+    /* Whether the loop run that the calling thread is in may run tasks of the queue. */
+    bool (*run_enter_locked)(qor_core_context_t *core);
+
+    /* Such a run of a strict queue ends. Its node comes back for the next one, if it is given. */
+    void (*run_leave_locked)(contract &promise, qor_que_node_t *node);
+
+    /* The next task that may be begun, or NULL. One that gets no run of its own is begun. */
+    qor_time_que_node_t *(*take_locked)(qor_core_context_t *core);
+
+    /* A task that had got a run of its own is begun; NULL: it has gone past the queue. */
+    void (*task_run_locked)(qor_core_context_t *core, qor_time_que_node_t *node);
+
+    /* A task leaves the queue, or its run, unrun. */
+    void (*task_leaves_locked)(contract &promise, qor_time_que_node_t *node, contract_counter as);
+
+    /* Puts the node of a periodic timer that is due in its place, with the run that it may need:
+     * false when the queue takes nothing any more. */
+    bool (*periodic)(qor_core_context_t *core, qor_time_que_node_t *node);
+
+    /* Starts a run for what may be begun again. */
+    void (*serve)(contract &promise);
+};
+
+extern const contract_calls contract_queue_calls;
 
 /* Made before the bus loops, freed with the bus. The terms do not change once the bus loops. */
 struct contract {
     list_head link; /* in the bus's list; guarded by the bus's mutex */
     const qor_context_module_t *module;
-    qor_contract_t terms;             /* defaults filled in */
-    uint32_t slots;                   /* tasks at a time, of a strict module */
-    void (*serve)(contract &promise); /* starts a run for what may be begun again; set with mutex */
-    qor_core_context_t *core;         /* whose queue it is; likewise */
+    qor_contract_t terms; /* defaults filled in */
+    uint32_t slots;       /* tasks at a time, of a strict module */
+    const contract_calls *calls;
+    qor_core_context_t *core;  /* whose queue it is; set with mutex */
     hal_thread_mutex_t *mutex; /* of the private queue; NULL before the module's reg; written under
                                   the bus's mutex */
     uint32_t replies;          /* own requests whose response has not begun; changed atomically */
@@ -32,9 +79,6 @@ struct contract {
     uint32_t idle_count;
     list_head blocked; /* posters that wait for a place, in order of arrival */
 };
-
-/* A counter of the ledger. */
-using contract_counter = uint64_t qor_ledger_t::*;
 
 /* The name of its module. */
 const char *contract_name(const contract &promise);
@@ -52,6 +96,10 @@ void contract_reply_back(contract *promise);
 /* The thread with that record, or NULL for none, begins a task that the ledger counts. The caller
  * holds the queue's lock. */
 void contract_task_begun_locked(contract &promise, thread_record *record);
+
+/* A run of a periodic timer begins on the calling thread, and counts as accepted with that. Takes
+ * the queue's lock. */
+void contract_periodic_begun(contract &promise);
 
 /* The same of a task that the ledger does not count; needs no lock. */
 void contract_task_inside(contract &promise, thread_record *record);

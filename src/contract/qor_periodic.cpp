@@ -3,12 +3,11 @@
 #include "qor_periodic.h"
 
 #include "bus_periodic.hpp"
-#include "contract_queue.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
+#include "qor_contract_priv.hpp"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
-#include "qor_periodic_priv.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "thread_record.hpp"
 #include "user_run.hpp"
@@ -46,12 +45,26 @@ void periodic_end(user_periodic *periodic)
     }
 }
 
+/* The run has ended its thread, and the timer goes on. */
+void periodic_left(void *timer)
+{
+    user_periodic *periodic = static_cast<user_periodic *>(timer);
+    periodic_end(periodic);
+    bus_periodic_over(&periodic->timer);
+}
+
+qor_core_context_t *periodic_core(void *timer)
+{
+    qor_context_t *context = static_cast<bus_periodic *>(timer)->context;
+    return context->cls == &qor_core_context_class ? qor_core_context_type(context) : nullptr;
+}
+
 /* Runs what a worker has come to, unless the timer is to end. */
 void periodic_run(user_periodic *periodic)
 {
     uint32_t missed;
     if (bus_periodic_begin(&periodic->timer, &missed)) {
-        thread_scope inside(user_periodic_left, periodic);
+        thread_scope inside(periodic_left, periodic);
         if (contract *promise = periodic_promise(periodic)) {
             contract_periodic_begun(*promise);
         }
@@ -76,21 +89,40 @@ void periodic_turn_left(void *core)
     user_task_over(static_cast<qor_core_context_t *>(core));
 }
 
+void periodic_turn_run(qor_core_context_t *core, qor_time_que_node_t *node)
+{
+    user_periodic *periodic = reinterpret_cast<user_periodic *>(bus_periodic_of(node));
+    thread_scope inside(periodic_turn_left, core);
+    bus_thread_name_set(sched_delegate_bus(&core->base), bus_periodic_task(&periodic->timer)->name);
+    periodic_run(periodic);
+}
+
 /* In a strict module the run waits in the queue. */
 bool periodic_turn(bus_periodic *timer)
 {
-    return contract_queue_periodic(user_periodic_core(timer), bus_periodic_node(timer));
+    qor_core_context_t *core = periodic_core(timer);
+    return core->priv->promise->calls->periodic(core, bus_periodic_node(timer));
 }
 
 void periodic_over(bus_periodic *timer)
 {
-    user_task_over(user_periodic_core(timer));
+    user_task_over(periodic_core(timer));
 }
+
+constexpr periodic_calls calls = {
+    /* has */ bus_periodic_has,
+    /* cancel */ bus_periodic_cancel,
+    /* end */ bus_periodics_end,
+    /* due */ bus_periodic_due,
+    /* run */ periodic_turn_run,
+    /* left */ periodic_left,
+    /* core */ periodic_core,
+};
 
 /* A timer with its task; NULL without memory, and a line. */
 user_periodic *periodic_create(qor_bus_t *bus, qor_context_t *context, qor_context_every_run_t run)
 {
-    bus_periodic *timer = bus_periodic_create(bus, sizeof(user_periodic));
+    bus_periodic *timer = bus_periodic_create(bus, sizeof(user_periodic), &calls);
     if (!timer) {
         return nullptr;
     }
@@ -108,7 +140,7 @@ user_periodic *periodic_create(qor_bus_t *bus, qor_context_t *context, qor_conte
  * under way there. */
 bool periodic_start(bus_periodic *timer)
 {
-    qor_core_context_t *core = user_periodic_core(timer);
+    qor_core_context_t *core = periodic_core(timer);
     if (!core) {
         return bus_periodic_start(timer);
     }
@@ -124,27 +156,6 @@ bool periodic_start(bus_periodic *timer)
 }
 
 } // namespace
-
-void user_periodic_left(void *timer)
-{
-    user_periodic *periodic = static_cast<user_periodic *>(timer);
-    periodic_end(periodic);
-    bus_periodic_over(&periodic->timer);
-}
-
-void user_periodic_run(qor_core_context_t *core, qor_time_que_node_t *node)
-{
-    user_periodic *periodic = reinterpret_cast<user_periodic *>(bus_periodic_of(node));
-    thread_scope inside(periodic_turn_left, core);
-    bus_thread_name_set(sched_delegate_bus(&core->base), bus_periodic_task(&periodic->timer)->name);
-    periodic_run(periodic);
-}
-
-qor_core_context_t *user_periodic_core(void *timer)
-{
-    qor_context_t *context = static_cast<bus_periodic *>(timer)->context;
-    return context->cls == &qor_core_context_class ? qor_core_context_type(context) : nullptr;
-}
 
 int32_t qor_context_every(qor_context_t *self, qor_context_every_run_t run, void *arg,
                           qor_context_recycle_t recycle, int32_t period_ms)

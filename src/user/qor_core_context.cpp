@@ -3,13 +3,13 @@
  * class. Lifecycle and private queue have sources of their own. */
 #include "qor_core_context.h"
 
-#include "contract_queue.hpp"
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_core.h"
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
 #include "qor_context_task.h"
+#include "qor_contract_priv.hpp"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_recycle.hpp"
@@ -211,7 +211,9 @@ void qor_core_context_destroy(qor_context_t *context)
 void qor_core_context_register(qor_context_t *context)
 {
     qor_core_context_t *core = qor_core_context_type(context);
-    contract_queue_bind(core);
+    if (contract *promise = sched_delegate_contract(context)) {
+        promise->calls->bind(core, *promise);
+    }
     qor_context_register(core->context);
 }
 
@@ -225,7 +227,9 @@ int32_t qor_core_context_start(qor_context_t *context)
     qor_core_context_t *core = qor_core_context_type(context);
     const int32_t ret = qor_context_start(core->context);
     qor_core_context_lifecycle_start(core);
-    contract_queue_open(core);
+    if (core->priv->promise) {
+        core->priv->promise->calls->open(core);
+    }
     return ret;
 }
 

@@ -1,14 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The private queue of a user context: the loop runs on the bus's workers that drain it, cancel,
  * and its end. */
-#include "contract_queue.hpp"
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
 #include "qor_context_task.h"
+#include "qor_contract_priv.hpp"
 #include "qor_core_context.h"
 #include "qor_core_context_priv.hpp"
-#include "qor_periodic_priv.hpp"
 #include "qor_que_priv.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
@@ -117,7 +116,7 @@ void user_timers_refuse(qor_bus_t *bus, const user_number *wanted)
 void user_loop_end_locked(qor_core_context_t *core, contract *promise, thread_record *record)
 {
     if (promise && promise->terms.strict) {
-        contract_run_leave_locked(*promise, user_loop_take(record));
+        promise->calls->run_leave_locked(*promise, user_loop_take(record));
         return;
     }
     /* Deliberate: a run that a timer started took no slot, but gives one back as well.
@@ -134,14 +133,15 @@ qor_time_que_node_t *user_task_take_back(qor_core_context_t *core)
     hal_scoped_lock lock(core->que->mutex);
     qor_time_que_node_t *node = time_que_take_if_locked(core->que, user_any, nullptr);
     if (node && core->priv->promise) {
-        contract_task_leaves_locked(*core->priv->promise, node, &qor_ledger_t::discarded);
+        core->priv->promise->calls->task_leaves_locked(*core->priv->promise, node,
+                                                       &qor_ledger_t::discarded);
     }
     return node;
 }
 
 /* Counts the tasks on the calling thread's own stack out of what is under way, or in again; runs of
  * periodic timers too. */
-void user_tasks_below_count(bool in)
+void user_tasks_below_count(const periodic_calls *periodic, bool in)
 {
     const auto count = [in](qor_core_context_t *below) {
         hal_scoped_lock lock(below->que->mutex);
@@ -154,8 +154,11 @@ void user_tasks_below_count(bool in)
     thread_scopes_each(user_task_left, [count](void *node) {
         count(user_core_of(static_cast<qor_time_que_node_t *>(node)));
     });
-    thread_scopes_each(user_periodic_left, [count](void *timer) {
-        if (qor_core_context_t *below = user_periodic_core(timer)) {
+    if (!periodic) {
+        return;
+    }
+    thread_scopes_each(periodic->left, [count, periodic](void *timer) {
+        if (qor_core_context_t *below = periodic->core(timer)) {
             count(below);
         }
     });
@@ -171,7 +174,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
     thread_record *record = thread_record_get();
     loop_turn turn = {};
     qor_time_que_lock(core->que);
-    if (promise && !contract_run_enter_locked(core)) {
+    if (promise && !promise->calls->run_enter_locked(core)) {
         qor_time_que_unlock(core->que);
         return 0;
     }
@@ -185,7 +188,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
             continue;
         }
         qor_time_que_node_t *node =
-            promise ? contract_queue_take_locked(core) : qor_time_que_deque_locked(core->que);
+            promise ? promise->calls->take_locked(core) : qor_time_que_deque_locked(core->que);
         if (!node) {
             break;
         }
@@ -197,7 +200,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
         }
         qor_time_que_unlock(core->que);
         if (periodic) {
-            user_periodic_run(core, node);
+            hal_load(bus->priv->periodics.calls)->run(core, node);
         } else {
             user_task_run(core, node, record);
         }
@@ -216,7 +219,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
 int32_t user_task_cancel(qor_core_context_t *core, int32_t session)
 {
     qor_bus_t *bus = sched_delegate_bus(&core->base);
-    if (bus && bus_periodic_cancel(bus, session) == 0) {
+    if (bus && bus_periodic_is_cancelled(bus, session)) {
         return 0;
     }
     qor_time_que_lock(core->que);
@@ -228,7 +231,8 @@ int32_t user_task_cancel(qor_core_context_t *core, int32_t session)
                                     user_number_is<qor_time_que_node_t>, &wanted)
               : nullptr;
     if (node && core->priv->promise) {
-        contract_task_leaves_locked(*core->priv->promise, node, &qor_ledger_t::cancelled);
+        core->priv->promise->calls->task_leaves_locked(*core->priv->promise, node,
+                                                       &qor_ledger_t::cancelled);
     }
     qor_time_que_unlock(core->que);
     if (!node) {
@@ -260,7 +264,7 @@ void user_tasks_close(qor_core_context_t *core)
     hal_scoped_lock lock(core->que->mutex);
     core->priv->closed = 1;
     if (core->priv->promise) {
-        contract_queue_closed_locked(*core->priv->promise);
+        core->priv->promise->calls->closed_locked(*core->priv->promise);
     }
 }
 
@@ -291,17 +295,22 @@ void user_tasks_refuse(qor_core_context_t *core)
         user_timers_refuse(bus, &any);
         user_runs_refuse(bus, &any); /* timers that fell due meanwhile */
     }
-    bus_periodics_end(bus, &core->base);
+    const periodic_calls *periodic = hal_load(bus->priv->periodics.calls);
+    if (periodic) {
+        periodic->end(bus, &core->base);
+    }
 }
 
 void user_tasks_await(qor_core_context_t *core)
 {
-    user_tasks_below_count(false);
+    const qor_bus_t *bus = sched_delegate_bus(&core->base);
+    const periodic_calls *periodic = bus ? hal_load(bus->priv->periodics.calls) : nullptr;
+    user_tasks_below_count(periodic, false);
     {
         hal_scoped_lock lock(core->que->mutex);
         while (core->priv->under_way > 0) {
             qor_time_que_wait_locked(core->que);
         }
     }
-    user_tasks_below_count(true);
+    user_tasks_below_count(periodic, true);
 }

@@ -3,10 +3,10 @@
  * its timer, the run that the timer starts, a run of its own, is made before it is accepted. */
 #include "user_admission.hpp"
 
-#include "contract_queue.hpp"
 #include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
+#include "qor_contract_priv.hpp"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"
@@ -242,5 +242,6 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
         QOR_ERR("malloc \"que_node\" failed.");
         return admission_drop(post);
     }
-    return post.core->priv->promise ? contract_queue_admit(post) : admission_queue(post);
+    return post.core->priv->promise ? post.core->priv->promise->calls->admit(post)
+                                    : admission_queue(post);
 }

@@ -5,10 +5,10 @@
 
 #include <string.h>
 
-#include "contract_queue.hpp"
 #include "hal_sync.hpp"
 #include "message_node.hpp"
 #include "qor_context_task.h"
+#include "qor_contract_priv.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "task_watch.hpp"
@@ -47,7 +47,8 @@ void user_run_leaves(qor_core_context_t *core, qor_time_que_node_t *node)
 {
     if (core->priv->promise) {
         hal_scoped_lock lock(core->que->mutex);
-        contract_task_leaves_locked(*core->priv->promise, node, &qor_ledger_t::discarded);
+        core->priv->promise->calls->task_leaves_locked(*core->priv->promise, node,
+                                                       &qor_ledger_t::discarded);
     }
 }
 
@@ -65,7 +66,7 @@ bool user_run_begin(qor_core_context_t *core, qor_time_que_node_t *node)
 {
     hal_scoped_lock lock(core->que->mutex);
     if (core->priv->promise && !core->priv->closed) {
-        contract_task_run_locked(core, node);
+        core->priv->promise->calls->task_run_locked(core, node);
     }
     return !core->priv->closed;
 }

@@ -11,6 +11,7 @@ static qor_context_t *asker;
 static int32_t asked; /* session of the last request */
 
 static atomic_int answers_later;
+static atomic_int deferred;
 static uint64_t token;
 
 static atomic_int up, requests, responses, wrong, listened, filtered, executed, down;
@@ -63,6 +64,7 @@ static int32_t answerer_handle(qor_context_t *self, qor_context_msg_t *msg)
         if (qor_context_defer(self, msg, PATIENCE, &token) != 0) {
             atomic_fetch_add(&wrong, 1);
         }
+        atomic_fetch_add(&deferred, 1);
         return 0;
     }
     if (msg->type != QOR_CONTEXT_MSG_REQUEST || memcmp(msg->request.buf, "why", 3) != 0) {
@@ -193,14 +195,17 @@ static void check_answers_come_later(void)
     atomic_store(&answers_later, 1);
     asked = qor_context_req_ret(asker, TOPIC, question, 3, 3);
     check("a request is taken that is answered later", asked >= 0);
-    check("the bus does not wait for it", settled());
+    check("it is deferred", reached(&deferred, 1));
+    check("the bus waits for it", qor_bus_drain(bus, 0) == -1);
     check("there is no response yet", atomic_load(&responses) == before);
     check("the request can be read",
           qor_deferred_request(token, copy, sizeof(copy)) == 3 && memcmp(copy, "why", 3) == 0);
     check("it is completed", qor_deferred_complete(token, RET, "yes", 3) == 0);
     check("then the response comes", reached(&responses, before + 1));
     check("once", qor_deferred_complete(token, RET, "yes", 3) == -1);
+    check("and then the bus settles", settled());
     atomic_store(&answers_later, 0);
+    atomic_store(&deferred, 0);
 }
 
 static void check_tasks_run(void)

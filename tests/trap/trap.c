@@ -16,7 +16,7 @@ static atomic_int visits;
 
 static void visit(void)
 {
-    for (int i = 0; i < 1000; i++) {
+    for (int i = 0; i < 20000; i++) {
         counter++;
     }
     if (atomic_fetch_add(&visits, 1) + 1 == 2 * ROUNDS) {
