@@ -226,6 +226,14 @@ bool bus_watched(const qor_bus_t *bus)
     return !hal_load(bus->priv->watch.off);
 }
 
+void bus_deferred_over(const qor_bus_t *bus)
+{
+    const deferred_calls *deferred = hal_load(deferred_made);
+    if (deferred) {
+        deferred->bus_over(bus);
+    }
+}
+
 void bus_head_uninit(qor_bus_t *bus)
 {
     contracts_free(bus);
@@ -401,7 +409,7 @@ void qor_bus_destroy(qor_bus_t *bus)
 
 void qor_bus_uninit(qor_bus_t *_this)
 {
-    deferred_bus_over(_this);
+    bus_deferred_over(_this);
     if (_this->time_que) {
         hal_scoped_lock lock(_this->time_que->mutex);
         _this->priv->gone = 1;

@@ -5,7 +5,6 @@
 #include "hal_sync.hpp"
 #include "qor_bus.h"
 #include "qor_bus_priv.hpp"
-#include "qor_deferred_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_que_priv.hpp"
 #include "qor_recycle.hpp"
@@ -144,7 +143,7 @@ int32_t bus_loop_run(qor_bus_t *bus, const char *func)
 
 void bus_tasks_discard(qor_bus_t *bus)
 {
-    deferred_bus_over(bus);
+    bus_deferred_over(bus);
     que_discard_all(bus->que, recycle_of(qor_context_task_uninit));
     if (bus->time_que) {
         time_que_discard_all(bus->time_que, recycle_of(qor_context_task_uninit));

@@ -94,6 +94,9 @@ void bus_visitors_await(qor_bus_private &priv);
 /* Recycles what is still queued once the queues have quit. */
 void bus_tasks_discard(qor_bus_t *bus);
 
+/* Discards the bus's deferred requests. */
+void bus_deferred_over(const qor_bus_t *bus);
+
 /* Undoes what qor_bus_init() did before it made the tables; the private block goes with it. */
 void bus_head_uninit(qor_bus_t *bus);
 

@@ -311,7 +311,7 @@ void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t session
         }
         if (inside.deferral()) {
             message_node_release(); /* first: the message may be gone after the next call */
-            deferred_returned(inside.deferral(), clone->ret);
+            hal_load(deferred_made)->returned(inside.deferral(), clone->ret);
             return nullptr;
         }
     }
@@ -525,6 +525,8 @@ qor_context_handler_t qor_sched_delegate_handler = {
 
 } // namespace
 
+const deferred_calls *deferred_made;
+
 qor_sched_delegate_t *delegate_of(const qor_context_t *context)
 {
     return static_cast<qor_sched_delegate_t *>(context->pub_data);
@@ -590,7 +592,8 @@ void sched_delegate_relay_refuse(void *task)
 {
     const qor_context_task_t *relay = static_cast<const qor_context_task_t *>(task);
     qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(relay->arg);
-    if (deferred_left(clone)) {
+    const deferred_calls *deferred = hal_load(deferred_made);
+    if (deferred && deferred->left(clone)) {
         return;
     }
     clone->ret = -1;
@@ -667,5 +670,8 @@ void qor_sched_delegate_destroy(qor_sched_delegate_t *_this)
     /* Deliberate: the record and its locks stay, a task that is still queued may name them.
      * Test: SchedDelegate.DestroyLeavesTheRecord. */
     delegate_unregister_all(_this);
-    deferred_subscriber_over(_this->context);
+    const deferred_calls *deferred = hal_load(deferred_made);
+    if (deferred) {
+        deferred->subscriber_over(_this->context);
+    }
 }

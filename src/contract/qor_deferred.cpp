@@ -251,8 +251,6 @@ void deferral_drop(uint64_t token)
     deferral_drop_locked(deferral_find_locked(token));
 }
 
-} // namespace
-
 void deferred_returned(uint64_t token, int32_t ret)
 {
     result_complain(ret, "qor_context_defer");
@@ -295,6 +293,15 @@ void deferred_bus_over(const qor_bus_t *bus)
     }
 }
 
+constexpr deferred_calls calls = {
+    /* returned */ deferred_returned,
+    /* left */ deferred_left,
+    /* subscriber_over */ deferred_subscriber_over,
+    /* bus_over */ deferred_bus_over,
+};
+
+} // namespace
+
 int32_t qor_context_defer(qor_context_t *self, qor_context_msg_t *msg, int32_t wait_time,
                           uint64_t *token)
 {
@@ -312,6 +319,7 @@ int32_t qor_context_defer(qor_context_t *self, qor_context_msg_t *msg, int32_t w
         QOR_ERR("the request is deferred already.");
         return -1;
     }
+    hal_store(deferred_made, &calls);
     deferral_parts parts = {};
     const char *problem =
         parts_make(parts, wait_time) < 0 ? no_memory : deferral_add(*handled, parts);

@@ -37,15 +37,23 @@ private:
     thread_request *before_;
 };
 
-/* The handler of a deferred request has returned, and the message is no longer the caller's. */
-void deferred_returned(uint64_t token, int32_t ret);
+/* What others tell of deferred requests. Called through deferred_made alone, so that a program that
+ * is linked statically and defers none has none of it. */
+struct deferred_calls {
+    /* The handler of a deferred request has returned, and the message is no longer the caller's. */
+    void (*returned)(uint64_t token, int32_t ret);
 
-/* The same where it has ended its thread. false when the request has not been deferred. */
-bool deferred_left(const qor_context_msg_t *msg);
+    /* The same where it has ended its thread. false when the request has not been deferred. */
+    bool (*left)(const qor_context_msg_t *msg);
 
-/* Discard what is open: all that a module has deferred, all of a bus. The latter also keeps what is
- * complete from being handed over, for the bus is not there any more when its handler returns. */
-void deferred_subscriber_over(const qor_context_t *context);
-void deferred_bus_over(const qor_bus_t *bus);
+    /* Discard what is open: all that a module has deferred, all of a bus. The latter also keeps
+     * what is complete from being handed over, for the bus is not there any more when its handler
+     * returns. */
+    void (*subscriber_over)(const qor_context_t *context);
+    void (*bus_over)(const qor_bus_t *bus);
+};
+
+/* NULL before the first request is deferred; read without a lock. */
+extern const deferred_calls *deferred_made;
 
 #endif /* QOR_DEFERRED_PRIV_HPP */
