@@ -293,21 +293,22 @@ void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t session
 {
     const qor_sched_delegate_t *delegate = delegate_of(publisher);
     const bool contracts = bus_has_contracts(*delegate->bus);
+    thread_record *record = thread_record_get();
     qor_context_msg_t *clone = static_cast<qor_context_msg_t *>(arg);
     /* Deliberate: the subscriber is looked up here and now. One that has unsubscribed since the
      * request was handed to it is passed by in favour of the newest that remains.
      * Test: SchedDelegate.TheRelayLooksTheSubscriberUpAgain. */
     qor_context_t *aim = subscriber_enter(delegate_table(delegate), clone->topic);
-    if (contracts && aim && contract_is_elsewhere(sched_delegate_contract(aim))) {
+    if (contracts && aim && contract_is_elsewhere(sched_delegate_contract(aim), record)) {
         if (request_move(publisher, aim, clone) == 0) {
             return nullptr;
         }
         clone->ret = QOR_RET_DROPPED;
     } else {
-        deferred_scope inside(clone, publisher, aim);
+        deferred_scope inside(clone, publisher, aim, record);
         request_handle(publisher, aim, clone, __func__);
         if (contracts) {
-            contract_handler_returned();
+            contract_handler_returned(record);
         }
         if (inside.deferral()) {
             message_node_release(); /* first: the message may be gone after the next call */

@@ -66,11 +66,11 @@ void place_free_locked(contract &promise, qor_time_que_node_t *node)
     }
 }
 
-void task_run_locked(qor_core_context_t *core, qor_time_que_node_t *node)
+void task_run_locked(qor_core_context_t *core, qor_time_que_node_t *node, thread_record *record)
 {
     contract &promise = *core->priv->promise;
     if (!node || !(que_front_of(node)->flags & que_counted)) {
-        contract_task_inside(promise, thread_record_get());
+        contract_task_inside(promise, record);
         return;
     }
     const qor_context_task_t *task = bus_task_of(node);
@@ -78,7 +78,7 @@ void task_run_locked(qor_core_context_t *core, qor_time_que_node_t *node)
     if (que_front_of(node)->flags & que_reply) {
         contract_reply_back(&promise);
     }
-    contract_task_begun_locked(promise, thread_record_get());
+    contract_task_begun_locked(promise, record);
 }
 
 void task_leaves_locked(contract &promise, qor_time_que_node_t *node, contract_counter as)
@@ -531,10 +531,9 @@ int32_t queue_admit(admission &post)
     return what == verdict::wait ? arrival_block(in) : arrival_end(in, what);
 }
 
-bool run_enter_locked(qor_core_context_t *core)
+bool run_enter_locked(qor_core_context_t *core, thread_record *record)
 {
     contract &promise = *core->priv->promise;
-    const thread_record *record = thread_record_get();
     qor_que_node_t *run = record ? static_cast<qor_que_node_t *>(record->running) : nullptr;
     que_front *front = run && (que_front_of(run)->flags & que_again) ? que_front_of(run) : nullptr;
     if (!promise.terms.strict || (front && front->number == 0)) {
@@ -549,12 +548,12 @@ bool run_enter_locked(qor_core_context_t *core)
     }
     /* A timer's run beside enough others: one of them serves what is due. */
     if (front) {
-        run_keep_locked(promise, user_loop_take(thread_record_get()));
+        run_keep_locked(promise, user_loop_take(record));
     }
     return false;
 }
 
-qor_time_que_node_t *queue_take_locked(qor_core_context_t *core)
+qor_time_que_node_t *queue_take_locked(qor_core_context_t *core, thread_record *record)
 {
     contract &promise = *core->priv->promise;
     qor_time_que_node_t *node = next_locked(core->que, promise);
@@ -566,7 +565,7 @@ qor_time_que_node_t *queue_take_locked(qor_core_context_t *core)
     }
     place_free_locked(promise, node);
     if (!bus_task_of(node)->async) {
-        task_run_locked(core, node);
+        task_run_locked(core, node, record);
     }
     return node;
 }

@@ -287,9 +287,8 @@ void contract_task_over_locked(contract &promise, thread_record *record)
     }
 }
 
-bool contract_is_elsewhere(const contract *promise)
+bool contract_is_elsewhere(const contract *promise, const thread_record *record)
 {
-    const thread_record *record = thread_record_get();
     const contract *slot =
         record && record->task_of && record->task_of->terms.strict ? record->task_of : nullptr;
     return slot != (promise && promise->terms.strict ? promise : nullptr);
@@ -313,9 +312,8 @@ void contract_moved(const qor_loss_t *lost)
     }
 }
 
-void contract_handler_returned()
+void contract_handler_returned(thread_record *record)
 {
-    thread_record *record = thread_record_get();
     if (record && record->task_of && record->task == task_running) {
         record->task = task_returned;
         __atomic_fetch_add(&record->task_of->returned, 1, __ATOMIC_RELAXED);

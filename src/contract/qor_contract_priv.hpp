@@ -31,17 +31,19 @@ struct contract_calls {
     /* What a post comes to, as of qor_core_context_handle_task(). Its memory has been made. */
     int32_t (*admit)(admission &post);
 
-    /* Whether the loop run that the calling thread is in may run tasks of the queue. */
-    bool (*run_enter_locked)(qor_core_context_t *core);
+    /* Whether the loop run that the thread with that record, or NULL, is in may run tasks of the
+     * queue. */
+    bool (*run_enter_locked)(qor_core_context_t *core, thread_record *record);
 
     /* Such a run of a strict queue ends. Its node comes back for the next one, if it is given. */
     void (*run_leave_locked)(contract &promise, qor_que_node_t *node);
 
     /* The next task that may be begun, or NULL. One that gets no run of its own is begun. */
-    qor_time_que_node_t *(*take_locked)(qor_core_context_t *core);
+    qor_time_que_node_t *(*take_locked)(qor_core_context_t *core, thread_record *record);
 
     /* A task that had got a run of its own is begun; NULL: it has gone past the queue. */
-    void (*task_run_locked)(qor_core_context_t *core, qor_time_que_node_t *node);
+    void (*task_run_locked)(qor_core_context_t *core, qor_time_que_node_t *node,
+                            thread_record *record);
 
     /* A task leaves the queue, or its run, unrun. */
     void (*task_leaves_locked)(contract &promise, qor_time_que_node_t *node, contract_counter as);
@@ -105,15 +107,15 @@ void contract_periodic_begun(contract &promise);
 void contract_task_inside(contract &promise, thread_record *record);
 
 /* Whether a request whose newest subscriber has that contract, or NULL, may not be handled in the
- * queue that the calling thread has it from: one of the two is strict. */
-bool contract_is_elsewhere(const contract *promise);
+ * queue that the thread with that record, or NULL, has it from: one of the two is strict. */
+bool contract_is_elsewhere(const contract *promise, const thread_record *record);
 
 /* So the request that the thread runs has been handed on, or, with a record that lacks its module,
  * lost. */
 void contract_moved(const qor_loss_t *lost);
 
-/* The handler of the request that the thread runs has returned. */
-void contract_handler_returned();
+/* The handler of the request that the thread with that record, or NULL, runs has returned. */
+void contract_handler_returned(thread_record *record);
 
 /* The task that the thread runs has ended. The caller holds the queue's lock. */
 void contract_task_over_locked(contract &promise, thread_record *record);

@@ -12,8 +12,9 @@
  * is not the library's. */
 class deferred_scope {
 public:
-    deferred_scope(const qor_context_msg_t *msg, qor_context_t *publisher, qor_context_t *aim)
-        : record_(thread_record_get()), request_{msg, publisher, aim, 0},
+    deferred_scope(const qor_context_msg_t *msg, qor_context_t *publisher, qor_context_t *aim,
+                   thread_record *record = thread_record_get())
+        : record_(record), request_{msg, publisher, aim, 0},
           before_(record_ ? record_->handled : nullptr)
     {
         if (record_) {

@@ -174,7 +174,7 @@ int32_t qor_core_context_loop(qor_context_t *context)
     thread_record *record = thread_record_get();
     loop_turn turn = {};
     qor_time_que_lock(core->que);
-    if (promise && !promise->calls->run_enter_locked(core)) {
+    if (promise && !promise->calls->run_enter_locked(core, record)) {
         qor_time_que_unlock(core->que);
         return 0;
     }
@@ -187,8 +187,8 @@ int32_t qor_core_context_loop(qor_context_t *context)
             qor_time_que_lock(core->que);
             continue;
         }
-        qor_time_que_node_t *node =
-            promise ? promise->calls->take_locked(core) : qor_time_que_deque_locked(core->que);
+        qor_time_que_node_t *node = promise ? promise->calls->take_locked(core, record)
+                                            : qor_time_que_deque_locked(core->que);
         if (!node) {
             break;
         }

@@ -66,7 +66,7 @@ bool user_run_begin(qor_core_context_t *core, qor_time_que_node_t *node)
 {
     hal_scoped_lock lock(core->que->mutex);
     if (core->priv->promise && !core->priv->closed) {
-        core->priv->promise->calls->task_run_locked(core, node);
+        core->priv->promise->calls->task_run_locked(core, node, thread_record_get());
     }
     return !core->priv->closed;
 }
