@@ -41,7 +41,9 @@ thread_record *thread_record_get()
 
 void thread_record_set(thread_record *record)
 {
-    pthread_setspecific(key, record);
+    if (hal_load(key_made)) {
+        pthread_setspecific(key, record);
+    }
 }
 
 void thread_record_leave(thread_record &record)

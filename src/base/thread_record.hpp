@@ -54,6 +54,7 @@ struct thread_record {
     int32_t losing;          /* 1 while it tells of a loss */
     const void *moving;      /* the message that it hands on to a newer subscriber, or NULL */
     thread_request *handled; /* NULL: none */
+    int32_t printing;        /* 1 while it is inside the sink of lines */
     uint32_t depth;          /* scopes entered, also those beyond the limit */
     struct {
         void (*leave)(void *what);
@@ -73,6 +74,31 @@ void thread_record_set(thread_record *record);
 
 /* Leaves all scopes that are entered, innermost first: the thread is ending inside them. */
 void thread_record_leave(thread_record &record);
+
+/* The calling thread's record; a thread that is not the library's has one as long as this lives. */
+class thread_record_here {
+public:
+    thread_record_here() : record_(thread_record_get())
+    {
+        if (!record_) {
+            record_ = &own_;
+            thread_record_set(&own_);
+        }
+    }
+    ~thread_record_here()
+    {
+        if (record_ == &own_) {
+            thread_record_set(nullptr);
+        }
+    }
+    thread_record_here(const thread_record_here &) = delete;
+    thread_record_here &operator=(const thread_record_here &) = delete;
+    thread_record &get() { return *record_; }
+
+private:
+    thread_record *record_;
+    thread_record own_ = {};
+};
 
 /* From construction to destruction, a pthread_exit() calls leave(what) on the calling thread, if it
  * is one of the library's. The usual way out calls nothing. */

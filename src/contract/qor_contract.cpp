@@ -191,31 +191,6 @@ void contract_free(list_head *link)
     free(promise);
 }
 
-/* The calling thread's record; one that is not the library's has the one given for a while. */
-class record_here {
-public:
-    record_here() : record_(thread_record_get())
-    {
-        if (!record_) {
-            record_ = &own_;
-            thread_record_set(&own_);
-        }
-    }
-    ~record_here()
-    {
-        if (record_ == &own_) {
-            thread_record_set(nullptr);
-        }
-    }
-    record_here(const record_here &) = delete;
-    record_here &operator=(const record_here &) = delete;
-    thread_record &get() { return *record_; }
-
-private:
-    thread_record *record_;
-    thread_record own_ = {};
-};
-
 } // namespace
 
 const char *contract_name(const contract &promise)
@@ -355,7 +330,7 @@ void contract_lost(const contract &promise, qor_loss_t loss)
     if (!promise.terms.lost) {
         return;
     }
-    record_here here;
+    thread_record_here here;
     thread_record &record = here.get();
     if (record.losing) {
         return;

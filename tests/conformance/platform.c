@@ -12,6 +12,17 @@ static int format(char *text, int size, const char *how, ...)
     return length;
 }
 
+static int taken;
+
+static void take(void *arg, int32_t level, const char *fmt, va_list ap)
+{
+    char text[16];
+    hal_vsnprintf(text, sizeof(text), fmt, ap);
+    taken += !arg && level == QOR_LEVEL_INF && strcmp(text, "taken\n") == 0;
+}
+
+static const qor_output_t sink = {take, NULL};
+
 static void check_list(void)
 {
     list_head head, first, second;
@@ -33,6 +44,11 @@ void check_platform(void)
 
     check("qor_version tells the project's version", strcmp(qor_version(), PROJECT_VERSION) == 0);
     hal_printf("%s\n", "conformance");
+    qor_output_set(&sink);
+    hal_printf("%s\n", "taken");
+    qor_output_set(NULL);
+    hal_printf("%s\n", "not taken");
+    check("qor_output_set", taken == 1);
     check("hal_snprintf gives the whole length", hal_snprintf(text, 4, "%d", 12345) == 5);
     check("hal_snprintf cuts and terminates", strcmp(text, "123") == 0);
     check("hal_vsnprintf formats", format(text, sizeof(text), "%s-%d", "a", 7) == 3);

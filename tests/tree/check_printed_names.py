@@ -15,6 +15,7 @@ ADDED = {
     ("qor_bus", "qor_bus_wait_up"),
     ("qor_bus", "qor_bus_task_loop"),  # no thread in the place of one that a task has ended
     ("qor_thread_pool", "qor_thread_pool_replace_thread"),  # the same in the pool
+    ("qor_hal", "qor_output_set"),
     *(("qor_contract", f) for f in ("qor_contract_init", "qor_bus_contract_set", "qor_bus_ledger")),
     ("qor_periodic", "qor_context_every"),  # a periodic timer that is refused
     ("qor_deferred", "qor_context_defer"),

@@ -72,6 +72,7 @@ RECORD(qor_context_msg_t, 32, FIELD(type), FIELD(session), FIELD(ret), FIELD(top
 RECORD(qor_context_task_t, 64, FIELD(name), FIELD(context), FIELD(session), FIELD(async),
        FIELD(delay), FIELD(arg), FIELD(recycle), FIELD(fun_type), FIELD(fun));
 
+RECORD(qor_output_t, 8, FIELD(write), FIELD(arg));
 RECORD(qor_loss_t, 20, FIELD(module), FIELD(topic), FIELD(session), FIELD(kind), FIELD(reason));
 RECORD(qor_contract_t, 56, FIELD(size), FIELD(strict), FIELD(depth), FIELD(replies),
        FIELD(overflow), FIELD(wait_time), FIELD(open_max), FIELD(reserved0), FIELD(lost), FIELD(arg),

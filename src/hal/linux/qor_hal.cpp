@@ -6,15 +6,66 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "hal_sync.hpp"
+#include "qor_diag.hpp"
 #include "thread_record.hpp"
+
+namespace {
+
+constexpr char file_tag[] = "qor_hal";
+
+const qor_output_t *output; /* NULL: standard output; read without a lock */
+
+/* The level in a line's format, "[%s][err]...". */
+int32_t level_of(const char *fmt)
+{
+    constexpr char tag[] = "[%s][";
+    constexpr size_t length = sizeof(tag) - 1;
+    if (strncmp(fmt, tag, length) != 0) {
+        return QOR_LEVEL_INF;
+    }
+    if (strncmp(fmt + length, "err]", 4) == 0) {
+        return QOR_LEVEL_ERR;
+    }
+    return strncmp(fmt + length, "wrn]", 4) == 0 ? QOR_LEVEL_WRN : QOR_LEVEL_INF;
+}
+
+/* Hands a line to the sink: false when there is none, or the thread is inside it. */
+bool output_taken(const char *fmt, va_list ap)
+{
+    const qor_output_t *to = hal_load(output);
+    if (!to) {
+        return false;
+    }
+    thread_record_here here;
+    thread_record &record = here.get();
+    if (record.printing) {
+        return false;
+    }
+    record.printing = 1;
+    to->write(to->arg, level_of(fmt), fmt, ap);
+    record.printing = 0;
+    return true;
+}
+
+} // namespace
 
 void hal_printf(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    vprintf(fmt, ap);
+    if (!output_taken(fmt, ap)) {
+        vprintf(fmt, ap);
+        fflush(stdout);
+    }
     va_end(ap);
-    fflush(stdout);
+}
+
+void qor_output_set(const qor_output_t *to)
+{
+    QOR_CHECK_VOID(!to || to->write);
+    QOR_CHECK_VOID(thread_records_open() == 0); /* a thread inside the sink must be known */
+    hal_store(output, to);
 }
 
 int hal_snprintf(char *str, const int len, const char *fmt, ...)

@@ -22,10 +22,36 @@ typedef pthread_cond_t hal_thread_cond_t;
 typedef pthread_condattr_t hal_thread_condattr_t;
 
 /**
- * Writes to standard output and flushes it, so that a line printed just before a crash is seen. One
- * call is one uninterrupted piece of output. Any thread.
+ * Writes to standard output and flushes it, so that a line printed just before a crash is seen, or
+ * hands the line to the sink of qor_output_set(). One call is one uninterrupted piece of output.
+ * Any thread.
  */
 QOR_API void hal_printf(const char *fmt, ...) QOR_PRINTF(1, 2);
+
+/** Levels of lines; the numbers are syslog's. */
+enum { QOR_LEVEL_ERR = 3, QOR_LEVEL_WRN = 4, QOR_LEVEL_INF = 6 };
+
+/** Where lines go instead of standard output. */
+typedef struct qor_output {
+    /** Takes a line, on the thread that prints it and perhaps with locks of the bus held: it must
+     * not call the bus. fmt ends in a newline; fmt and ap are what vsyslog() and vfprintf() take. A
+     * line that is printed from inside goes to standard output. */
+    void (*write)(void *arg, int32_t level, const char *fmt, va_list ap);
+    void *arg; /**< handed to write; stays the caller's */
+} qor_output_t;
+
+/**
+ * Sends all lines of the process to another place: the library's, at the level that stands in them,
+ * and what an application prints with hal_printf(), at QOR_LEVEL_INF where it has none.
+ *
+ * @param to  not copied, and read until the process ends, also after another has been set; NULL:
+ *            standard output
+ *
+ * Any thread, any time; a line under way still goes to the former place. Prints
+ * "!(!to || to->write) == true." for a record without a function, or "!(thread_records_open() == 0)
+ * == true." when the system has no thread key left; then nothing changes.
+ */
+QOR_API void qor_output_set(const qor_output_t *to);
 
 /**
  * Formats into a buffer, as snprintf does.
