@@ -454,9 +454,7 @@ int32_t arrival_wait(arrival &in, blocked_poster &me)
         }
         const bool served = !is_closed_locked(in) && is_served_locked(in.promise, me);
         list_del(&me.link);
-        if (!served) {
-            place_offer_locked(in.promise); /* the next may have been behind this one alone */
-        }
+        place_offer_locked(in.promise); /* several may be free, or this one gives up */
         posted = arrival_end(in, served ? verdict::accept : verdict::refuse);
     }
     if (stays) {

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* What becomes of arrivals that find no place in a module's queue. */
 #include "contract_fixture.hpp"
+#include "sleeper.hpp"
 
 namespace {
 
@@ -242,6 +243,35 @@ TEST_F(ContractOverflow, BlockedPostersGoOnInTheOrderOfTheirArrival)
     }
     ASSERT_TRUE(settles());
     EXPECT_EQ(seen.text(), "abcdefghij");
+    end();
+}
+
+TEST_F(ContractOverflow, BlockedPostersTakeAllThePlacesThatComeFree)
+{
+    held_with(strict_terms(2, QOR_OVERFLOW_BLOCK, 20000));
+    int32_t waiting[] = {ask(1), ask(2)};
+    for (int round = 0; round < 20; round++) {
+        std::atomic<int32_t> sessions[] = {-2, -2};
+        Sleeper sleepers[2];
+        std::vector<Thread> posters;
+        for (int i = 0; i < 2; i++) {
+            posters.emplace_back([&, i] {
+                sleepers[i].here();
+                sessions[i] = ask(3);
+            });
+            ASSERT_TRUE(await([&] { return sleepers[i].sleeps(); }));
+        }
+
+        for (const int32_t session : waiting) { /* before the first of them has woken */
+            ASSERT_EQ(qor_context_handler_cancel(server.context(), session), 0);
+        }
+
+        for (int i = 0; i < 2; i++) {
+            posters[static_cast<size_t>(i)].join();
+            waiting[i] = sessions[i];
+            ASSERT_GE(waiting[i], 0) << "in round " << round;
+        }
+    }
     end();
 }
 
