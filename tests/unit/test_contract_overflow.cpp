@@ -246,6 +246,26 @@ TEST_F(ContractOverflow, BlockedPostersGoOnInTheOrderOfTheirArrival)
     end();
 }
 
+TEST_F(ContractOverflow, ANewcomerDoesNotOvertakeABlockedPoster)
+{
+    held_with(strict_terms(1, QOR_OVERFLOW_BLOCK, 1000));
+    const int32_t waiting = ask(1);
+    std::atomic<int32_t> session{-2};
+    Sleeper sleeper;
+    Thread poster([&] {
+        sleeper.here();
+        session = ask(2);
+    });
+    ASSERT_TRUE(await([&] { return sleeper.sleeps(); }));
+
+    ASSERT_EQ(qor_context_handler_cancel(server.context(), waiting), 0);
+
+    EXPECT_EQ(ask(3), -1); /* though there was a place when it came */
+    poster.join();
+    EXPECT_GE(session, 0);
+    end();
+}
+
 TEST_F(ContractOverflow, BlockedPostersTakeAllThePlacesThatComeFree)
 {
     held_with(strict_terms(2, QOR_OVERFLOW_BLOCK, 20000));

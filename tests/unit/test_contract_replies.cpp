@@ -95,6 +95,31 @@ TEST_F(ContractReplies, ACancelledRequestGivesThePlaceBack)
     end();
 }
 
+TEST_F(ContractReplies, ACancelledResponseGivesThePlaceBack)
+{
+    running_with_replies(1);
+    ASSERT_GE(qor_context_run(
+                  client.context(),
+                  [](void *where) -> void * {
+                      static_cast<Door *>(where)->pass();
+                      return nullptr;
+                  },
+                  &door),
+              0);
+    ASSERT_TRUE(door.await(1));
+    const int32_t session = ask();
+    ASSERT_GE(session, 0);
+    ASSERT_TRUE(await([&] { return ledger_of(bus->get(), "client").waiting == 1; }));
+    ASSERT_EQ(ask(), -1);
+
+    ASSERT_EQ(qor_context_handler_cancel(client.context(), session), 0);
+
+    EXPECT_GE(ask(), 0);
+    door.open();
+    EXPECT_TRUE(await([&] { return answers.text() == "a"; }));
+    end();
+}
+
 TEST_F(ContractReplies, TheResponseThatHasBegunFreesThePlace)
 {
     client.handle = [&](qor_context_t *, qor_context_msg_t *) { return door.pass() ? 0 : -1; };

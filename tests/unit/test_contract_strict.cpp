@@ -137,6 +137,42 @@ TEST_F(ContractStrict, ALateTimerGoesBeforeWhatCameAfterItWasDue)
     end();
 }
 
+TEST_F(ContractStrict, ATimerFindsNoSlotFree)
+{
+    const auto note = [](void *letters) -> void * {
+        static_cast<Letters *>(letters)->add("T");
+        return nullptr;
+    };
+    Letters ours;
+    Letters later;
+    server.handle = [&](qor_context_t *, qor_context_msg_t *) { return door.pass() ? 0 : -1; };
+    running_with(strict_terms(), 2);
+    ASSERT_GE(ask(), 0);
+    ASSERT_TRUE(door.await(1));
+
+    ASSERT_GE(qor_context_timer(server.context(), note, &ours, 5), 0);
+    ASSERT_GE(qor_context_timer(client.context(), note, &later, 10), 0);
+
+    ASSERT_TRUE(await([&] { return later.text() == "T"; })); /* on the worker that is free */
+    EXPECT_EQ(ours.text(), "");
+    EXPECT_EQ(ledger().delayed, 1U);
+    door.open();
+    EXPECT_TRUE(await([&] { return ours.text() == "T"; }));
+    end();
+}
+
+TEST_F(ContractStrict, ARunThatEndsGivesItsSlotBack)
+{
+    running_with(strict_terms());
+    for (size_t i = 1; i <= 3; i++) {
+        ASSERT_GE(ask(), 0);
+
+        EXPECT_TRUE(await([&] { return answers.text().size() == i; }));
+        ASSERT_TRUE(settles()); /* no run is left */
+    }
+    end();
+}
+
 TEST_F(ContractStrict, NothingOfTheQueueRunsBeforeTheStartHasReturned)
 {
     std::atomic<int> handled{0};
