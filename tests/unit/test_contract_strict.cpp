@@ -199,6 +199,25 @@ TEST_F(ContractStrict, NothingOfTheQueueRunsBeforeTheStartHasReturned)
     end();
 }
 
+TEST_F(ContractStrict, ARequestCountsAsRunWhenItsHandlerHasReturned)
+{
+    Module filter("filter");
+    filter.reg = [](qor_context_t *c) {
+        qor_context_topic_attr_t attr = {QOR_CONTEXT_TOPIC_ATTR_POINT,
+                                         QOR_CONTEXT_TOPIC_ATTR_POINT_AFTER, 0};
+        qor_context_filter(c, TOPIC, &attr);
+    };
+    filter.handle = [&](qor_context_t *, qor_context_msg_t *) { return door.pass() ? 0 : -1; };
+    running_with(strict_terms(), 2, {&filter});
+
+    ASSERT_GE(ask(), 0);
+
+    ASSERT_TRUE(door.await(1)); /* on the way to its response */
+    EXPECT_EQ(ledger().run, 1U);
+    EXPECT_EQ(ledger().running, 0U);
+    end();
+}
+
 TEST_F(ContractStrict, ATaskThatEndsItsThreadGivesItsSlotBack)
 {
     server.handle = [&](qor_context_t *, qor_context_msg_t *msg) {
