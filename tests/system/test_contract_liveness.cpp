@@ -3,6 +3,7 @@
  * what finds no place, and with the fewest workers. */
 #include "case_name.hpp"
 #include "contract_fixture.hpp"
+#include "qor_deferred.h"
 
 namespace {
 
@@ -42,6 +43,7 @@ protected:
         qor_contract_t contract =
             strict_terms(places, how.policy, how.policy == QOR_OVERFLOW_BLOCK ? wait_time : 0);
         contract.strict = how.policy != QOR_OVERFLOW_BYPASS;
+        contract.open_max = open_max;
         server.descriptor.refcount = other.descriptor.refcount = how.refcount;
         bus_with(contract, workers, {&other, &plain, &late});
         ASSERT_EQ(qor_bus_contract_set(bus->get(), "other", &contract), 0);
@@ -63,6 +65,8 @@ protected:
     {
         if (msg->type == QOR_CONTEXT_MSG_RESPONSE) {
             answered++;
+        } else if (defer) {
+            return defer(self, msg);
         } else if (number_of(msg) > 0 && follow_up) {
             follow_up(self, number_of(msg) - 1);
         }
@@ -82,10 +86,10 @@ protected:
     }
 
     /* Many requests at once; gives how many were taken. */
-    int ask_many(qor_context_t *publisher)
+    int ask_many(qor_context_t *publisher, int number = requests)
     {
         int taken = 0;
-        for (int i = 0; i < requests; i++) {
+        for (int i = 0; i < number; i++) {
             taken += ask_from(publisher, AT_SERVER, 0);
         }
         return taken;
@@ -127,6 +131,8 @@ protected:
     Module plain{"plain"};
     Module late{"late"};
     std::function<void(qor_context_t *, int32_t)> follow_up;
+    std::function<int32_t(qor_context_t *, qor_context_msg_t *)> defer;
+    uint32_t open_max = 0;
     std::atomic<int> asked{0};
     std::atomic<int> answered{0};
     int64_t since = 0;
@@ -238,6 +244,40 @@ TEST_P(ContractLiveness, TwoThatFillEachOtherBesideIdleWorkers)
     load(/* workers */ 6, /* wait_time */ 20);
 
     fill_each_other(2);
+}
+
+/* A task of the module's own is to complete each; one that finds no place leaves that to the limit.
+ */
+TEST_P(ContractLiveness, RequestsAreDeferredOneAtATime)
+{
+    struct Completion {
+        static void *run(void *token)
+        {
+            qor_deferred_complete(*static_cast<uint64_t *>(token), 0, nullptr, 0);
+            return nullptr;
+        }
+        static void recycle(void *token) { delete static_cast<uint64_t *>(token); }
+    };
+    open_max = 1;
+    defer = [](qor_context_t *self, qor_context_msg_t *msg) {
+        auto token = std::make_unique<uint64_t>(0);
+        if (qor_context_defer(self, msg, /* wait_time */ 50, token.get()) < 0) {
+            return -1;
+        }
+        qor_context_task_t task = {};
+        qor_context_task_init(&task, self, nullptr, 9, Completion::run, token.get());
+        task.recycle = Completion::recycle;
+        if (qor_context_handler_post(self, &task) == 0) {
+            (void)token.release();
+        }
+        return 0;
+    };
+    load();
+
+    const int taken = ask_many(client.context(), 20);
+
+    EXPECT_GT(taken, 0);
+    comes_to_an_end();
 }
 
 /* One that never runs out of work lets another module, and its own timers, have their turns. */
