@@ -110,6 +110,24 @@ TEST_F(Deferred, ACompletionInsideTheHandlerTakesEffectAtItsReturn)
     EXPECT_EQ(journal.text(), "ping");
 }
 
+TEST_F(Deferred, ASecondCompletionInsideTheHandlerIsRefused)
+{
+    serve = [this](qor_context_t *c, qor_context_msg_t *msg) {
+        EXPECT_EQ(defer(c, msg), 0);
+        EXPECT_EQ(complete(token, 3, ""), 0);
+        out.clear();
+        EXPECT_EQ(complete(token, 4, ""), -1);
+        EXPECT_EQ(qor_deferred_request(token, nullptr, 0), -1);
+        EXPECT_EQ(out.printed(), not_open() + not_open("request"));
+        return 0;
+    };
+    be_up();
+
+    ASSERT_GE(ask(), 0);
+
+    EXPECT_EQ(response(), "3");
+}
+
 TEST_F(Deferred, TheRequestPartIsCopiedOut)
 {
     be_up();
