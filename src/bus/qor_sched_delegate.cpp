@@ -89,7 +89,7 @@ void *listener_show(qor_context_t *listener, int32_t, void *arg)
 
 /* A strict listener sees a copy of its own, in its turn. What does not get there is its loss alone.
  */
-void listener_post(const contract &promise, qor_context_t *listener, qor_context_msg_t *msg)
+void listener_post(contract &promise, qor_context_t *listener, qor_context_msg_t *msg)
 {
     qor_context_msg_t *clone = qor_context_msg_clone(msg);
     qor_context_task_t task = {};
@@ -102,6 +102,8 @@ void listener_post(const contract &promise, qor_context_t *listener, qor_context
                   {nullptr, msg->topic, msg->session, QOR_LOSS_LISTENER, QOR_LOSS_REFUSED});
     if (clone) {
         qor_context_msg_destroy(clone);
+    } else {
+        contract_refused(&promise);
     }
 }
 

@@ -222,6 +222,14 @@ void contract_reply_back(contract *promise)
     }
 }
 
+void contract_refused(contract *promise)
+{
+    if (promise) {
+        hal_scoped_lock lock(*promise->mutex);
+        promise->ledger.refused++;
+    }
+}
+
 void contract_task_begun_locked(contract &promise, thread_record *record)
 {
     if (!record) { /* nobody could say later which task it is */

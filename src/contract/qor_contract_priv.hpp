@@ -95,6 +95,9 @@ int32_t contract_reply_take(contract &promise);
 /* Gives it back; NULL is let pass. */
 void contract_reply_back(contract *promise);
 
+/* Counts what is refused before the queue is asked; NULL is let pass. Takes the queue's lock. */
+void contract_refused(contract *promise);
+
 /* The thread with that record, or NULL for none, begins a task that the ledger counts. The caller
  * holds the queue's lock. */
 void contract_task_begun_locked(contract &promise, thread_record *record);

@@ -240,6 +240,7 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
     post.message = post.response || sched_delegate_is_relay(task);
     if (admission_make(post, task) < 0) {
         QOR_ERR("malloc \"que_node\" failed.");
+        contract_refused(post.core->priv->promise);
         return admission_drop(post);
     }
     return post.core->priv->promise ? post.core->priv->promise->calls->admit(post)

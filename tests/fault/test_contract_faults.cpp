@@ -167,6 +167,16 @@ TEST_F(ContractFaults, ARequestThatIsRefusedHasNoResponse)
     EXPECT_EQ(seen.text(), "ab");
 }
 
+TEST_F(ContractFaults, WhatIsRefusedForWantOfMemoryIsCounted)
+{
+    held_with(strict_terms());
+    for (int nth = 0; nth < 3; nth++) {
+        fault_arm(FAULT_ALLOC, nth);
+        EXPECT_EQ(post(600000), -1);
+        EXPECT_EQ(ledger().refused, static_cast<uint64_t>(nth) + 1) << "allocation " << nth;
+    }
+}
+
 TEST_F(ContractFaults, ATaskWithoutMemoryForAnotherRunIsRunByThoseThereAre)
 {
     server.descriptor.refcount = 2;
@@ -330,6 +340,7 @@ TEST_F(ContractFaultsListener, WithoutACopyTheCallIsItsLossAlone)
     EXPECT_EQ(losses.text(), "watcher 13\n");
     EXPECT_EQ(answers.text(), "a");
     EXPECT_EQ(seen.text(), "b");
+    EXPECT_EQ(ledger_of(bus->get(), "watcher").refused, 1U);
     end();
 }
 
@@ -341,5 +352,6 @@ TEST_F(ContractFaultsListener, WithoutANodeTheCallIsItsLossAlone)
     EXPECT_EQ(losses.text(), "watcher 13\n");
     EXPECT_EQ(answers.text(), "a");
     EXPECT_EQ(seen.text(), "b");
+    EXPECT_EQ(ledger_of(bus->get(), "watcher").refused, 1U);
     end();
 }
