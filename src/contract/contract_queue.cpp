@@ -575,7 +575,6 @@ bool queue_periodic(qor_core_context_t *core, qor_time_que_node_t *node)
     const qor_bus_private &priv = *bus->priv;
     hal_scoped_lock lock(core->que->mutex);
     hal_scoped_lock timers(bus->time_que->mutex); /* of a bus that is gone only that is there */
-    node->id = SIZE_MAX; /* no session's: cancel does not look for it here */
     if (priv.gone || core->priv->closed || qor_time_que_enque_locked(core->que, node) < 0) {
         return false;
     }

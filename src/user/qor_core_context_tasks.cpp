@@ -127,6 +127,20 @@ void user_loop_end_locked(qor_core_context_t *core, contract *promise, thread_re
      * Test: CoreContext.ADelayedTaskIsReachedByItsOwnTimer. */
 }
 
+/* A contract's queue also has runs of periodic timers, which no number means. */
+bool user_task_is(const qor_time_que_node_t *node, const void *id)
+{
+    return node->id == *static_cast<const size_t *>(id) &&
+           !(que_front_of(node)->flags & que_periodic);
+}
+
+/* Takes the task with that session out, or NULL. */
+qor_time_que_node_t *user_task_find_locked(qor_core_context_t *core, size_t id)
+{
+    return core->priv->promise ? time_que_take_if_locked(core->que, user_task_is, &id)
+                               : qor_time_que_remove_locked(core->que, id);
+}
+
 /* Takes any task out that is not run, or NULL. */
 qor_time_que_node_t *user_task_take_back(qor_core_context_t *core)
 {
@@ -223,7 +237,7 @@ int32_t user_task_cancel(qor_core_context_t *core, int32_t session)
         return 0;
     }
     qor_time_que_lock(core->que);
-    qor_time_que_node_t *node = qor_time_que_remove_locked(core->que, static_cast<size_t>(session));
+    qor_time_que_node_t *node = user_task_find_locked(core, static_cast<size_t>(session));
     const bool timed = node && bus && bus->time_que && bus_task_of(node)->delay > 0;
     const user_number wanted = {core, node ? que_front_of(node)->number : 0};
     qor_time_que_node_t *timer =

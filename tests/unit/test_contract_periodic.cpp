@@ -143,6 +143,26 @@ TEST_F(ContractPeriodic, CancelledWhileItWaitsItDoesNotRun)
     EXPECT_EQ(beat.recycled, 1);
 }
 
+TEST_F(ContractPeriodic, NoNumberOfATaskCancelsItWhileItWaits)
+{
+    server.handle = [&](qor_context_t *, qor_context_msg_t *) { return door.pass() ? 0 : -1; };
+    running_with(strict_terms());
+    ASSERT_GE(ask(), 0);
+    ASSERT_TRUE(door.await(1));
+    ASSERT_GE(every(beat, 1), 0);
+    ASSERT_TRUE(passes(20)); /* it is due, and waits for the slot */
+
+    for (const int32_t session : {-1, INT32_MIN, INT32_MAX}) { /* -1: what a refused post gave */
+        EXPECT_EQ(qor_context_handler_cancel(server.context(), session), -1) << session;
+    }
+
+    EXPECT_EQ(beat.recycled, 0);
+    door.open();
+    EXPECT_TRUE(await([&] { return beat.runs > 1; }));
+    end();
+    EXPECT_EQ(beat.recycled, 1);
+}
+
 TEST_F(ContractPeriodic, CancelledInsideItsRunItEnds)
 {
     beat.run = [&](int32_t session, uint32_t) {
