@@ -12,6 +12,7 @@ trap 'rm -rf "$work"' EXIT
 fail() {
     printf '%s: %s\n' "$case_name" "$1"
     tail -n 60 "$work/out" "$work/err"
+    [ -z "${pid:-}" ] || kill -9 "$pid" 2>/dev/null
     exit 1
 }
 
@@ -302,6 +303,183 @@ pool_refuses_wrong_options() {
         run 2 $options
         grep -q '^usage: pool' "$work/err" || fail "no usage for $options"
     done
+}
+
+# await TEXT [FILE]: until a line of the output begins so; standard output if no file is named.
+await() {
+    for ((i = 0; i < 3000; i++)); do
+        grep -q "^$1" "${2:-$work/out}" && return
+        sleep 0.02
+    done
+    fail "no line '$1'"
+}
+
+# daemon_start ARGUMENT...: begins the service as process $pid; file descriptor 3 is its input.
+daemon_start() {
+    mkfifo "$work/in"
+    exec 3<>"$work/in"
+    "${program[@]}" "$@" <"$work/in" >"$work/out" 2>"$work/err" &
+    pid=$!
+}
+
+# daemon_supervised SOCKET: the same below a supervisor, which keeps what it is told in its own file.
+daemon_supervised() {
+    "${BASH_SOURCE[0]%/*}/supervisor.py" "$1" >"$work/told" &
+    supervisor=$!
+    await bound "$work/told"
+    NOTIFY_SOCKET=$1 daemon_start
+    await READY=1 "$work/told"
+    wait "$supervisor" || fail "the supervisor has failed"
+    diff "$work/told" <(printf 'bound\nREADY=1\n') || fail "the supervisor was told something else"
+}
+
+# daemon_answers NUMBER COMMAND: until so many answers to it have been printed.
+daemon_answers() {
+    for ((i = 0; i < 3000; i++)); do
+        [ "$(grep -c "^$2: " "$work/out")" = "$1" ] && return
+        sleep 0.02
+    done
+    fail "not $1 answers to $2"
+}
+
+# daemon_gone STATUS: it must end within a minute, with this status.
+daemon_gone() {
+    for ((i = 0; i < 3000; i++)); do
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.02
+    done
+    ! kill -0 "$pid" 2>/dev/null || fail "it does not end"
+    wait "$pid"
+    local status=$?
+    pid=
+    [ "$status" = "$1" ] || fail "status $status instead of $1"
+}
+
+# daemon_ends STATUS: the same, and the bus has not complained.
+daemon_ends() {
+    daemon_gone "$1"
+    ended "$1" "$1"
+}
+
+daemon_serves_until_sigterm() {
+    daemon_supervised "$work/socket"
+    ! grep -q '^ready' "$work/out" || fail "told twice"
+    printf 'measure\nnonsense\n' >&3
+    await 'measure: 20\.0 degrees$'
+    await 'commands: status, measure, quit$'
+    for ((n = 1; n < 600; n++)); do # until the sampler has had its turn
+        echo status >&3
+        daemon_answers "$n" status
+        grep -Eq '^status: [1-9][0-9]* samples, [0-9]+ missed, load [0-9.]+; 1 answered, 0 dropped$' \
+            "$work/out" && break
+        sleep 0.02
+    done
+    ((n < 600)) || fail "no samples"
+    kill -TERM "$pid"
+    daemon_ends 0
+    [ ! -s "$work/err" ] || fail "it complains"
+}
+
+daemon_ends_on_sigint() {
+    daemon_start
+    await 'ready$'
+    kill -INT "$pid"
+    daemon_ends 0
+}
+
+daemon_finishes_what_was_asked_before_quit() {
+    daemon_start
+    printf 'measure\nmeasure\nquit\n' >&3
+    daemon_ends 0
+    [ "$(grep -c '^measure: .* degrees$' "$work/out")" = 2 ] || fail "not both are answered"
+}
+
+daemon_goes_on_without_input() {
+    "${program[@]}" </dev/null >"$work/out" 2>"$work/err" &
+    pid=$!
+    await 'ready$'
+    kill -TERM "$pid"
+    daemon_ends 0
+}
+
+# Four are open and four wait; the device does ten in a second.
+daemon_answers_all_when_too_many_ask() {
+    daemon_start
+    await 'ready$'
+    for ((n = 0; n < 40; n++)); do echo measure; done >&3
+    daemon_answers 40 measure
+    grep -q '^measure: dropped, too many wait$' "$work/out" || fail "none is dropped"
+    grep -q '^measure: .* degrees$' "$work/out" || fail "none is measured"
+    ! grep -q '^measure: failed$' "$work/out" || fail "more are open than the device has room for"
+    echo quit >&3
+    daemon_ends 0
+}
+
+# It stays open when a writer has gone.
+daemon_reads_a_fifo() {
+    mkfifo "$work/console"
+    daemon_start "$work/console"
+    await 'ready$'
+    echo measure >"$work/console"
+    await 'measure: 20\.0 degrees$'
+    echo quit >"$work/console"
+    daemon_ends 0
+}
+
+daemon_tells_an_abstract_socket() {
+    daemon_supervised "@$work/socket"
+    echo quit >&3
+    daemon_ends 0
+}
+
+daemon_tells_a_file_descriptor() {
+    mkfifo "$work/told"
+    exec 4<>"$work/told"
+    NOTIFY_FD=4 daemon_start
+    local line=none
+    read -r -t 60 line <&4 || fail "not told"
+    [ -z "$line" ] || fail "told '$line'"
+    echo quit >&3
+    daemon_ends 0
+}
+
+daemon_fails_without_its_supervisor() {
+    NOTIFY_SOCKET=$work/none daemon_start
+    daemon_ends 1
+    grep -qx 'qor-daemon: cannot tell the supervisor: No such file or directory' "$work/err" ||
+        fail "not told"
+}
+
+daemon_says_what_is_not_up() {
+    NOTIFY_FD=1 daemon_start "$work/none"
+    daemon_gone 1
+    grep -qx "$work/none: No such file or directory" "$work/err" || fail "no reason"
+    grep -qx 'qor-daemon: console is not up: its init has failed' "$work/err" || fail "not told"
+    ! grep -qx '' "$work/out" || fail "ready all the same"
+}
+
+# What it would tell procd, whose functions have stand-ins here.
+# shellcheck disable=SC2034,SC2317 # the script that is read uses them
+daemon_is_started_by_procd() (
+    procd_open_instance() { :; }
+    procd_close_instance() { :; }
+    procd_set_param() { echo "$*"; }
+    # shellcheck source=/dev/null
+    . "${BASH_SOURCE[0]%/*}/../../examples/daemon/qor-daemon.init"
+    CONSOLE=$work/console
+    start_service >"$work/out" || fail "it does not start"
+    [ -p "$work/console" ] || fail "no FIFO"
+    grep -qx "command /usr/bin/qor-daemon $work/console" "$work/out" || fail "another command"
+    grep -q '^respawn ' "$work/out" || fail "not begun again"
+    [ "$USE_PROCD" = 1 ] || fail "without procd"
+)
+
+daemon_has_a_unit() {
+    sed "s|/usr/bin/qor-daemon|${program[0]}|" \
+        "${BASH_SOURCE[0]%/*}/../../examples/daemon/qor-daemon.service" >"$work/qor-daemon.service"
+    systemd-analyze verify --man=no "$work/qor-daemon.service" >"$work/out" 2>"$work/err" ||
+        fail "the unit is not understood"
+    [ ! -s "$work/err" ] || fail "the unit is not understood"
 }
 
 "$case_name"
