@@ -69,7 +69,7 @@ typedef struct qor_contract {
                             50 */
     int32_t overflow;  /**< QOR_OVERFLOW_... */
     int32_t wait_time; /**< of BLOCK, ms */
-    uint32_t open_max; /**< bound on deferred requests of the module; 0: none */
+    uint32_t open_max; /**< bound on deferred requests of the module; 0: any number */
     uint32_t reserved0;       /**< 0 */
     qor_contract_lost_t lost; /**< may be NULL */
     void *arg;                /**< of lost; stays the caller's */

@@ -68,7 +68,7 @@ QOR_API int32_t qor_deferred_request(uint64_t token, void *dst, int32_t size);
  *               they are
  * @param size   bytes at data, at most as many as the response part has; 0 for NULL
  * @return       0, also when the bus quits before the response is handed over; or -1: the request
- * is not open, or stays open for a bad argument
+ *               is not open, or stays open for a bad argument
  *
  * Prints "!(size >= 0) == true.", "!(data || size == 0) == true.", "the token is not open.", "the
  * response has room for %d bytes, not for %d.", and "the result %d is reserved." for a QOR_RET_*,

@@ -41,8 +41,8 @@ typedef void (*qor_context_every_run_t)(qor_context_t *self, int32_t session, vo
  * its time in the order of the bus's tasks, and is reported to QOR_SYS_MONITOR_TASK and names its
  * thread as tasks of modules do. It waits in no module's queue, so it may run beside other tasks of
  * its module, takes none of the places of its refcount, and, as other timers do, may begin before
- * the module has started. qor_bus_drain() waits for a run that is due or under way, not for the
- * next one.
+ * the module has started. In a strict module (qor_contract.h) it waits in the module's queue for
+ * its turn instead. qor_bus_drain() waits for a run that is due or under way, not for the next one.
  *
  * No other session is given this number while the timer has it. qor_context_timer_cancel() and
  * qor_context_x_timer_cancel() of a module, the first also of a context attached to the bus, and

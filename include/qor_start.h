@@ -50,7 +50,8 @@ typedef struct qor_start_report {
  * @return           0: all modules are up, with or without their consoles; 1: some never will be;
  *                   2: qor_bus_quit() came first; -1: the time is over, or a bad call
  *
- * Before qor_bus_loop() runs nothing comes up, and this waits. Afterwards it gives 0 or 1 at once,
+ * Before qor_bus_loop() runs nothing comes up, and this waits; also when the loop could not start,
+ * until qor_bus_quit(). Afterwards it gives 0 or 1 at once,
  * as often as it is called. A module whose init has failed counts as failed before its unreg and
  * uninit are called.
  *

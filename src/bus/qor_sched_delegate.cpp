@@ -10,7 +10,7 @@
 #include "qor_context_handler.h"
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
-#include "qor_contract_priv.hpp"
+#include "contract.hpp"
 #include "qor_deferred_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_recycle.hpp"

@@ -2,7 +2,7 @@
 /* The private queue of a module with a contract. A strict queue bounds its loop runs: each runs one
  * task after the other, so there are never more tasks than runs, and one that looks for more work
  * ends only under the lock under which it has found none. */
-#include "qor_contract_priv.hpp"
+#include "contract.hpp"
 
 #include "hal_sync.hpp"
 #include "message_node.hpp"

@@ -5,13 +5,13 @@
 
 #include <string.h>
 
+#include "contract.hpp"
 #include "deferral_table.hpp"
 #include "hal_sync.hpp"
 #include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context.h"
 #include "qor_context_msg.h"
-#include "qor_contract_priv.hpp"
 #include "qor_deferred_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"

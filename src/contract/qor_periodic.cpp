@@ -3,9 +3,9 @@
 #include "qor_periodic.h"
 
 #include "bus_periodic.hpp"
+#include "contract.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
-#include "qor_contract_priv.hpp"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"

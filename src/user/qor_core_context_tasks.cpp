@@ -5,7 +5,7 @@
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
 #include "qor_context_task.h"
-#include "qor_contract_priv.hpp"
+#include "contract.hpp"
 #include "qor_core_context.h"
 #include "qor_core_context_priv.hpp"
 #include "qor_que_priv.hpp"

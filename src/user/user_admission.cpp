@@ -6,7 +6,7 @@
 #include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
-#include "qor_contract_priv.hpp"
+#include "contract.hpp"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"

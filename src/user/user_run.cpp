@@ -8,7 +8,7 @@
 #include "hal_sync.hpp"
 #include "message_node.hpp"
 #include "qor_context_task.h"
-#include "qor_contract_priv.hpp"
+#include "contract.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "task_watch.hpp"

@@ -19,10 +19,10 @@ RANKS = [
     "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
     " qor_context_forward",                                   # 5 context model
     "qor_topic_epoch qor_topic_core qor_bus qor_bus_worker qor_bus_helper qor_bus_loop qor_bus_drain"
-    " qor_start qor_bus_up message_node task_watch qor_contract bus_periodic deferral_table qor_deferred"
+    " qor_start qor_bus_up message_node task_watch qor_contract contract bus_periodic deferral_table qor_deferred"
     " qor_sched_register qor_sched_delegate",                 # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
-    " user_init user_run user_admission contract_queue qor_periodic",                                             # 7 context kinds
+    " user_init user_run user_admission contract_queue contract_terms qor_periodic",                                             # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
     "qor_main qor_bus_close qor_bus_check",                                          # 9 start-up
     "qor",                                                    # everything, for applications
@@ -30,7 +30,7 @@ RANKS = [
 SIDEWAYS = {
     ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
     ("qor_bus", "qor_topic_core"), ("qor_bus", "task_watch"), ("qor_bus", "qor_bus_up"), ("qor_bus", "bus_periodic"),
-    ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("user_admission", "qor_core_context"),
+    ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("contract", "qor_contract"), ("user_admission", "qor_core_context"),
 }
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* What stands behind a module's contract: its terms, what its queue holds, its ledger. */
-#ifndef QOR_CONTRACT_PRIV_HPP
-#define QOR_CONTRACT_PRIV_HPP
+#ifndef CONTRACT_HPP
+#define CONTRACT_HPP
 
 #include "qor_bus.h"
 #include "qor_contract.h"
@@ -140,4 +140,4 @@ void contract_lost(const contract &promise, qor_loss_t loss);
 /* Frees all contracts of a bus. */
 void contracts_free(qor_bus_t *bus);
 
-#endif /* QOR_CONTRACT_PRIV_HPP */
+#endif /* CONTRACT_HPP */
