@@ -29,7 +29,8 @@ QOR_BEGIN_DECLS
  * but never before the handler has returned. All memory for that is had here. Whoever is told when
  * the handler is over, the monitor, is told at its return. An open request keeps no worker and no
  * place of its module; qor_bus_drain() waits for its response. The open_max of the module's
- * contract bounds how many are open; at that many no further request of its queue is begun.
+ * contract bounds how many are open; at that many no further request of its queue is begun. One
+ * that has expired is not open any more, though a thread may still work for it.
  *
  * A request that is still open is discarded, without points and response, when the bus quits, or
  * when the module that has deferred it goes down because its init has failed. If its publisher goes
