@@ -4,11 +4,11 @@
 
 #include <string.h>
 
+#include "contract.hpp"
 #include "hal_sync.hpp"
 #include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_task.h"
-#include "contract.hpp"
 #include "qor_deferred_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_main.h" /* upward: creating a bus queues the start-up routine as its first task */

@@ -2,6 +2,7 @@
 /* Scheduling delegate: which thread hands what to whom, who copies a message and who frees it. */
 #include "qor_sched_delegate.h"
 
+#include "contract.hpp"
 #include "hal_sync.hpp"
 #include "message_node.hpp"
 #include "qor_bus.h"
@@ -10,7 +11,6 @@
 #include "qor_context_handler.h"
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
-#include "contract.hpp"
 #include "qor_deferred_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_recycle.hpp"

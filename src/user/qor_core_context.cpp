@@ -3,13 +3,13 @@
  * class. Lifecycle and private queue have sources of their own. */
 #include "qor_core_context.h"
 
+#include "contract.hpp"
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_core.h"
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
 #include "qor_context_task.h"
-#include "contract.hpp"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_recycle.hpp"

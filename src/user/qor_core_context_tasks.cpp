@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The private queue of a user context: the loop runs on the bus's workers that drain it, cancel,
  * and its end. */
+#include "contract.hpp"
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
 #include "qor_context_task.h"
-#include "contract.hpp"
 #include "qor_core_context.h"
 #include "qor_core_context_priv.hpp"
 #include "qor_que_priv.hpp"

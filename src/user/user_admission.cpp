@@ -3,10 +3,10 @@
  * its timer, the run that the timer starts, a run of its own, is made before it is accepted. */
 #include "user_admission.hpp"
 
+#include "contract.hpp"
 #include "message_node.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context_module.h"
-#include "contract.hpp"
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"

@@ -5,10 +5,10 @@
 
 #include <string.h>
 
+#include "contract.hpp"
 #include "hal_sync.hpp"
 #include "message_node.hpp"
 #include "qor_context_task.h"
-#include "contract.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "task_watch.hpp"
