@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
 enum { LAST_WORK_MS = 2000 };
@@ -163,6 +164,17 @@ static void *start_watch(void *status)
     return NULL;
 }
 
+/* A line for the system's log, with the level that it has. */
+static void line_log(void *arg, int32_t level, const char *fmt, va_list ap)
+{
+    char line[256];
+    (void)arg;
+    hal_vsnprintf(line, sizeof(line), fmt, ap);
+    syslog(level, "%s", line);
+}
+
+static const qor_output_t system_log = {line_log, NULL};
+
 /* Until somebody quits the bus. */
 static int service_run(sigset_t *signals)
 {
@@ -188,7 +200,13 @@ int main(int argc, char **argv)
     qor_context_module_t *modules[MODULES + 1] = {NULL};
     sigset_t signals;
     int errors = 0;
-    console_module.arg = argc > 1 ? argv[1] : NULL; /* a FIFO, or else standard input */
+    int next = 1;
+    if (argc > next && strcmp(argv[next], "-l") == 0) {
+        openlog("qor-daemon", LOG_PID, LOG_DAEMON);
+        qor_output_set(&system_log);
+        next++;
+    }
+    console_module.arg = argc > next ? argv[next] : NULL; /* a FIFO, or else standard input */
     for (int i = 0; i < MODULES; i++) {
         modules[i] = contracts[i].module;
     }

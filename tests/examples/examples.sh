@@ -387,6 +387,14 @@ daemon_ends_on_sigint() {
     daemon_ends 0
 }
 
+daemon_logs_elsewhere() {
+    mkfifo "$work/console"
+    daemon_start -l "$work/console"
+    echo quit >"$work/console"
+    daemon_gone 0
+    [ ! -s "$work/out" ] || fail "with -l it printed: $(cat "$work/out")"
+}
+
 daemon_finishes_what_was_asked_before_quit() {
     daemon_start
     printf 'measure\nmeasure\nquit\n' >&3
@@ -469,7 +477,7 @@ daemon_is_started_by_procd() (
     CONSOLE=$work/console
     start_service >"$work/out" || fail "it does not start"
     [ -p "$work/console" ] || fail "no FIFO"
-    grep -qx "command /usr/bin/qor-daemon $work/console" "$work/out" || fail "another command"
+    grep -qx "command /usr/bin/qor-daemon -l $work/console" "$work/out" || fail "another command"
     grep -q '^respawn ' "$work/out" || fail "not begun again"
     [ "$USE_PROCD" = 1 ] || fail "without procd"
 )
