@@ -55,9 +55,10 @@ typedef void (*qor_contract_lost_t)(void *arg, const qor_loss_t *loss);
  *
  * A poster blocks only where that cannot stop the bus: not in a task of the same module, not on the
  * loop's thread, and not on a worker when every other worker waits for a place or for a start;
- * there, and when a request is handed on to a newer subscriber, BLOCK is REFUSE. A listener's call
- * is never waited for: BLOCK is DROP_NEWEST. Before a strict module has started, overflow refuses
- * whatever the policy.
+ * there, and when a request is handed on to a newer subscriber, BLOCK is REFUSE. What comes later,
+ * such as responses that wait for the start of a module whose init blocks here, wait_time ends. A
+ * listener's call is never waited for: BLOCK is DROP_NEWEST. Before a strict module has started,
+ * overflow refuses whatever the policy.
  */
 typedef struct qor_contract {
     uint32_t size;     /**< of the record as the caller knows it; qor_contract_init() sets it */

@@ -141,13 +141,13 @@ void run_leave_locked(contract &promise, qor_que_node_t *node)
     }
 }
 
-/* Queues a run. When the bus quits, what waits is discarded at its end. */
-void run_post(qor_core_context_t *core, qor_que_node_t *run)
+/* Queues a run: false when the bus quits, and what waits is discarded at its end. */
+bool run_post(qor_core_context_t *core, qor_que_node_t *run)
 {
     qor_bus_t *bus = sched_delegate_bus(&core->base);
     user_loop_fill(core, bus, run);
     if (bus_node_post(bus, run) == 0) {
-        return;
+        return true;
     }
     contract &promise = *core->priv->promise;
     hal_scoped_lock lock(core->que->mutex);
@@ -157,6 +157,7 @@ void run_post(qor_core_context_t *core, qor_que_node_t *run)
         slot_give_back_locked(core);
         run_keep_locked(promise, run);
     }
+    return false;
 }
 
 /* The node of a run that is to serve what has waited for a deferred request to end. Where a module
@@ -491,23 +492,23 @@ void queue_bind(qor_core_context_t *core, contract &promise)
     promise.mutex = &core->que->mutex;
 }
 
+/* The node of one more run for what has waited for the start, or NULL. */
+qor_que_node_t *open_wanted(qor_core_context_t *core)
+{
+    contract &promise = *core->priv->promise;
+    hal_scoped_lock lock(core->que->mutex);
+    promise.started = 1;
+    const uint32_t due = due_count_locked(core->que, promise.slots);
+    return promise.runs < due ? run_wanted_locked(promise) : nullptr;
+}
+
 void queue_open(qor_core_context_t *core)
 {
-    contract *promise = core->priv->promise;
-    if (!promise || !promise->terms.strict) {
+    if (!core->priv->promise->terms.strict) {
         return;
     }
-    for (qor_que_node_t *run;;) {
-        {
-            hal_scoped_lock lock(core->que->mutex);
-            promise->started = 1;
-            const uint32_t due = due_count_locked(core->que, promise->slots);
-            run = promise->runs < due ? run_wanted_locked(*promise) : nullptr;
-        }
-        if (!run) {
-            return;
-        }
-        run_post(core, run);
+    for (qor_que_node_t *run = open_wanted(core); run && run_post(core, run);) {
+        run = open_wanted(core);
     }
 }
 

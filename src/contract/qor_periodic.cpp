@@ -59,11 +59,22 @@ qor_core_context_t *periodic_core(void *timer)
     return context->cls == &qor_core_context_class ? qor_core_context_type(context) : nullptr;
 }
 
+/* Whether the init of its module has failed: nothing is begun any more. */
+bool periodic_is_closed(user_periodic *periodic)
+{
+    const qor_core_context_t *core = periodic_core(&periodic->timer);
+    if (!core) {
+        return false;
+    }
+    hal_scoped_lock lock(core->que->mutex);
+    return core->priv->closed;
+}
+
 /* Runs what a worker has come to, unless the timer is to end. */
 void periodic_run(user_periodic *periodic)
 {
     uint32_t missed;
-    if (bus_periodic_begin(&periodic->timer, &missed)) {
+    if (bus_periodic_begin(&periodic->timer, &missed) && !periodic_is_closed(periodic)) {
         thread_scope inside(periodic_left, periodic);
         if (contract *promise = periodic_promise(periodic)) {
             contract_periodic_begun(*promise);

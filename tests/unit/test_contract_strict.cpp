@@ -265,3 +265,19 @@ TEST_F(ContractStrict, ARunGivesWayToOthersAndGoesOn)
     EXPECT_LT(handled, 1000000);
     end();
 }
+
+TEST_F(ContractStrict, AQuitBeforeTheStartLeavesTheWorkersFree)
+{
+    server.init = [&](qor_context_t *self) {
+        qor_context_run(
+            self, [](void *arg) -> void * { return arg; }, nullptr);
+        return qor_bus_quit(bus->get());
+    };
+    bus_with(strict_terms());
+
+    bus->start();
+
+    EXPECT_EQ(bus->returned(), 0);
+    EXPECT_EQ(ledger().waiting, 1U);
+    end();
+}
