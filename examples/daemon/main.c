@@ -164,6 +164,8 @@ static void *start_watch(void *status)
     return NULL;
 }
 
+static void line_log(void *arg, int32_t level, const char *fmt, va_list ap) QOR_PRINTF(3, 0);
+
 /* A line for the system's log, with the level that it has. */
 static void line_log(void *arg, int32_t level, const char *fmt, va_list ap)
 {
