@@ -145,7 +145,7 @@ void run_leave_locked(contract &promise, qor_que_node_t *node)
 bool run_post(qor_core_context_t *core, qor_que_node_t *run)
 {
     qor_bus_t *bus = sched_delegate_bus(&core->base);
-    user_loop_fill(core, bus, run);
+    user_loop_fill(core, run, qor_bus_session(bus));
     if (bus_node_post(bus, run) == 0) {
         return true;
     }
@@ -581,7 +581,9 @@ bool queue_periodic(qor_core_context_t *core, qor_time_que_node_t *node)
     }
     qor_que_node_t *run = run_wanted_locked(promise);
     if (run) {
-        user_loop_fill(core, bus, run);
+        /* Not asked whether a timer has it: that takes a lock which goes before these, and nobody
+         * gets to see the number. */
+        user_loop_fill(core, run, bus_session_next(bus));
         if (bus_node_post(bus, run) < 0) {
             run_leave_locked(promise, run);
         }

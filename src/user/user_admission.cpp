@@ -108,7 +108,7 @@ int32_t admission_run(admission &post)
     qor_core_context_t *core = post.core;
     int32_t posted = 0;
     if (post.bus) {
-        user_loop_fill(core, post.bus, post.run);
+        user_loop_fill(core, post.run, qor_bus_session(post.bus));
         posted = bus_node_post(post.bus, post.run);
     } else {
         posted = qor_context_run(&core->base, run_of(qor_core_context_loop), &core->base);
@@ -208,7 +208,7 @@ int32_t admission_bypass(admission &post)
 
 int32_t admission_timer_locked(admission &post)
 {
-    user_loop_fill(post.core, post.bus, post.timer);
+    user_loop_fill(post.core, post.timer, qor_bus_session(post.bus));
     bus_task_of(post.timer)->delay = post.delay;
     post.number = number_timed | static_cast<uint32_t>(bus_task_of(post.timer)->session);
     que_front_of(post.timer)->number = que_front_of(post.node)->number = post.number;

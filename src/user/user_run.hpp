@@ -77,15 +77,15 @@ void user_run_refuse(void *run);
 /* A message's run that is not run is refused, and its node destroyed. */
 void message_run_end(qor_que_node_t *node);
 
-/* Makes the task of a bus node, of the task queue or of the timer queue, a loop run. The session is
- * drawn for it. One that was a loop run before needs no more. */
-template <typename N> void user_loop_fill(qor_core_context_t *core, qor_bus_t *bus, N *run)
+/* Makes the task of a bus node, of the task queue or of the timer queue, a loop run with that
+ * session. One that was a loop run before needs no more. */
+template <typename N> void user_loop_fill(qor_core_context_t *core, N *run, int32_t session)
 {
     if (que_front_of(run)->owner == core) {
-        bus_task_of(run)->session = qor_bus_session(bus);
+        bus_task_of(run)->session = session;
         return;
     }
-    qor_context_task_init(bus_task_of(run), &core->base, nullptr, qor_bus_session(bus),
+    qor_context_task_init(bus_task_of(run), &core->base, nullptr, session,
                           run_of(qor_core_context_loop), &core->base);
     que_front_of(run)->owner = core;
     que_front_of(run)->flags = que_own | que_quiet | que_again;
