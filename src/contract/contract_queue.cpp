@@ -357,11 +357,14 @@ int32_t arrival_drop(arrival &in)
 
 int32_t arrival_bypass(arrival &in)
 {
-    qor_core_context_t *core = in.core;
+    contract &promise = in.promise;
+    promise.ledger.bypassed++; /* now: it may have run before the post returns */
     const int32_t posted = admission_bypass(in.post);
-    hal_scoped_lock lock(core->que->mutex);
-    contract &promise = *core->priv->promise;
-    (posted < 0 ? promise.ledger.refused : promise.ledger.bypassed)++;
+    if (posted < 0) {
+        hal_scoped_lock lock(*promise.mutex);
+        promise.ledger.bypassed--;
+        promise.ledger.refused++;
+    }
     return posted;
 }
 
