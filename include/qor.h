@@ -28,6 +28,7 @@
 #include "qor_thread_pool.h"
 #include "qor_time_que.h"
 #include "qor_topic_core.h"
+#include "qor_trace.h"
 #include "qor_types.h"
 #include "rbapi.h"
 #include "rbapi_kv.h"

@@ -21,6 +21,7 @@
 #include "que_front.hpp"
 #include "que_waits.hpp"
 #include "thread_record.hpp"
+#include "trace_context.hpp"
 
 namespace {
 
@@ -409,6 +410,10 @@ void qor_bus_destroy(qor_bus_t *bus)
 
 void qor_bus_uninit(qor_bus_t *_this)
 {
+    const trace_functions *recorder = trace_recorder();
+    if (recorder) {
+        recorder->closed(_this);
+    }
     bus_deferred_over(_this);
     if (_this->time_que) {
         hal_scoped_lock lock(_this->time_que->mutex);
@@ -429,6 +434,9 @@ int32_t qor_bus_quit(qor_bus_t *_this)
     hal_scoped_lock lock(_this->priv->mutex);
     if (_this->priv->stopping) {
         return 0;
+    }
+    if (trace_on(QOR_TRACE_CHANGES)) {
+        trace_event_of(nullptr, trace_what(trace_quit), 0, 0);
     }
     que_quit_begin(_this->que);
     hal_store(_this->priv->stopping, 1);

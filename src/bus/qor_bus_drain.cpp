@@ -9,6 +9,7 @@
 #include "qor_time_que_priv.hpp"
 #include "que_waits.hpp"
 #include "thread_record.hpp"
+#include "trace_context.hpp"
 
 namespace {
 
@@ -79,6 +80,8 @@ int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time)
     }
     QOR_CHECK(_this->time_que, -1);
     bus_visitor inside(*_this->priv);
+    trace_span waits(QOR_TRACE_CHANGES, nullptr, trace_what(trace_wait, trace_waits_drain), 0,
+                     wait_time);
     const int64_t deadline = que_deadline(wait_time);
     while (!bus_stopping(_this)) {
         if (bus_is_settled(_this)) {

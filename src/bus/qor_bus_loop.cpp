@@ -11,10 +11,19 @@
 #include "qor_time_que_priv.hpp"
 #include "que_front.hpp"
 #include "thread_record.hpp"
+#include "trace.hpp"
 
 namespace {
 
 constexpr char file_tag[] = "qor_bus";
+
+/* Notes that a timer has fallen due, and how late that is noticed. */
+void due_note(const qor_time_que_node_t *timer)
+{
+    const int64_t late = util_timestamp() - timer->when;
+    trace_recorder()->note({trace_what(trace_due), static_cast<int32_t>(timer->id),
+                            static_cast<int32_t>(late), trace_from_any, nullptr});
+}
 
 /* Queues the task of a timer that has fallen due; its node was made with the timer's. One that
  * somebody else appended to the timer queue has none yet. */
@@ -24,6 +33,9 @@ bool bus_timer_task_post(qor_bus_t *bus, qor_time_que_node_t *timer)
     qor_que_node_t *node = front->spare ? que_spare_take(timer) : bus_node();
     if (!node) {
         return false;
+    }
+    if (trace_on(QOR_TRACE_TASKS)) {
+        due_note(timer);
     }
     *que_front_of(node) = *front; /* which has no spare any more */
     qor_context_task_copy(bus_task_of(node), bus_task_of(timer));
@@ -67,14 +79,14 @@ void bus_timers_serve(qor_bus_t *bus)
 void bus_loop_enter(qor_bus_private &priv)
 {
     hal_scoped_lock lock(priv.mutex);
-    priv.looping = 1;
+    hal_store(priv.looping, 1);
 }
 
 /* The loop has ended: from here on no quit is inside, and the bus may be closed. */
 void bus_loop_leave(qor_bus_private &priv)
 {
     hal_scoped_lock lock(priv.mutex);
-    priv.looping = 0;
+    hal_store(priv.looping, 0);
 }
 
 /* Whether qor_bus_uninit() has run while the loop waited. */

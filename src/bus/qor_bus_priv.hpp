@@ -30,7 +30,7 @@ struct bus_crew {
 struct qor_bus_private {
     hal_thread_mutex_t mutex; /* guards the fields below; taken before a waiter's and a queue's */
     int32_t stopping;         /* 1 once qor_bus_quit() has begun; read without the mutex */
-    int32_t looping;          /* 1 while qor_bus_loop() runs */
+    int32_t looping;          /* 1 while qor_bus_loop() runs; read without the mutex */
     int32_t gone;             /* 1 once qor_bus_uninit() has run: the loop leaves the bus alone;
                                  guarded by the timer queue's mutex */
     uint32_t workers;         /* how many there are; read without the mutex */
@@ -44,6 +44,7 @@ struct qor_bus_private {
     hal_thread_cond_t visited;
     list_head waiters;   /* bus_waiter::link */
     list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
+    uint32_t contexts;   /* how many there were: the newest delegate's number */
     task_watch watch;
     list_head contracts; /* contract::link; does not change once the loop runs */
     uint32_t stuck;      /* workers that wait for a start or for a place in a queue */

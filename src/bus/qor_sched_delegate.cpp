@@ -9,6 +9,7 @@
 #include "qor_bus_priv.hpp"
 #include "qor_context.h"
 #include "qor_context_handler.h"
+#include "qor_context_module.h"
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
 #include "qor_deferred_priv.hpp"
@@ -18,6 +19,7 @@
 #include "qor_topic_core.h"
 #include "qor_topic_core_priv.hpp"
 #include "qor_util.hpp"
+#include "trace_context.hpp"
 
 namespace {
 
@@ -38,6 +40,24 @@ int32_t delegate_locks_init(delegate_block &block)
 const char *name_of(qor_context_t *context)
 {
     return qor_context_module_name_get(context);
+}
+
+/* A delegate's context as recordings name it. */
+trace_context context_named(const delegate_block &block)
+{
+    const contract *promise = block.priv.promise;
+    const qor_context_module_t *module = block.delegate.context->module;
+    trace_context named = {};
+    named.who = block.priv.number;
+    named.name = module ? module->name : "";
+    named.role = block.delegate.role == QOR_BUS_ROLE_SYS ? 1 : 0;
+    named.limit = module && module->refcount ? static_cast<uint32_t>(module->refcount) : 1;
+    if (promise) {
+        named.flags = 4 + (promise->terms.strict ? 1 : 0);
+        named.limit = promise->terms.strict ? promise->slots : named.limit;
+        named.depth = promise->terms.depth;
+    }
+    return named;
 }
 
 /* Enters and returns the context of a topic's newest subscriber, or NULL. */
@@ -70,20 +90,64 @@ int32_t handler_result(const qor_context_t *aim, int32_t ret)
     return -1;
 }
 
+/* Has a message handled by a context that has been entered. */
+int32_t message_deliver(const qor_context_t *publisher, qor_context_t *context,
+                        qor_context_msg_t *msg, trace_kind kind)
+{
+    return trace_on(trace_class(kind) | QOR_TRACE_STACKS)
+               ? trace_handle_message(publisher, context, msg, kind)
+               : qor_context_handle_message(context, msg);
+}
+
+/* What shows a message to one who registered for it. */
+trace_kind kind_of(const qor_context_msg_t *msg)
+{
+    switch (msg->type) {
+    case QOR_CONTEXT_MSG_FILTER_BEFORE:
+        return trace_filters_before;
+    case QOR_CONTEXT_MSG_FILTER_AFTER:
+        return trace_filters_after;
+    case QOR_CONTEXT_MSG_LISTEN_BEFORE:
+        return trace_listens_before;
+    default:
+        return trace_listens_after;
+    }
+}
+
+/* Notes that a request or a post has come to nothing. */
+void drop_note(const qor_context_t *context, uint32_t reason, const qor_context_msg_t *msg)
+{
+    if (trace_on(QOR_TRACE_REQUESTS)) {
+        trace_event_of(context, trace_what(trace_drop, reason), msg->session, msg->topic);
+    }
+}
+
+/* Notes a request, before it is handed over. */
+void request_note(const qor_context_t *publisher, const qor_context_t *subscriber,
+                  const qor_context_msg_t *msg, uint32_t detail)
+{
+    if (trace_on(QOR_TRACE_REQUESTS)) {
+        trace_event_from(publisher, subscriber, trace_what(trace_request, detail), msg->session,
+                         msg->topic);
+    }
+}
+
 /* The aim has been entered; it may be NULL. */
-int32_t qor_sched_delegate_handle_message_aim(qor_context_t *aim, qor_context_msg_t *msg)
+int32_t qor_sched_delegate_handle_message_aim(const qor_context_t *publisher, qor_context_t *aim,
+                                              qor_context_msg_t *msg, trace_kind kind)
 {
     if (!aim) {
         return -1;
     }
-    const int32_t ret = qor_context_handle_message(aim, msg);
+    const int32_t ret = message_deliver(publisher, aim, msg, kind);
     context_leave(aim, __func__);
     return ret > QOR_RET_GONE ? ret : handler_result(aim, ret);
 }
 
 void *listener_show(qor_context_t *listener, int32_t, void *arg)
 {
-    (void)qor_context_handle_message(listener, static_cast<qor_context_msg_t *>(arg));
+    qor_context_msg_t *msg = static_cast<qor_context_msg_t *>(arg);
+    (void)message_deliver(nullptr, listener, msg, kind_of(msg));
     return nullptr;
 }
 
@@ -134,7 +198,7 @@ void registrations_call(node_next next, qor_context_t *publisher, qor_context_ms
         if (promise && promise->terms.strict) {
             listener_post(*promise, context, msg);
         } else {
-            (void)qor_context_handle_message(context, msg);
+            (void)message_deliver(nullptr, context, msg, kind_of(msg));
         }
         if (context_leave(context, func) < 0) {
             return;
@@ -179,6 +243,9 @@ int32_t qor_sched_delegate_listen_dispatch_entry(qor_context_t *publisher, qor_c
     const int32_t posted = qor_bus_runx(delegate_of(publisher)->bus, publisher,
                                         qor_sched_delegate_listen_dispatch_task, clone,
                                         recycle_of(qor_context_msg_destroy));
+    if (posted < 0 || !clone) {
+        drop_note(publisher, trace_of_listener + (clone ? trace_refused : trace_no_memory), msg);
+    }
     if (posted < 0 && clone) {
         qor_context_msg_destroy(clone);
     }
@@ -215,9 +282,9 @@ void passage_after(qor_context_t *publisher, qor_context_msg_t *msg)
 /* Has a request handled by a context that has been entered, or NULL. The printed name is the
  * calling operation's. */
 int32_t request_handle(qor_context_t *publisher, qor_context_t *aim, qor_context_msg_t *msg,
-                       const char *func)
+                       trace_kind kind, const char *func)
 {
-    const int32_t ret = qor_sched_delegate_handle_message_aim(aim, msg);
+    const int32_t ret = qor_sched_delegate_handle_message_aim(publisher, aim, msg, kind);
     if (ret < 0) {
         /* Deliberate: the after-points and the response follow all the same.
          * Test: SchedDelegate.AFailedHandlerStillGivesAResponse. */
@@ -241,8 +308,8 @@ void *qor_sched_delegate_handle_message_self(qor_context_t *publisher, int32_t, 
         QOR_ERR("resume failed. context = %s", name_of(publisher));
         return task_result(-1);
     }
-    const int32_t ret =
-        qor_context_handle_message(publisher, static_cast<qor_context_msg_t *>(arg));
+    qor_context_msg_t *msg = static_cast<qor_context_msg_t *>(arg);
+    const int32_t ret = message_deliver(nullptr, publisher, msg, trace_responds);
     context_leave(publisher, __func__);
     return task_result(ret);
 }
@@ -257,6 +324,7 @@ int32_t response_hand_over(qor_context_t *publisher, qor_context_msg_t *clone)
     sched_delegate_message_task(&response, publisher, clone, recycle_of(qor_context_msg_destroy));
     const int32_t handed = qor_context_handle_task(publisher, &response);
     if (handed < 0) {
+        drop_note(publisher, trace_refused, clone);
         contract_reply_back(sched_delegate_contract(publisher));
         qor_context_msg_destroy(clone);
     }
@@ -272,6 +340,7 @@ int32_t request_move(qor_context_t *publisher, qor_context_t *aim, qor_context_m
     const qor_loss_t lost = {nullptr, clone->topic, clone->session, QOR_LOSS_REQUEST,
                              QOR_LOSS_TRANSFER};
     thread_record *record = thread_record_get();
+    request_note(publisher, aim, clone, trace_moved);
     if (record) {
         record->moving = clone;
     }
@@ -308,7 +377,7 @@ void *qor_sched_delegate_publish_relay(qor_context_t *publisher, int32_t session
         clone->ret = QOR_RET_DROPPED;
     } else {
         deferred_scope inside(clone, publisher, aim, record);
-        request_handle(publisher, aim, clone, __func__);
+        request_handle(publisher, aim, clone, trace_handles, __func__);
         if (contracts) {
             contract_handler_returned(record);
         }
@@ -377,20 +446,24 @@ int32_t request_publish(qor_context_t *publisher, qor_context_msg_t *msg, const 
     qor_context_t *subscriber =
         subscriber_enter(delegate_table(delegate_of(publisher)), msg->topic);
     if (!subscriber) {
+        drop_note(publisher, trace_unserved, msg);
         QOR_LINE("err", func, "no one subscribe, source:%s, topic:%d, session=%d",
                  name_of(publisher), msg->topic, msg->session);
         return -1;
     }
     qor_context_msg_t *clone = qor_context_msg_clone(msg);
     if (!clone) {
+        drop_note(publisher, trace_no_memory, msg);
         QOR_LINE("err", func, "clone message faied, source:%s, topic:%d, session=%d, msg_len = %d",
                  name_of(publisher), msg->topic, msg->session, msg_payload_size(msg));
         return -1;
     }
     qor_context_task_t relay = {};
     sched_delegate_message_task(&relay, publisher, clone, nullptr);
+    request_note(publisher, subscriber, msg, 0);
     const int32_t handed = qor_context_handle_task(subscriber, &relay);
     if (handed < 0) {
+        drop_note(publisher, trace_refused, msg);
         qor_context_msg_destroy(clone);
     }
     return handed;
@@ -430,7 +503,7 @@ int32_t qor_sched_delegate_publishx(qor_context_t *publisher, qor_context_msg_t 
     int32_t ret;
     {
         deferred_scope none(nullptr, nullptr, nullptr);
-        ret = request_handle(publisher, aim, msg, __func__);
+        ret = request_handle(publisher, aim, msg, trace_calls, __func__);
     }
     passage_after(publisher, msg);
     return ret;
@@ -450,7 +523,8 @@ int32_t qor_sched_delegate_syscallx(qor_context_t *context, qor_context_msg_t *m
         return -1;
     }
     deferred_scope none(nullptr, nullptr, nullptr);
-    return qor_context_handle_message(module, msg);
+    return trace_on(QOR_TRACE_SYSTEM) ? trace_handle_message(context, module, msg, trace_system)
+                                      : qor_context_handle_message(module, msg);
 }
 
 void *qor_sched_delegate_syscall_entry(qor_context_t *context, int32_t, void *arg)
@@ -487,6 +561,9 @@ int32_t qor_sched_delegate_post(qor_context_t *context, qor_context_task_t *task
     const int32_t posted =
         task->delay < 1 ? qor_bus_post(_this->bus, task) : qor_bus_timer_post(_this->bus, task);
     if (posted < 0) {
+        if (trace_on(QOR_TRACE_TASKS) && !sched_delegate_carries(task)) {
+            trace_event_of(context, trace_what(trace_drop, trace_refused), task->session, -1);
+        }
         if (!sched_delegate_is_response(task)) { /* nobody asked for the post of a response */
             sched_delegate_post_refused(context, task);
         }
@@ -579,6 +656,11 @@ bool sched_delegate_is_listener(const qor_context_task_t *task)
     return task->fun_type != QOR_CONTEXT_FUN_RUN && task->fun.runx == listener_show;
 }
 
+bool sched_delegate_carries(const qor_context_task_t *task)
+{
+    return task_is_message(task) || sched_delegate_is_listener(task);
+}
+
 bool sched_delegate_is_response(const qor_context_task_t *task)
 {
     return task_is_message(task) && task->recycle;
@@ -587,6 +669,7 @@ bool sched_delegate_is_response(const qor_context_task_t *task)
 void sched_delegate_relay_discard(void *task)
 {
     const qor_context_task_t *relay = static_cast<const qor_context_task_t *>(task);
+    drop_note(relay->context, trace_discarded, static_cast<qor_context_msg_t *>(relay->arg));
     contract_reply_back(sched_delegate_contract(relay->context));
     qor_context_msg_destroy(static_cast<qor_context_msg_t *>(relay->arg));
 }
@@ -628,6 +711,15 @@ int32_t sched_delegate_finish_post(qor_que_node_t *node, qor_context_t *publishe
     return 0;
 }
 
+void sched_delegate_trace(list_head *link)
+{
+    const auto *block = util_container<delegate_block, offsetof(delegate_block, priv.link)>(link);
+    const trace_functions *recorder = trace_recorder();
+    if (recorder && block->delegate.context) {
+        recorder->context(block->delegate.bus, context_named(*block));
+    }
+}
+
 void sched_delegates_free(qor_bus_t *bus)
 {
     util_list_each(bus->priv->delegates, [](list_head *link) {
@@ -660,7 +752,9 @@ qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role, qor_co
     if (bus) {
         hal_scoped_lock lock(bus->priv->mutex);
         list_add(&block->priv.link, &bus->priv->delegates);
+        block->priv.number = ++bus->priv->contexts;
         block->priv.promise = context ? contract_find(bus, context->module) : nullptr;
+        sched_delegate_trace(&block->priv.link);
     }
     qor_context_pub_data_set(context, _this, recycle_of(qor_sched_delegate_destroy));
     qor_context_handler_set(context, &qor_sched_delegate_handler);

@@ -13,6 +13,7 @@ struct contract;
 struct qor_sched_delegate_private {
     list_head link;    /* in the bus's list of delegates */
     contract *promise; /* of the context's module; NULL: it has none */
+    uint32_t number;   /* 1 and up, in the order in which the bus's delegates were made */
     int32_t closed;    /* 1 once destroyed: registrations are refused; read without a common lock */
 };
 
@@ -70,6 +71,9 @@ void sched_delegate_relay_discard(void *task);
 /* Answers a request that will not be handled: the publisher gets a response with ret -1. */
 void sched_delegate_relay_refuse(void *task);
 
+/* Whether a task carries a message: a request, a response, or what a strict listener sees. */
+bool sched_delegate_carries(const qor_context_task_t *task);
+
 /* Whether a task brings a publisher its response. */
 bool sched_delegate_is_response(const qor_context_task_t *task);
 
@@ -82,6 +86,9 @@ void sched_delegate_message_task(qor_context_task_t *task, qor_context_t *publis
  * a message's, goes along. 0, or -1 when the bus quits, and message and node are gone. */
 int32_t sched_delegate_finish_post(qor_que_node_t *node, qor_context_t *publisher,
                                    qor_context_msg_t *msg, int32_t ret);
+
+/* Tells the recorder of the context of a delegate, whose link in the bus's list is given. */
+void sched_delegate_trace(list_head *link);
 
 /* Frees all delegates of a bus when no thread and no context is left to name them. */
 void sched_delegates_free(qor_bus_t *bus);

@@ -14,6 +14,7 @@
 #include "qor_time_que_priv.hpp"
 #include "que_waits.hpp"
 #include "thread_record.hpp"
+#include "trace_context.hpp"
 #include "user_admission.hpp"
 #include "user_run.hpp"
 
@@ -449,6 +450,8 @@ int32_t arrival_wait(arrival &in, blocked_poster &me)
     const bool stays = bus_stuck_try(in.post.bus);
     int32_t posted;
     {
+        trace_span waits(QOR_TRACE_CHANGES, &core->base, trace_what(trace_wait, trace_waits_room),
+                         in.post.session, in.promise.terms.wait_time);
         bus_waiter waiter(in.post.bus, core->que->mutex, me.cond);
         const int64_t deadline = que_deadline(stays ? in.promise.terms.wait_time : 0);
         qor_time_que_lock(core->que);

@@ -10,6 +10,7 @@
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "thread_record.hpp"
+#include "trace_context.hpp"
 #include "user_run.hpp"
 
 namespace {
@@ -70,6 +71,18 @@ bool periodic_is_closed(user_periodic *periodic)
     return core->priv->closed;
 }
 
+void periodic_call(user_periodic *periodic, uint32_t missed)
+{
+    const bus_periodic &timer = periodic->timer;
+    trace_span inside(QOR_TRACE_TASKS, timer.context, trace_what(trace_start, trace_runs),
+                      timer.session, -1);
+    if (missed > 0 && trace_on(QOR_TRACE_TASKS)) {
+        trace_event_of(timer.context, trace_what(trace_missed), timer.session,
+                       static_cast<int32_t>(missed));
+    }
+    periodic->run(periodic->self, timer.session, timer.arg, missed);
+}
+
 /* Runs what a worker has come to, unless the timer is to end. */
 void periodic_run(user_periodic *periodic)
 {
@@ -80,7 +93,7 @@ void periodic_run(user_periodic *periodic)
             contract_periodic_begun(*promise);
         }
         periodic_tell(periodic, QOR_SYS_MONITOR_TASK_START);
-        periodic->run(periodic->self, periodic->timer.session, periodic->timer.arg, missed);
+        periodic_call(periodic, missed);
         periodic_end(periodic);
     }
     bus_periodic_over(&periodic->timer);

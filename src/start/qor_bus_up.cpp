@@ -8,6 +8,7 @@
 #include "qor_diag.hpp"
 #include "qor_util.hpp"
 #include "que_waits.hpp"
+#include "trace_context.hpp"
 
 namespace {
 
@@ -155,6 +156,8 @@ int32_t qor_bus_wait_up(qor_bus_t *_this, int32_t wait_time, qor_start_report_t 
     const bus_start &start = priv.start;
     const int64_t deadline = que_deadline(wait_time);
     bus_visitor inside(priv);
+    trace_span waits(QOR_TRACE_CHANGES, nullptr, trace_what(trace_wait, trace_waits_up), 0,
+                     wait_time);
     hal_scoped_lock lock(priv.mutex);
     while (!start.ended && !priv.stopping && !que_time_is_over(deadline)) {
         que_sleep_until(priv.rested, priv.mutex, deadline);

@@ -16,6 +16,7 @@
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "qor_util.hpp"
+#include "trace_context.hpp"
 
 namespace {
 
@@ -92,20 +93,27 @@ int32_t qor_core_context_postx(qor_context_t *inner, qor_context_task_t *task)
     return qor_core_context_post(inner, task);
 }
 
-int32_t qor_core_context_cancel(qor_context_t *inner, int32_t session)
+/* Cancels what the private queue has, or else what is beyond it. */
+int32_t user_cancel(qor_context_t *inner, int32_t session,
+                    int32_t (*beyond)(qor_context_t *wrapper, int32_t session))
 {
     qor_context_t *wrapper = wrapper_of(inner);
-    return user_task_cancel(qor_core_context_type(wrapper), session) == 0
-               ? 0
-               : qor_context_handler_cancel(wrapper, session);
+    const bool own = user_task_cancel(qor_core_context_type(wrapper), session) == 0;
+    const int32_t cancelled = own ? 0 : beyond(wrapper, session);
+    if (trace_on(QOR_TRACE_TASKS)) {
+        trace_event_of(wrapper, trace_what(trace_cancel), session, cancelled);
+    }
+    return cancelled;
+}
+
+int32_t qor_core_context_cancel(qor_context_t *inner, int32_t session)
+{
+    return user_cancel(inner, session, qor_context_handler_cancel);
 }
 
 int32_t qor_core_context_cancelx(qor_context_t *inner, int32_t session)
 {
-    qor_context_t *wrapper = wrapper_of(inner);
-    return user_task_cancel(qor_core_context_type(wrapper), session) == 0
-               ? 0
-               : qor_context_handler_cancelx(wrapper, session);
+    return user_cancel(inner, session, qor_context_handler_cancelx);
 }
 
 qor_context_handler_t qor_core_context_handler = {
@@ -250,10 +258,19 @@ int32_t qor_core_context_pause(qor_context_t *context)
     return qor_core_context_lifecycle_pause(qor_core_context_type(context));
 }
 
+/* The module's own. */
+int32_t user_init(qor_core_context_t *core)
+{
+    trace_span inside(QOR_TRACE_CHANGES, &core->base, trace_what(trace_start, trace_inits), 0, -1);
+    const int32_t ret = qor_context_init(core->context);
+    inside.result(ret);
+    return ret;
+}
+
 int32_t qor_core_context_init(qor_context_t *context)
 {
     qor_core_context_t *core = qor_core_context_type(context);
-    const int32_t ret = qor_context_init(core->context);
+    const int32_t ret = user_init(core);
     if (ret < 0) {
         user_init_failed(core);
         return ret;

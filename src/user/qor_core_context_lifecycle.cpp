@@ -6,14 +6,17 @@
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"
+#include "trace_context.hpp"
 
 namespace {
 
 constexpr char file_tag[] = "qor_core_context";
 
 /* Sleeps until reached() holds, which the caller tests again under the lock, or the bus quits. */
-template <typename R> void lifecycle_await(qor_core_context_t *core, qor_bus_t *bus, R reached)
+template <typename R>
+void lifecycle_await(qor_core_context_t *core, qor_bus_t *bus, trace_awaited what, R reached)
 {
+    trace_span inside(QOR_TRACE_CHANGES, &core->base, trace_what(trace_wait, what), 0, -1);
     bus_waiter waiter(bus, core->mutex, core->cond);
     bus_stuck_begin(bus);
     {
@@ -25,9 +28,17 @@ template <typename R> void lifecycle_await(qor_core_context_t *core, qor_bus_t *
     bus_stuck_end(bus);
 }
 
+void lifecycle_note(const qor_core_context_t *core, int32_t to)
+{
+    if (trace_on(QOR_TRACE_CHANGES)) {
+        trace_event_of(&core->base, trace_what(trace_lifecycle), core->lifecycle, to);
+    }
+}
+
 /* The caller holds the mutex. */
 void lifecycle_store(qor_core_context_t *core, int32_t lifecycle)
 {
+    lifecycle_note(core, lifecycle);
     hal_store(core->lifecycle, lifecycle);
     pthread_cond_broadcast(&core->cond);
 }
@@ -99,7 +110,7 @@ int32_t qor_core_context_lifecycle_stop(qor_core_context_t *_this)
             QOR_ERR("lifecycle already STOP. STOP failed.");
             return -1;
         }
-        lifecycle_await(_this, bus, paused);
+        lifecycle_await(_this, bus, trace_waits_pause, paused);
     }
 }
 
@@ -123,6 +134,9 @@ int32_t qor_core_context_lifecycle_resume(qor_core_context_t *_this)
             if (started() && _this->lifecycle <= QOR_USER_CONTEXT_LIFECYCLE_PAUSE) {
                 /* Deliberate: no broadcast. This is done for each delivery, and who waits here
                  * waits for other changes. Test: Lifecycle.ResumeMakesNoBroadcast. */
+                if (_this->lifecycle != QOR_USER_CONTEXT_LIFECYCLE_RESUME) {
+                    lifecycle_note(_this, QOR_USER_CONTEXT_LIFECYCLE_RESUME);
+                }
                 hal_store(_this->lifecycle, QOR_USER_CONTEXT_LIFECYCLE_RESUME);
                 active_refcount_add(_this, 1);
                 return 0;
@@ -132,7 +146,7 @@ int32_t qor_core_context_lifecycle_resume(qor_core_context_t *_this)
             }
         }
         if (!user_init_help(_this, bus)) {
-            lifecycle_await(_this, bus, disturbed);
+            lifecycle_await(_this, bus, trace_waits_start, disturbed);
         }
     }
     QOR_ERR("lifecycle already STOP or DESTROY. RESUME failed.");

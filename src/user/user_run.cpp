@@ -13,6 +13,7 @@
 #include "qor_time_que_priv.hpp"
 #include "task_watch.hpp"
 #include "thread_record.hpp"
+#include "trace_context.hpp"
 
 namespace {
 
@@ -142,6 +143,12 @@ void message_run_discard(void *body)
     user_task_over(core);
 }
 
+/* Deliveries are told where they reach a handler. */
+bool task_is_traced(const qor_context_task_t *task)
+{
+    return trace_on(QOR_TRACE_TASKS | QOR_TRACE_STACKS) && !sched_delegate_carries(task);
+}
+
 } // namespace
 
 void user_task_over(qor_core_context_t *core)
@@ -206,7 +213,8 @@ void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node, thread_
     /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
      * Test: CoreContext.ATasksNameStaysOnTheThread. */
     bus_thread_name_set(sched_delegate_bus(&core->base), task->name);
-    void *result = qor_context_task_excute(task);
+    void *result =
+        task_is_traced(task) ? trace_execute(&core->base, task) : qor_context_task_excute(task);
     if (offer.taken()) {
         inside.becomes(user_task_left_without, core);
         node = nullptr;

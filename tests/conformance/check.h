@@ -32,5 +32,6 @@ void check_lifecycle(void);
 void check_start_up(void);
 void check_whole_bus(void);
 void check_contract(void);
+void check_trace(void);
 
 #endif /* QOR_TESTS_CHECK_H */

@@ -12,7 +12,8 @@ from pathlib import Path
 
 RANKS = [
     "qor_api qor_types qor_version",                          # 0 language
-    "qor_hal hal_sync hal_thread qor_diag qor_util thread_record",  # 1 platform
+    "qor_hal hal_sync hal_thread qor_diag qor_util thread_record"
+    " qor_trace trace trace_lane",  # 1 platform
     "rbtree rbapi rbapi_kv",                                  # 2 containers
     "que_front que_waits key_tree time_index qor_que qor_time_que",                         # 3 queues
     "qor_context_msg qor_context_task qor_recycle qor_thread_pool",  # 4 records, pool
@@ -20,7 +21,7 @@ RANKS = [
     " qor_context_forward",                                   # 5 context model
     "qor_topic_epoch qor_topic_core qor_bus qor_bus_worker qor_bus_helper qor_bus_loop qor_bus_drain"
     " qor_start qor_bus_up message_node task_watch qor_contract contract bus_periodic deferral_table qor_deferred"
-    " qor_sched_register qor_sched_delegate",                 # 6 dispatch
+    " qor_sched_register qor_sched_delegate trace_context recorder recorder_absent",                 # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
     " user_init user_run user_admission contract_queue contract_terms qor_periodic",                                             # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
@@ -30,7 +31,7 @@ RANKS = [
 SIDEWAYS = {
     ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
     ("qor_bus", "qor_topic_core"), ("qor_bus", "task_watch"), ("qor_bus", "qor_bus_up"), ("qor_bus", "bus_periodic"),
-    ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("contract", "qor_contract"), ("user_admission", "qor_core_context"),
+    ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("contract", "qor_contract"), ("trace", "hal_sync"), ("trace_lane", "trace"), ("user_admission", "qor_core_context"),
 }
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),

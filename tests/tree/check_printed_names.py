@@ -21,6 +21,7 @@ ADDED = {
     ("qor_deferred", "qor_context_defer"),
     ("qor_deferred", "qor_deferred_complete"),
     ("qor_deferred", "qor_deferred_request"),
+    *(("qor_trace", f) for f in ("qor_trace_start", "qor_trace_stop")),
 }
 LEVELS = {"QOR_ERR": "err", "QOR_ERR_SPACED": "err", "QOR_WRN": "wrn", "QOR_INF": "inf"}
 CHECKS = {"QOR_CHECK": 0, "QOR_CHECK_VOID": 0, "QOR_CHECK_TEXT": 1}  # which argument is the text

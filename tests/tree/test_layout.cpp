@@ -120,6 +120,9 @@ RECORD(qor_sched_delegate_t, 112, FIELD(bus), FIELD(role), FIELD(context), FIELD
 
 RECORD(qor_start_entry_t, 48, FIELD(name), FIELD(because), FIELD(state), FIELD(init_time));
 RECORD(qor_start_report_t, 12, FIELD(entries), FIELD(capacity), FIELD(total));
+
+RECORD(qor_trace_config_t, 40, FIELD(size), FIELD(mask), FIELD(memory), FIELD(memory_size),
+       FIELD(lanes), FIELD(names), FIELD(clock), FIELD(clock_hz));
 RECORD(qor_bus_finding_t, 32, FIELD(module), FIELD(place), FIELD(level), FIELD(text));
 
 RECORD(qor_impl_context_t, 40, FIELD(base));

@@ -9,6 +9,7 @@
 #include "hal_sync.hpp"
 #include "qor_diag.hpp"
 #include "thread_record.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -54,6 +55,9 @@ void hal_printf(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
+    if (trace_on(QOR_TRACE_LINES)) {
+        trace_recorder()->line(level_of(fmt), fmt, ap);
+    }
     if (!output_taken(fmt, ap)) {
         vprintf(fmt, ap);
         fflush(stdout);
