@@ -104,4 +104,5 @@ def main(cmake, library, folder, *options):
     return len(exceeded) > 0
 
 
-sys.exit(main(*sys.argv[1:]))
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))

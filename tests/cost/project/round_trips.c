@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A number of requests and their responses between two modules, with one worker: each response is
- * the next question.
- *   usage: round_trips NUMBER [strict] */
+ * the next question. Or, with "calls", that many synchronous requests from the first response on.
+ *   usage: round_trips NUMBER [strict|calls] */
 #include <stdlib.h>
 #include <string.h>
 
@@ -11,6 +11,7 @@ enum { TOPIC_QUESTION, TOPIC_COUNT };
 
 static qor_bus_t *bus;
 static long left;
+static int calling;
 
 static void nothing(qor_context_t *self)
 {
@@ -47,10 +48,27 @@ static int32_t asker_init(qor_context_t *self, void *arg)
     return ask(self) < 0 ? -1 : 0;
 }
 
+/* All that are left are asked at once. */
+static int32_t call(qor_context_t *self)
+{
+    int64_t question, answer;
+    for (; left > 0; left--) {
+        question = left;
+        if (qor_context_x_req_ret(self, TOPIC_QUESTION, &question, sizeof(question), &answer,
+                                  sizeof(answer)) < 0) {
+            break;
+        }
+    }
+    return qor_bus_quit(bus);
+}
+
 /* An answer to another question ends the bus early, with some of the number left. */
 static int32_t asker_handle(qor_context_t *self, qor_context_msg_t *msg)
 {
     int64_t answer;
+    if (calling) {
+        return call(self);
+    }
     memcpy(&answer, msg->response.buf, sizeof(answer));
     if (answer != left || --left == 0 || ask(self) < 0) {
         return qor_bus_quit(bus);
@@ -94,7 +112,8 @@ int main(int argc, char **argv)
     if (!bus) {
         return 2;
     }
-    if (argc == 3 && (make_strict("answerer") < 0 || make_strict("asker") < 0)) {
+    calling = argc == 3 && strcmp(argv[2], "calls") == 0;
+    if (argc == 3 && !calling && (make_strict("answerer") < 0 || make_strict("asker") < 0)) {
         return 2;
     }
     qor_bus_thread_num_set(bus, 1);
