@@ -21,7 +21,7 @@
 #include "que_front.hpp"
 #include "que_waits.hpp"
 #include "thread_record.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -435,9 +435,7 @@ int32_t qor_bus_quit(qor_bus_t *_this)
     if (_this->priv->stopping) {
         return 0;
     }
-    if (trace_on(QOR_TRACE_CHANGES)) {
-        trace_event_of(nullptr, trace_what(trace_quit), 0, 0);
-    }
+    trace_tell(QOR_TRACE_CHANGES, nullptr, trace_what(trace_quit), 0, 0);
     que_quit_begin(_this->que);
     hal_store(_this->priv->stopping, 1);
     util_list_each(_this->priv->waiters, bus_waiter::wake);

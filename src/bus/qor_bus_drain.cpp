@@ -9,7 +9,7 @@
 #include "qor_time_que_priv.hpp"
 #include "que_waits.hpp"
 #include "thread_record.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 

@@ -9,7 +9,6 @@
 #include "qor_bus_priv.hpp"
 #include "qor_context.h"
 #include "qor_context_handler.h"
-#include "qor_context_module.h"
 #include "qor_context_msg.h"
 #include "qor_context_task.h"
 #include "qor_deferred_priv.hpp"
@@ -19,7 +18,7 @@
 #include "qor_topic_core.h"
 #include "qor_topic_core_priv.hpp"
 #include "qor_util.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -40,24 +39,6 @@ int32_t delegate_locks_init(delegate_block &block)
 const char *name_of(qor_context_t *context)
 {
     return qor_context_module_name_get(context);
-}
-
-/* A delegate's context as recordings name it. */
-trace_context context_named(const delegate_block &block)
-{
-    const contract *promise = block.priv.promise;
-    const qor_context_module_t *module = block.delegate.context->module;
-    trace_context named = {};
-    named.who = block.priv.number;
-    named.name = module ? module->name : "";
-    named.role = block.delegate.role == QOR_BUS_ROLE_SYS ? 1 : 0;
-    named.limit = module && module->refcount ? static_cast<uint32_t>(module->refcount) : 1;
-    if (promise) {
-        named.flags = 4 + (promise->terms.strict ? 1 : 0);
-        named.limit = promise->terms.strict ? promise->slots : named.limit;
-        named.depth = promise->terms.depth;
-    }
-    return named;
 }
 
 /* Enters and returns the context of a topic's newest subscriber, or NULL. */
@@ -95,7 +76,7 @@ int32_t message_deliver(const qor_context_t *publisher, qor_context_t *context,
                         qor_context_msg_t *msg, trace_kind kind)
 {
     return trace_on(trace_class(kind) | QOR_TRACE_STACKS)
-               ? trace_handle_message(publisher, context, msg, kind)
+               ? trace_recorder()->handle_message(publisher, context, msg, kind)
                : qor_context_handle_message(context, msg);
 }
 
@@ -117,9 +98,8 @@ trace_kind kind_of(const qor_context_msg_t *msg)
 /* Notes that a request or a post has come to nothing. */
 void drop_note(const qor_context_t *context, uint32_t reason, const qor_context_msg_t *msg)
 {
-    if (trace_on(QOR_TRACE_REQUESTS)) {
-        trace_event_of(context, trace_what(trace_drop, reason), msg->session, msg->topic);
-    }
+    trace_tell(QOR_TRACE_REQUESTS, context, trace_what(trace_drop, reason), msg->session,
+               msg->topic);
 }
 
 /* Notes a request, before it is handed over. */
@@ -127,8 +107,8 @@ void request_note(const qor_context_t *publisher, const qor_context_t *subscribe
                   const qor_context_msg_t *msg, uint32_t detail)
 {
     if (trace_on(QOR_TRACE_REQUESTS)) {
-        trace_event_from(publisher, subscriber, trace_what(trace_request, detail), msg->session,
-                         msg->topic);
+        trace_recorder()->note(publisher, subscriber, trace_what(trace_request, detail),
+                               msg->session, msg->topic);
     }
 }
 
@@ -523,8 +503,9 @@ int32_t qor_sched_delegate_syscallx(qor_context_t *context, qor_context_msg_t *m
         return -1;
     }
     deferred_scope none(nullptr, nullptr, nullptr);
-    return trace_on(QOR_TRACE_SYSTEM) ? trace_handle_message(context, module, msg, trace_system)
-                                      : qor_context_handle_message(module, msg);
+    return trace_on(QOR_TRACE_SYSTEM)
+               ? trace_recorder()->handle_message(context, module, msg, trace_system)
+               : qor_context_handle_message(module, msg);
 }
 
 void *qor_sched_delegate_syscall_entry(qor_context_t *context, int32_t, void *arg)
@@ -562,7 +543,8 @@ int32_t qor_sched_delegate_post(qor_context_t *context, qor_context_task_t *task
         task->delay < 1 ? qor_bus_post(_this->bus, task) : qor_bus_timer_post(_this->bus, task);
     if (posted < 0) {
         if (trace_on(QOR_TRACE_TASKS) && !sched_delegate_carries(task)) {
-            trace_event_of(context, trace_what(trace_drop, trace_refused), task->session, -1);
+            trace_recorder()->note(nullptr, context, trace_what(trace_drop, trace_refused),
+                                   task->session, -1);
         }
         if (!sched_delegate_is_response(task)) { /* nobody asked for the post of a response */
             sched_delegate_post_refused(context, task);
@@ -711,13 +693,9 @@ int32_t sched_delegate_finish_post(qor_que_node_t *node, qor_context_t *publishe
     return 0;
 }
 
-void sched_delegate_trace(list_head *link)
+qor_sched_delegate_t *delegate_at(list_head *link)
 {
-    const auto *block = util_container<delegate_block, offsetof(delegate_block, priv.link)>(link);
-    const trace_functions *recorder = trace_recorder();
-    if (recorder && block->delegate.context) {
-        recorder->context(block->delegate.bus, context_named(*block));
-    }
+    return &util_container<delegate_block, offsetof(delegate_block, priv.link)>(link)->delegate;
 }
 
 void sched_delegates_free(qor_bus_t *bus)
@@ -754,7 +732,9 @@ qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role, qor_co
         list_add(&block->priv.link, &bus->priv->delegates);
         block->priv.number = ++bus->priv->contexts;
         block->priv.promise = context ? contract_find(bus, context->module) : nullptr;
-        sched_delegate_trace(&block->priv.link);
+        if (const trace_functions *recorder = trace_recorder()) {
+            recorder->named(&block->priv.link);
+        }
     }
     qor_context_pub_data_set(context, _this, recycle_of(qor_sched_delegate_destroy));
     qor_context_handler_set(context, &qor_sched_delegate_handler);

@@ -87,8 +87,8 @@ void sched_delegate_message_task(qor_context_task_t *task, qor_context_t *publis
 int32_t sched_delegate_finish_post(qor_que_node_t *node, qor_context_t *publisher,
                                    qor_context_msg_t *msg, int32_t ret);
 
-/* Tells the recorder of the context of a delegate, whose link in the bus's list is given. */
-void sched_delegate_trace(list_head *link);
+/* The delegate whose link in the bus's list is given. */
+qor_sched_delegate_t *delegate_at(list_head *link);
 
 /* Frees all delegates of a bus when no thread and no context is left to name them. */
 void sched_delegates_free(qor_bus_t *bus);

@@ -8,7 +8,7 @@
 #include "qor_que.h"
 #include "qor_util.hpp"
 #include "thread_record.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -179,8 +179,9 @@ void contract_lost(const contract &promise, qor_loss_t loss)
     if (trace_on(QOR_TRACE_REQUESTS)) {
         const auto *context =
             reinterpret_cast<const qor_context_t *>(promise.core); /* first member */
-        trace_event_of(context, trace_what(trace_lost, trace_loss(loss.kind, loss.reason)),
-                       loss.session, loss.topic);
+        trace_recorder()->note(nullptr, context,
+                               trace_what(trace_lost, trace_loss(loss.kind, loss.reason)),
+                               loss.session, loss.topic);
     }
     if (!promise.terms.lost) {
         return;

@@ -17,7 +17,7 @@
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "que_front.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -112,10 +112,8 @@ trace_completion completion_of(deferral_state state, int32_t ret)
 /* Where every deferral ends. The hold for being open passes to the caller. */
 void deferral_end_locked(deferral *entry, deferral_state state, int32_t ret)
 {
-    if (trace_on(QOR_TRACE_REQUESTS)) {
-        trace_event_of(entry->subscriber, trace_what(trace_completed, completion_of(state, ret)),
-                       entry->msg->session, ret);
-    }
+    trace_tell(QOR_TRACE_REQUESTS, entry->subscriber,
+               trace_what(trace_completed, completion_of(state, ret)), entry->msg->session, ret);
     timer_drop_locked(entry);
     entry->state = state;
     entry->ret = ret;
@@ -237,10 +235,8 @@ const char *deferral_add(thread_request &handled, deferral_parts &parts)
         return "the bus or the module ends.";
     }
     handled.deferral = deferral_token_locked(entry);
-    if (trace_on(QOR_TRACE_REQUESTS)) {
-        trace_event_of(handled.aim, trace_what(trace_deferred), handled.msg->session,
-                       handled.msg->topic);
-    }
+    trace_tell(QOR_TRACE_REQUESTS, handled.aim, trace_what(trace_deferred), handled.msg->session,
+               handled.msg->topic);
     return nullptr;
 }
 

@@ -6,12 +6,11 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include "contract.hpp"
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_diag.hpp"
-#include "qor_sched_delegate_priv.hpp"
 #include "qor_util.hpp"
+#include "trace_context.hpp"
 #include "trace_lane.hpp"
 
 namespace {
@@ -115,26 +114,6 @@ void head_fill(trace_head &head, const trace_plan &plan, const qor_trace_config_
     prctl(PR_GET_NAME, head.program);
 }
 
-/* Names a context that the bus has now. */
-void context_name(const qor_bus_t *bus, const trace_context &context)
-{
-    hal_scoped_lock lock(trace_mutex);
-    if (!trace_now.number || trace_now.bus != bus) {
-        return;
-    }
-    if (context.who >= trace_now.head->names) {
-        hal_store(trace_now.head->names_lost, trace_now.head->names_lost + 1);
-        return;
-    }
-    trace_naming naming = {};
-    util_name_copy(naming.name, context.name);
-    naming.role = context.role;
-    naming.flags = static_cast<uint16_t>(context.flags);
-    naming.limit = static_cast<uint16_t>(context.limit < UINT16_MAX ? context.limit : UINT16_MAX);
-    naming.depth = context.depth;
-    trace_now.names[context.who] = naming;
-}
-
 void line_note(int32_t level, const char *format, va_list ap)
 {
     char text[trace_line_bytes + 1];
@@ -166,7 +145,14 @@ void bus_over(const qor_bus_t *bus)
 }
 
 constexpr trace_functions functions = {
-    trace_lane_note, trace_lane_begin, trace_lane_end, line_note, context_name, bus_over,
+    /* note */ trace_context_note,
+    /* handle_message */ trace_context_handle_message,
+    /* execute */ trace_context_execute,
+    /* begin */ trace_context_begin,
+    /* end */ trace_context_end,
+    /* line */ line_note,
+    /* named */ trace_context_named,
+    /* closed */ bus_over,
 };
 
 /* The child of a fork shares the memory of a mapped file and must not write into it. */
@@ -226,7 +212,7 @@ bool bus_is_looping(const qor_bus_t *bus)
 void contexts_name(qor_bus_t *bus)
 {
     hal_scoped_lock lock(bus->priv->mutex);
-    util_list_each(bus->priv->delegates, sched_delegate_trace);
+    util_list_each(bus->priv->delegates, trace_context_named);
 }
 
 /* Lets the hooks in, once the names are there. */

@@ -96,36 +96,37 @@ constexpr uint32_t trace_what(trace_type type, uint32_t detail = 0, uint32_t who
     return type | detail << 8 | who << 16;
 }
 
-constexpr uint32_t trace_from_any = UINT32_MAX;
-
-/* One event, or the start of what a thread is inside. */
-struct trace_note {
+/* What a thread is inside, as it was begun. */
+struct trace_begun {
+    uint32_t recording; /* 0: it is not recorded */
     uint32_t what;
     int32_t session;
-    int32_t arg;
-    uint32_t from; /* who caused it, if that is not whom the thread is inside; or trace_from_any */
-    const char *text; /* what follows as text, or NULL */
 };
 
-/* A context as recordings name it. */
-struct trace_context {
-    uint32_t who;
-    const char *name; /* nothing is read beyond 20 bytes */
-    uint32_t role;
-    uint32_t flags; /* 1 strict, 4 with a contract */
-    uint32_t limit; /* of tasks at a time; what does not fit 16 bits is any number */
-    uint32_t depth; /* of its queue */
-};
-
-/* What the recorder does. */
+/* What the recorder does. What is given with a context gets its number. */
 struct trace_functions {
-    void (*note)(const trace_note &note);
-    /* The thread is inside something from here on; it is an event only if noted. What comes back is
-     * handed to end(). */
-    uint32_t (*begin)(const trace_note &note, bool noted);
-    void (*end)(uint32_t begun, const trace_note &note);
+    /* Notes an event. A publisher that is not NULL has caused it, which is told where it does not
+     * show. */
+    void (*note)(const qor_context_t *publisher, const qor_context_t *context, uint32_t what,
+                 int32_t session, int32_t arg);
+
+    /* Has a message handled, as qor_context_handle_message() does. */
+    int32_t (*handle_message)(const qor_context_t *publisher, qor_context_t *context,
+                              qor_context_msg_t *msg, trace_kind kind);
+
+    /* Executes a task of a context's own. */
+    void *(*execute)(const qor_context_t *context, qor_context_task_t *task);
+
+    /* The thread is inside something, up to end(). */
+    trace_begun (*begin)(uint32_t class_, const qor_context_t *context, uint32_t what,
+                         int32_t session, int32_t arg);
+    void (*end)(const trace_begun &begun, int32_t result);
+
     void (*line)(int32_t level, const char *format, va_list ap);
-    void (*context)(const qor_bus_t *bus, const trace_context &context);
+
+    /* Names the context of a delegate, whose link in its bus's list is given. */
+    void (*named)(list_head *link);
+
     void (*closed)(const qor_bus_t *bus);
 };
 
@@ -157,6 +158,41 @@ constexpr const trace_functions *trace_recorder()
     return nullptr;
 }
 #endif
+
+/* The calling thread is inside something of a context's, from construction to destruction. */
+class trace_span {
+public:
+    trace_span(uint32_t class_, const qor_context_t *context, uint32_t what, int32_t session,
+               int32_t arg)
+    {
+        if (trace_on(class_ | QOR_TRACE_STACKS)) {
+            begun_ = trace_recorder()->begin(class_, context, what, session, arg);
+        }
+    }
+    ~trace_span()
+    {
+        if (trace_built && begun_.recording) {
+            trace_recorder()->end(begun_, result_);
+        }
+    }
+    trace_span(const trace_span &) = delete;
+    trace_span &operator=(const trace_span &) = delete;
+
+    void result(int32_t result) { result_ = result; }
+
+private:
+    trace_begun begun_ = {};
+    int32_t result_ = 0;
+};
+
+/* Notes an event of a context's, or of none, if its class is recorded. */
+inline void trace_tell(uint32_t class_, const qor_context_t *context, uint32_t what,
+                       int32_t session, int32_t arg)
+{
+    if (trace_on(class_)) {
+        trace_recorder()->note(nullptr, context, what, session, arg);
+    }
+}
 
 /* The class that starts and ends of a kind belong to. */
 constexpr uint32_t trace_class(trace_kind kind)

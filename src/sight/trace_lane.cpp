@@ -305,12 +305,13 @@ void trace_lane_note(const trace_note &note)
     }
 }
 
-uint32_t trace_lane_begin(const trace_note &note, bool noted)
+trace_begun trace_lane_begin(const trace_note &note, uint32_t class_)
 {
     lane_use use;
     if (!use.lane()) {
-        return 0;
+        return {};
     }
+    const bool noted = trace_on(class_);
     const uint64_t now = trace_now.clock();
     if (noted) {
         lane_note(use, now, note);
@@ -318,22 +319,41 @@ uint32_t trace_lane_begin(const trace_note &note, bool noted)
     if (use.own()) {
         lane_inside(*use.lane(), now, note);
     }
-    return trace_now.number << 1 | (noted ? 1 : 0);
+    return {trace_now.number << 1 | (noted ? 1 : 0), note.what, note.session};
 }
 
-void trace_lane_end(uint32_t begun, const trace_note &note)
+void trace_lane_end(const trace_begun &begun, const trace_note &note)
 {
     lane_use use;
     trace_lane *lane = use.lane();
-    if (!lane || trace_now.number != begun >> 1) {
+    if (!lane || trace_now.number != begun.recording >> 1) {
         return;
     }
     if (use.own() && lane->depth > 0) {
         hal_store(lane->depth, lane->depth - 1);
     }
-    if (begun & 1) {
+    if (begun.recording & 1) {
         lane_note(use, trace_now.clock(), note);
     }
+}
+
+void trace_lane_name(const qor_bus_t *bus, uint32_t who, const trace_named &named)
+{
+    hal_scoped_lock lock(trace_mutex);
+    if (!trace_now.number || trace_now.bus != bus) {
+        return;
+    }
+    if (who >= trace_now.head->names) {
+        put(trace_now.head->names_lost, trace_now.head->names_lost + 1);
+        return;
+    }
+    trace_naming naming = {};
+    util_name_copy(naming.name, named.name);
+    naming.role = named.role;
+    naming.flags = static_cast<uint16_t>(named.flags);
+    naming.limit = static_cast<uint16_t>(named.limit < UINT16_MAX ? named.limit : UINT16_MAX);
+    naming.depth = named.depth;
+    trace_now.names[who] = naming;
 }
 
 void trace_lane_copy_locked(const trace_lane &lane, trace_lane &copy)

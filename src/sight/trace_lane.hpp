@@ -65,6 +65,26 @@ constexpr uint32_t trace_state_ended = 2;
 static_assert(sizeof(trace_event) == 16 && sizeof(trace_naming) == 32, "as the format says");
 static_assert(sizeof(trace_lane) == 128 && sizeof(trace_head) == 128, "as the format says");
 
+/* A context as recordings name it. */
+struct trace_named {
+    const char *name; /* nothing is read beyond 20 bytes */
+    uint32_t role;
+    uint32_t flags;
+    uint32_t limit; /* what does not fit 16 bits is any number */
+    uint32_t depth;
+};
+
+constexpr uint32_t trace_from_any = UINT32_MAX;
+
+/* One event, or the start of what a thread is inside. */
+struct trace_note {
+    uint32_t what;
+    int32_t session;
+    int32_t arg;
+    uint32_t from; /* who caused it, if that is not whom the thread is inside; or trace_from_any */
+    const char *text; /* what follows as text, or NULL */
+};
+
 /* The recording that is under way. Guarded by trace_mutex; a thread that is counted in at its lane
  * may use it too, for it stays until nobody is. */
 struct trace_recording {
@@ -91,10 +111,16 @@ void trace_lanes_await_locked();
  * anybody's. The caller holds the lock. */
 void trace_lanes_forget_locked();
 
-/* See trace_functions. */
+/* Notes an event on the calling thread's lane. */
 void trace_lane_note(const trace_note &note);
-uint32_t trace_lane_begin(const trace_note &note, bool noted);
-void trace_lane_end(uint32_t begun, const trace_note &note);
+
+/* The thread is inside something up to trace_lane_end(). Whether both are events is decided once:
+ * by the class, at the beginning. */
+trace_begun trace_lane_begin(const trace_note &note, uint32_t class_);
+void trace_lane_end(const trace_begun &begun, const trace_note &note);
+
+/* Names a context of a bus. */
+void trace_lane_name(const qor_bus_t *bus, uint32_t who, const trace_named &named);
 
 /* Copies a lane but for its events, as it was at one moment; with depth 0 when what its thread is
  * inside changes too fast to be read. The caller holds the lock. */

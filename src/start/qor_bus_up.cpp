@@ -8,7 +8,7 @@
 #include "qor_diag.hpp"
 #include "qor_util.hpp"
 #include "que_waits.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "qor_util.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -100,9 +100,7 @@ int32_t user_cancel(qor_context_t *inner, int32_t session,
     qor_context_t *wrapper = wrapper_of(inner);
     const bool own = user_task_cancel(qor_core_context_type(wrapper), session) == 0;
     const int32_t cancelled = own ? 0 : beyond(wrapper, session);
-    if (trace_on(QOR_TRACE_TASKS)) {
-        trace_event_of(wrapper, trace_what(trace_cancel), session, cancelled);
-    }
+    trace_tell(QOR_TRACE_TASKS, wrapper, trace_what(trace_cancel), session, cancelled);
     return cancelled;
 }
 

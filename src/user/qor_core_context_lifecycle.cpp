@@ -6,7 +6,7 @@
 #include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -30,9 +30,7 @@ void lifecycle_await(qor_core_context_t *core, qor_bus_t *bus, trace_awaited wha
 
 void lifecycle_note(const qor_core_context_t *core, int32_t to)
 {
-    if (trace_on(QOR_TRACE_CHANGES)) {
-        trace_event_of(&core->base, trace_what(trace_lifecycle), core->lifecycle, to);
-    }
+    trace_tell(QOR_TRACE_CHANGES, &core->base, trace_what(trace_lifecycle), core->lifecycle, to);
 }
 
 /* The caller holds the mutex. */

@@ -11,7 +11,7 @@
 #include "qor_diag.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 #include "user_run.hpp"
 
 namespace {
@@ -172,7 +172,8 @@ int32_t admission_queue(admission &post)
 int32_t admission_drop(admission &post)
 {
     if (trace_on(QOR_TRACE_TASKS) && post.node && !post.message) {
-        trace_event_of(&post.core->base, trace_what(trace_drop, trace_refused), post.session, -1);
+        trace_recorder()->note(nullptr, &post.core->base, trace_what(trace_drop, trace_refused),
+                               post.session, -1);
     }
     if (post.node) {
         qor_time_que_node_destroy(post.node, nullptr);
@@ -198,9 +199,8 @@ int32_t admission_refuse(admission &post, const qor_context_task_t *what)
  * Test: CoreContext.TheFiftyFirstTaskGoesStraightToTheBus. */
 int32_t admission_bypass(admission &post)
 {
-    if (trace_on(QOR_TRACE_TASKS)) {
-        trace_event_of(&post.core->base, trace_what(trace_bypass), post.session, post.delay);
-    }
+    trace_tell(QOR_TRACE_TASKS, &post.core->base, trace_what(trace_bypass), post.session,
+               post.delay);
     const int32_t posted = post.bus ? admission_bypass_post_locked(post) : 0;
     post.core->priv->under_way += posted == 0;
     qor_time_que_unlock(post.core->que);
@@ -246,7 +246,8 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
     post.response = sched_delegate_is_response(task);
     post.message = post.response || sched_delegate_is_relay(task);
     if (trace_on(QOR_TRACE_TASKS) && !sched_delegate_carries(task)) {
-        trace_event_of(context, trace_what(trace_post), task->session, task->delay);
+        trace_recorder()->note(nullptr, context, trace_what(trace_post), task->session,
+                               task->delay);
     }
     if (admission_make(post, task) < 0) {
         QOR_ERR("malloc \"que_node\" failed.");

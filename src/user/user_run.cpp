@@ -13,7 +13,7 @@
 #include "qor_time_que_priv.hpp"
 #include "task_watch.hpp"
 #include "thread_record.hpp"
-#include "trace_context.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -213,8 +213,8 @@ void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node, thread_
     /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
      * Test: CoreContext.ATasksNameStaysOnTheThread. */
     bus_thread_name_set(sched_delegate_bus(&core->base), task->name);
-    void *result =
-        task_is_traced(task) ? trace_execute(&core->base, task) : qor_context_task_excute(task);
+    void *result = task_is_traced(task) ? trace_recorder()->execute(&core->base, task)
+                                        : qor_context_task_excute(task);
     if (offer.taken()) {
         inside.becomes(user_task_left_without, core);
         node = nullptr;
