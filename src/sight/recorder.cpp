@@ -114,7 +114,7 @@ void head_fill(trace_head &head, const trace_plan &plan, const qor_trace_config_
     prctl(PR_GET_NAME, head.program);
 }
 
-void line_note(int32_t level, const char *format, va_list ap)
+[[gnu::format(printf, 2, 0)]] void line_note(int32_t level, const char *format, va_list ap)
 {
     char text[trace_line_bytes + 1];
     va_list copy;
