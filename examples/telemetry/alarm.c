@@ -27,7 +27,6 @@ static int32_t alarm_message(qor_context_t *context, qor_context_msg_t *msg)
 {
     struct telemetry *t = qor_context_priv_data_get(context);
     struct alarm *a = &t->alarm;
-    const int64_t began = trace_now();
     struct verdict v;
     if (msg->type == QOR_CONTEXT_MSG_RESPONSE) { /* the sampler knows */
         telemetry_done(t);
@@ -45,7 +44,6 @@ static int32_t alarm_message(qor_context_t *context, qor_context_msg_t *msg)
     alarm_keep(a);
     const struct alarm_answer answer = {.raised = a->raised};
     payload_write(&msg->response, &answer, sizeof(answer));
-    trace_add(&t->trace, LANE_ALARM, RUN_CALL, v.number, began);
     return 0;
 }
 

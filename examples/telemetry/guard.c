@@ -29,7 +29,6 @@ static int32_t guard_message(qor_context_t *context, qor_context_msg_t *msg)
 {
     struct telemetry *t = qor_context_priv_data_get(context);
     struct guard *g = &t->guard;
-    const int64_t began = trace_now();
     struct sample sample;
     if (msg->type != QOR_CONTEXT_MSG_FILTER_BEFORE ||
         payload_read(&msg->request, &sample, sizeof(sample)) != 0) {
@@ -44,7 +43,6 @@ static int32_t guard_message(qor_context_t *context, qor_context_msg_t *msg)
         memcpy(msg->request.buf, &sample, sizeof(sample)); /* a filter may change the request */
     }
     g->before = sample.reading;
-    trace_add(&t->trace, LANE_GUARD, RUN_FILTER, sample.number, began);
     return 0;
 }
 

@@ -10,12 +10,10 @@ static void *hog_work(void *arg)
 {
     struct telemetry *t = arg;
     const struct timespec step = {.tv_nsec = 100 * 1000000L};
-    const int64_t began = trace_now();
     const int64_t until = util_timestamp() + BUSY_MS;
     while (util_timestamp() < until && atomic_load(&t->stop) != STOP_SIGNAL) {
         nanosleep(&step, NULL);
     }
-    trace_add(&t->trace, LANE_HOG, RUN_TASK, -1, began);
     telemetry_done(t);
     return NULL;
 }

@@ -44,7 +44,6 @@ static struct verdict judge_verdict(struct judge *j, const struct sample *sample
 static int32_t judge_message(qor_context_t *context, qor_context_msg_t *msg)
 {
     struct telemetry *t = qor_context_priv_data_get(context);
-    const int64_t began = trace_now();
     struct sample sample;
     if (msg->type != QOR_CONTEXT_MSG_REQUEST ||
         payload_read(&msg->request, &sample, sizeof(sample)) != 0) {
@@ -57,7 +56,6 @@ static int32_t judge_message(qor_context_t *context, qor_context_msg_t *msg)
                               sizeof(answer));
     }
     payload_write(&msg->response, &verdict, sizeof(verdict));
-    trace_add(&t->trace, LANE_JUDGE, RUN_REQUEST, sample.number, began);
     return 0;
 }
 

@@ -13,23 +13,25 @@ enum { SAMPLES = 50 }; /* 5 s */
 struct options {
     const char *record;
     const char *input;
+    const char *trace;
     int32_t samples; /* 0: no limit */
     int32_t hog;
     int32_t help;
     char **command; /* NULL when there is none */
 };
 
-static const char usage[] = "usage: telemetry [--record FILE] [--input FILE] [--samples N] [--hog]"
-                            " [-- COMMAND...]\n";
+static const char usage[] = "usage: telemetry [--record FILE] [--input FILE] [--trace FILE]\n"
+                            "                 [--samples N] [--hog] [-- COMMAND...]\n";
 
 static const char help[] =
     "\n"
     "Runs COMMAND and watches the machine's processors and memory meanwhile, ten times a second.\n"
     "Prints a table at the end.\n"
     "\n"
-    "  --record FILE  keep the readings, and what the modules made of them: telemetry-draw\n"
-    "                 FILE PICTURE draws load, memory, alarms and what each module did\n"
-    "  --input FILE   replay a recording, as fast as it goes\n"
+    "  --record FILE  keep the readings, and what the judge said of them: telemetry-draw\n"
+    "                 FILE PICTURE draws load, memory and alarms\n"
+    "  --input FILE   replay such a file, as fast as it goes\n"
+    "  --trace FILE   keep what each module did and when: qor-trace FILE tells and draws it\n"
     "  --samples N    end after N samples (50 when there is neither COMMAND nor --input)\n"
     "  --hog          add a module that blocks its thread for 7 s, to see the monitor's warnings\n"
     "  --help         print this\n"
@@ -63,6 +65,7 @@ static int read_value(struct options *options, const char *name, const char *val
 {
     const char **file = strcmp(name, "--record") == 0  ? &options->record
                         : strcmp(name, "--input") == 0 ? &options->input
+                        : strcmp(name, "--trace") == 0 ? &options->trace
                                                        : NULL;
     if (file) {
         *file = value;
@@ -143,7 +146,6 @@ static void prepare(struct telemetry *t, const struct options *options)
     atomic_init(&t->open, options->hog ? 4 : 3);
     pthread_mutex_init(&t->sampler.mutex, NULL);
     pthread_mutex_init(&t->recorder.mutex, NULL);
-    pthread_mutex_init(&t->trace.mutex, NULL);
     t->recorder.total = -1;
 }
 
@@ -162,7 +164,8 @@ static int watch(struct telemetry *t, const struct options *options)
     if (!t->bus) {
         return STATUS_FAILED;
     }
-    if (options->command && command_start(&t->command, options->command) != 0) {
+    if ((options->trace && trace_start(&t->trace, t->bus, options->trace) != 0) ||
+        (options->command && command_start(&t->command, options->command) != 0)) {
         status = STATUS_USAGE;
     } else if (signals_start(t) == 0) {
         const int32_t looped = qor_bus_loop(t->bus); /* until qor_bus_quit() */
@@ -170,6 +173,7 @@ static int watch(struct telemetry *t, const struct options *options)
         status = looped != 0 || atomic_load(&t->failed) ? STATUS_FAILED : 0;
     }
     qor_bus_close(t->bus);
+    trace_end(&t->trace);
     command_stop(&t->command);
     return status;
 }

@@ -48,7 +48,6 @@ static int32_t recorder_message(qor_context_t *context, qor_context_msg_t *msg)
 {
     struct telemetry *t = qor_context_priv_data_get(context);
     struct recorder *r = &t->recorder;
-    const int64_t began = trace_now();
     struct sample sample;
     struct verdict verdict;
     if (msg->type != QOR_CONTEXT_MSG_LISTEN_AFTER ||
@@ -60,7 +59,6 @@ static int32_t recorder_message(qor_context_t *context, qor_context_msg_t *msg)
     const int failed = recorder_add(r, &sample, &verdict) != 0;
     const int over = r->seen == r->total;
     pthread_mutex_unlock(&r->mutex);
-    trace_add(&t->trace, LANE_RECORDER, RUN_LISTEN, sample.number, began);
     if (failed) {
         telemetry_fail(t);
     } else if (over) {
@@ -171,20 +169,6 @@ static void write_alarms(FILE *record, const struct alarm *a)
     }
 }
 
-static void write_runs(FILE *record, const struct trace *trace)
-{
-    static const char *const modules[LANES] = {"sampler", "guard",    "judge",
-                                               "alarm",   "recorder", "hog"};
-    static const char *const kinds[RUN_KINDS] = {"publish", "filter",   "request", "call",
-                                                 "listen",  "response", "task"};
-    const uint32_t kept = trace->count < TRACE_MAX ? trace->count : TRACE_MAX;
-    for (uint32_t i = trace->count - kept; i != trace->count; i++) {
-        const struct run *run = &trace->runs[i % TRACE_MAX];
-        fprintf(record, "run %s %s %d %" PRId64 " %" PRId64 "\n", modules[run->lane],
-                kinds[run->kind], run->sample, run->began_us, run->ended_us);
-    }
-}
-
 void recorder_write(FILE *record, const struct telemetry *t)
 {
     const struct spread *trip = &t->sampler.round_trip_us;
@@ -195,7 +179,6 @@ void recorder_write(FILE *record, const struct telemetry *t)
         }
     }
     write_alarms(record, &t->alarm);
-    write_runs(record, &t->trace);
     fprintf(record, "watch %d %d %" PRId64 " %" PRId64 " %" PRId64 "\n", t->sampler.requests,
             t->alarm.raised, trip->min, trip->count > 0 ? trip->sum / trip->count : 0, trip->max);
 }

@@ -22,7 +22,6 @@ const char recording_format[] =
     "over it. Such a line begins with a word:\n"
     "  sample NUMBER MS LOAD HEADROOM           tenths of a percent; LOAD is -1 while settling\n"
     "  alarm FROM TO NUMBER                     milliseconds, and the sample that raised it\n"
-    "  run MODULE KIND NUMBER BEGAN ENDED       microseconds; NUMBER is -1 without a sample\n"
     "  watch REQUESTS ALARMS LEAST MEAN MOST    of a request's round trip, microseconds\n";
 
 /* The first line of /proc/stat sums up all processors. The two guest kinds that follow the eight
@@ -124,7 +123,7 @@ static const char *parse(const char *line, struct reading *reading)
 /* Whether a line tells what the modules made of the readings. */
 static int is_outcome(const char *text)
 {
-    static const char *const words[] = {"sample ", "alarm ", "run ", "watch "};
+    static const char *const words[] = {"sample ", "alarm ", "watch "};
     for (size_t i = 0; i < sizeof(words) / sizeof(words[0]); i++) {
         if (strncmp(text, words[i], strlen(words[i])) == 0) {
             return 1;
@@ -192,13 +191,13 @@ static void *sampler_tick(qor_context_t *context, int32_t session, void *arg);
 /* Sends a reading. Never runs twice at once: each call is made from the timer that the last one
  * armed, or from the response to the last sample. */
 static void sampler_publish(qor_context_t *context, struct telemetry *t,
-                            const struct reading *reading, int32_t last, int64_t began_us)
+                            const struct reading *reading, int32_t last)
 {
     struct sampler *s = &t->sampler;
     if (s->record) {
         recording_write(s->record, reading);
     }
-    struct sample sample = {.last = last, .sent_us = trace_now(), .reading = *reading};
+    struct sample sample = {.last = last, .sent_us = now_us(), .reading = *reading};
     pthread_mutex_lock(&s->mutex);
     sample.number = s->requests++;
     s->last_sent = last;
@@ -207,7 +206,6 @@ static void sampler_publish(qor_context_t *context, struct telemetry *t,
                             sizeof(struct verdict)) < 0) {
         telemetry_fail(t);
     }
-    trace_add(&t->trace, LANE_SAMPLER, RUN_PUBLISH, sample.number, began_us);
 }
 
 static void sampler_arm(qor_context_t *context, struct telemetry *t)
@@ -239,12 +237,11 @@ static void *sampler_tick(qor_context_t *context, int32_t session, void *arg)
 {
     struct telemetry *t = arg;
     struct sampler *s = &t->sampler;
-    const int64_t began = trace_now();
     (void)session;
     proc_read(&s->next);
     s->next.at_ms = util_timestamp() - s->zero_ms;
     const int32_t last = sampler_is_last(t, 0);
-    sampler_publish(context, t, &s->next, last, began);
+    sampler_publish(context, t, &s->next, last);
     if (!last) {
         sampler_arm(context, t);
     }
@@ -256,9 +253,8 @@ static void sampler_replay(qor_context_t *context, struct telemetry *t)
 {
     struct sampler *s = &t->sampler;
     const struct reading reading = s->next;
-    const int64_t began = trace_now();
     const int more = recording_next(&s->input, &s->next);
-    sampler_publish(context, t, &reading, sampler_is_last(t, !more), began);
+    sampler_publish(context, t, &reading, sampler_is_last(t, !more));
 }
 
 static void sampler_begin(qor_context_t *context, struct telemetry *t)
@@ -292,7 +288,7 @@ static int sampler_count(struct telemetry *t, const struct sample *sample,
 static int32_t sampler_message(qor_context_t *context, qor_context_msg_t *msg)
 {
     struct telemetry *t = qor_context_priv_data_get(context);
-    const int64_t began = trace_now();
+    const int64_t now = now_us();
     struct sample sample;
     struct verdict verdict;
     if (msg->type == QOR_CONTEXT_MSG_REQUEST && msg->topic == TOPIC_READY) {
@@ -305,9 +301,7 @@ static int32_t sampler_message(qor_context_t *context, qor_context_msg_t *msg)
         telemetry_fail(t);
         return 0;
     }
-    const int more = sampler_count(t, &sample, &verdict, began);
-    trace_add(&t->trace, LANE_SAMPLER, RUN_RESPONSE, sample.number, began);
-    if (more) {
+    if (sampler_count(t, &sample, &verdict, now)) {
         sampler_replay(context, t);
     }
     return 0;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* What the modules do alike: ending the watch, reading and writing payloads, leaving a trace. */
+/* What the modules do alike: ending the watch, reading and writing payloads, the clock. */
 #include "telemetry.h"
 
 #include <string.h>
@@ -61,22 +61,9 @@ void telemetry_nothing(qor_context_t *context)
     (void)context;
 }
 
-int64_t trace_now(void)
+int64_t now_us(void)
 {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return (int64_t)now.tv_sec * 1000000 + now.tv_nsec / 1000;
-}
-
-void trace_add(struct trace *trace, enum lane lane, enum run_kind kind, int32_t sample,
-               int64_t began_us)
-{
-    const struct run run = {.lane = (int32_t)lane,
-                            .kind = (int32_t)kind,
-                            .sample = sample,
-                            .began_us = began_us,
-                            .ended_us = trace_now()};
-    pthread_mutex_lock(&trace->mutex);
-    trace->runs[trace->count++ % TRACE_MAX] = run;
-    pthread_mutex_unlock(&trace->mutex);
 }

@@ -14,6 +14,12 @@
 
 #include "qor.h"
 
+/* Where the bus's recorder writes. */
+struct trace {
+    void *memory; /* NULL: it does not */
+    size_t size;
+};
+
 /* What the sampler reads each time. Signed, so that an impossible value can be seen. */
 struct reading {
     int64_t at_ms;        /* since the watch began */
@@ -52,36 +58,6 @@ static inline void spread_add(struct spread *spread, int64_t value)
     spread->sum += value;
     spread->count++;
 }
-
-/* Which module ran when. */
-enum lane { LANE_SAMPLER, LANE_GUARD, LANE_JUDGE, LANE_ALARM, LANE_RECORDER, LANE_HOG, LANES };
-
-enum run_kind {
-    RUN_PUBLISH,  /* a reading is taken and published */
-    RUN_FILTER,   /* a filter sees the request, inside the publishing run */
-    RUN_REQUEST,  /* the subscriber handles the request */
-    RUN_CALL,     /* a request is handled on the caller's thread, inside the caller's run */
-    RUN_LISTEN,   /* a listener sees the answered request */
-    RUN_RESPONSE, /* the publisher receives the response */
-    RUN_TASK,     /* a task of the module's own */
-    RUN_KINDS
-};
-
-struct run {
-    int32_t lane;
-    int32_t kind;
-    int32_t sample; /* the number of the sample that it belongs to, or -1 */
-    int64_t began_us;
-    int64_t ended_us;
-};
-
-enum { TRACE_MAX = 4096 };
-
-struct trace {
-    pthread_mutex_t mutex; /* guards the rest until the bus is closed */
-    uint32_t count;        /* runs ever added; the last TRACE_MAX are kept */
-    struct run runs[TRACE_MAX];
-};
 
 /* Served by the sampler, the judge and the alarm, in this order. */
 enum { TOPIC_READY, TOPIC_SAMPLE, TOPIC_ALARM, TOPICS };
@@ -215,11 +191,14 @@ void telemetry_done(struct telemetry *t);
 void telemetry_fail(struct telemetry *t);
 
 /* Monotonic microseconds. */
-int64_t trace_now(void);
+int64_t now_us(void);
 
-/* Adds a run that ends now. Any thread. */
-void trace_add(struct trace *trace, enum lane lane, enum run_kind kind, int32_t sample,
-               int64_t began_us);
+/* Creates a file and has the bus recorded in it, for qor-trace to read: during the watch,
+ * afterwards, and also if the program is killed. Returns -1 after a line on standard error. */
+int trace_start(struct trace *trace, qor_bus_t *bus, const char *path);
+
+/* Lets go of the file; after the bus is closed. */
+void trace_end(struct trace *trace);
 
 /* Copies a payload out of a message, whose parts need not be aligned, and into it. Both return -1
  * when the part is too small for the record. */

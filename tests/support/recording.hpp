@@ -241,7 +241,8 @@ inline uint64_t counting_clock()
     return counting_clock_now++;
 }
 
-/* Memory for a recorder, and the configuration that uses it. */
+/* Memory for a recorder, and the configuration that uses it. What is recorded when it goes ends; the
+ * loop does not run then. */
 class RecordedMemory {
 public:
     explicit RecordedMemory(uint32_t mask = QOR_TRACE_DEFAULT, uint32_t lanes = 6,
@@ -257,6 +258,10 @@ public:
         config.names = names;
         config.clock = counting_clock;
     }
+
+    ~RecordedMemory() { qor_trace_stop(); }
+    RecordedMemory(const RecordedMemory &) = delete;
+    RecordedMemory &operator=(const RecordedMemory &) = delete;
 
     /* Of what is there now: once nothing is recorded any more. */
     Recording recording() const { return Recording(config.memory); }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Draws a recording of telemetry's: load, memory and alarms, and what each module did. */
+/* Draws a recording of telemetry's: load, memory and alarms. */
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>

@@ -5,7 +5,7 @@
 
 #include "svg.h"
 
-enum { WIDTH = 1000, LEFT = 84, RIGHT = 30, CHART_TOP = 96, CHART_HEIGHT = 200, GAP = 120 };
+enum { WIDTH = 1000, LEFT = 84, RIGHT = 30, CHART_TOP = 96, CHART_HEIGHT = 200, FOOT = 60 };
 
 double picture_step(double top, int count)
 {
@@ -19,14 +19,12 @@ double picture_step(double top, int count)
 void picture_draw(FILE *file, const struct recording *r)
 {
     const struct area chart = {LEFT, CHART_TOP, WIDTH - LEFT - RIGHT, CHART_HEIGHT};
-    const struct area lanes = {LEFT, CHART_TOP + CHART_HEIGHT + GAP, WIDTH - LEFT - RIGHT, 0};
-    svg_begin(file, WIDTH, lanes.y + lanes_height(r));
+    svg_begin(file, WIDTH, CHART_TOP + CHART_HEIGHT + FOOT);
     svg_text(file, "title", 24, 32, "Telemetry: the machine as the judge saw it");
     svg_text(file, "sub", 24, 52,
              "Samples: %zu. Alarms: %d. From request to response: %" PRId64 " to %" PRId64
              " \302\265s, on average %" PRId64 " \302\265s.",
              r->samples.count, r->raised, r->trip_least_us, r->trip_most_us, r->trip_mean_us);
     chart_draw(file, r, chart);
-    lanes_draw(file, r, lanes);
     svg_end(file);
 }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The picture: a chart of load and memory over time, and below it the modules at work. */
+/* The picture: a chart of load and memory over time. */
 #ifndef PICTURE_H
 #define PICTURE_H
 
@@ -18,9 +18,7 @@ void picture_draw(FILE *file, const struct recording *r);
 /* A step for at most `count` labels on a scale up to `top`: 1, 2 or 5 times a power of ten. */
 double picture_step(double top, int count);
 
-/* The two halves. The lanes' height follows from their number. */
+/* Its chart. */
 void chart_draw(FILE *file, const struct recording *r, struct area area);
-void lanes_draw(FILE *file, const struct recording *r, struct area area);
-double lanes_height(const struct recording *r);
 
 #endif /* PICTURE_H */

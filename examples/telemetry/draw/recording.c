@@ -5,11 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-enum { WORD = 16, LINE_MAX_BYTES = 256 };
-
-const char *const module_names[MODULES] = {"sampler", "guard", "judge", "alarm", "recorder", "hog"};
-const char *const run_kind_names[RUN_KINDS] = {"publish", "filter",   "request", "call",
-                                               "listen",  "response", "task"};
+enum { LINE_MAX_BYTES = 256 };
 
 const struct sample *recording_sample(const struct recording *r, size_t i)
 {
@@ -19,11 +15,6 @@ const struct sample *recording_sample(const struct recording *r, size_t i)
 const struct alarm *recording_alarm(const struct recording *r, size_t i)
 {
     return (const struct alarm *)r->alarms.items + i;
-}
-
-const struct run *recording_run(const struct recording *r, size_t i)
-{
-    return (const struct run *)r->runs.items + i;
 }
 
 static int list_add(struct list *list, const void *item, size_t size)
@@ -39,17 +30,6 @@ static int list_add(struct list *list, const void *item, size_t size)
     }
     memcpy((char *)list->items + list->count++ * size, item, size);
     return 0;
-}
-
-/* The place of a word, or -1. */
-static int32_t find(const char *word, const char *const *names, int32_t count)
-{
-    for (int32_t i = 0; i < count; i++) {
-        if (strcmp(word, names[i]) == 0) {
-            return i;
-        }
-    }
-    return -1;
 }
 
 static int read_sample(struct recording *r, const char *text)
@@ -69,19 +49,6 @@ static int read_alarm(struct recording *r, const char *text)
                : -1;
 }
 
-static int read_run(struct recording *r, const char *text)
-{
-    struct run run;
-    char module[WORD], kind[WORD];
-    if (sscanf(text, "%15s%15s%" SCNd32 "%" SCNd64 "%" SCNd64, module, kind, &run.sample,
-               &run.began_us, &run.ended_us) != 5) {
-        return -1;
-    }
-    run.module = find(module, module_names, MODULES);
-    run.kind = find(kind, run_kind_names, RUN_KINDS);
-    return run.module < 0 || run.kind < 0 ? -1 : list_add(&r->runs, &run, sizeof(run));
-}
-
 static int read_watch(struct recording *r, const char *text)
 {
     return sscanf(text, "%" SCNd32 "%" SCNd32 "%" SCNd64 "%" SCNd64 "%" SCNd64, &r->requests,
@@ -96,10 +63,7 @@ static int read_line(struct recording *r, const char *line)
     static const struct {
         const char *word;
         int (*read)(struct recording *r, const char *text);
-    } kinds[] = {{"sample ", read_sample},
-                 {"alarm ", read_alarm},
-                 {"run ", read_run},
-                 {"watch ", read_watch}};
+    } kinds[] = {{"sample ", read_sample}, {"alarm ", read_alarm}, {"watch ", read_watch}};
     for (size_t i = 0; i < sizeof(kinds) / sizeof(kinds[0]); i++) {
         const size_t length = strlen(kinds[i].word);
         if (strncmp(line, kinds[i].word, length) == 0) {
@@ -131,5 +95,4 @@ void recording_free(struct recording *r)
 {
     free(r->samples.items);
     free(r->alarms.items);
-    free(r->runs.items);
 }

@@ -20,40 +20,6 @@ struct alarm {
     int32_t sample; /* that raised it */
 };
 
-enum module {
-    MODULE_SAMPLER,
-    MODULE_GUARD,
-    MODULE_JUDGE,
-    MODULE_ALARM,
-    MODULE_RECORDER,
-    MODULE_HOG,
-    MODULES
-};
-
-enum run_kind {
-    RUN_PUBLISH,  /* a reading is taken and published */
-    RUN_FILTER,   /* a filter sees the request, inside the publishing run */
-    RUN_REQUEST,  /* the subscriber handles the request */
-    RUN_CALL,     /* a request is handled on the caller's thread, inside the caller's run */
-    RUN_LISTEN,   /* a listener sees the answered request */
-    RUN_RESPONSE, /* the publisher receives the response */
-    RUN_TASK,     /* a task of the module's own */
-    RUN_KINDS
-};
-
-/* One run of a module's handler. */
-struct run {
-    int32_t module;
-    int32_t kind;
-    int32_t sample; /* that it belongs to, or -1 */
-    int64_t began_us;
-    int64_t ended_us;
-};
-
-/* The words that stand for modules and kinds. */
-extern const char *const module_names[MODULES];
-extern const char *const run_kind_names[RUN_KINDS];
-
 /* A list that grows. */
 struct list {
     void *items;
@@ -64,7 +30,6 @@ struct list {
 struct recording {
     struct list samples; /* struct sample, by number */
     struct list alarms;  /* struct alarm, oldest first */
-    struct list runs;    /* struct run, in the order in which they ended */
     int32_t requests;
     int32_t raised; /* alarms; not all of them need be listed */
     int64_t trip_least_us;
@@ -74,7 +39,6 @@ struct recording {
 
 const struct sample *recording_sample(const struct recording *r, size_t i);
 const struct alarm *recording_alarm(const struct recording *r, size_t i);
-const struct run *recording_run(const struct recording *r, size_t i);
 
 /* Reads a file. Returns -1 after a line on standard error. */
 int recording_read(struct recording *r, FILE *file, const char *path);

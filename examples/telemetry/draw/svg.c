@@ -6,29 +6,19 @@
 static const char styles[] =
     "text{font-family:Helvetica,Arial,sans-serif;font-size:12px;fill:#333}"
     ".title{font-size:17px;font-weight:bold}.sub{fill:#666}.head{font-weight:bold}"
-    ".right{text-anchor:end}.mid{text-anchor:middle}.small{font-size:10px;fill:#666}"
-    ".inside{font-size:10px;fill:#fff;text-anchor:middle}"
-    ".page{fill:#fff}.area{fill:#fafafa}.odd{fill:#f1f4f7}.even{fill:#fafbfc}"
+    ".right{text-anchor:end}.mid{text-anchor:middle}"
+    ".page{fill:#fff}.area{fill:#fafafa}"
     ".grid{stroke:#ddd}.axis{stroke:#888}.limit{stroke:#c44;stroke-dasharray:5 4}"
     ".low{stroke:#2a8a57;stroke-dasharray:5 4}.alarmed{fill:#c44;fill-opacity:.13}"
     ".mark{fill:#c22}.load{fill:none;stroke:#2166ac;stroke-width:1.6}"
-    ".memory{fill:none;stroke:#2a8a57;stroke-width:1.6}"
-    ".publish{fill:#2166ac}.filter{fill:#8a5fbf}.request{fill:#2a8a57}.call{fill:#c22}"
-    ".listen{fill:#777}.response{fill:#5aa5dc}.task{fill:#d98a1f}"
-    ".ask{stroke:#2166ac;stroke-width:1.4;marker-end:url(#tip)}"
-    ".answer{stroke:#2a8a57;stroke-width:1.4;marker-end:url(#tip)}"
-    ".invoke{stroke:#c22;stroke-width:1.4;marker-end:url(#tip)}"
-    ".copy{stroke:#999;stroke-dasharray:2 3;marker-end:url(#tip)}";
+    ".memory{fill:none;stroke:#2a8a57;stroke-width:1.6}";
 
 void svg_begin(FILE *file, double width, double height)
 {
-    fprintf(
-        file,
-        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\""
-        " viewBox=\"0 0 %.0f %.0f\">\n<style>%s</style>\n"
-        "<marker id=\"tip\" viewBox=\"0 0 8 8\" refX=\"7\" refY=\"4\" markerWidth=\"6\""
-        " markerHeight=\"6\" orient=\"auto\"><path d=\"M0 0L8 4L0 8z\" fill=\"#555\"/></marker>\n",
-        width, height, width, height, styles);
+    fprintf(file,
+            "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\""
+            " viewBox=\"0 0 %.0f %.0f\">\n<style>%s</style>\n",
+            width, height, width, height, styles);
     svg_box(file, "page", 0, 0, width, height);
 }
 
