@@ -208,6 +208,35 @@ bool bus_is_looping(const qor_bus_t *bus)
     return hal_load(bus->priv->looping);
 }
 
+/* Begins a recording: NULL, or what is wrong. That is printed without the lock, for a line may be
+ * an event. */
+const char *recording_try(const qor_bus_t *bus, const qor_trace_config_t &config,
+                          const trace_plan &plan)
+{
+    hal_scoped_lock lock(trace_mutex);
+    if (trace_now.number || bus_is_looping(bus)) {
+        return "a recorder or the loop is running.";
+    }
+    if (!recorder_open_locked()) {
+        return "no thread key left.";
+    }
+    recording_begin_locked(bus, config, plan);
+    return nullptr;
+}
+
+/* Ends a recording, if there is one: false while the loop of its bus runs. */
+bool recording_is_over()
+{
+    hal_scoped_lock lock(trace_mutex);
+    if (trace_now.number && bus_is_looping(trace_now.bus)) {
+        return false;
+    }
+    if (trace_now.number) {
+        recording_end_locked();
+    }
+    return true;
+}
+
 /* Names the contexts that the bus has already; whoever makes one from now on names it. */
 void contexts_name(qor_bus_t *bus)
 {
@@ -290,17 +319,9 @@ int32_t qor_trace_start(qor_bus_t *bus, const qor_trace_config_t *config)
     QOR_CHECK(address % 64 == 0, -1);
     const trace_plan plan = plan_make(bus, *config);
     QOR_CHECK_TEXT(plan.events, "config->memory_size >= least", -1);
-    {
-        hal_scoped_lock lock(trace_mutex);
-        if (trace_now.number || bus_is_looping(bus)) {
-            QOR_ERR("a recorder or the loop is running.");
-            return -1;
-        }
-        if (!recorder_open_locked()) {
-            QOR_ERR("no thread key left.");
-            return -1;
-        }
-        recording_begin_locked(bus, *config, plan);
+    if (const char *problem = recording_try(bus, *config, plan)) {
+        QOR_ERR("%s", problem);
+        return -1;
     }
     contexts_name(bus);
     hooks_open();
@@ -309,15 +330,10 @@ int32_t qor_trace_start(qor_bus_t *bus, const qor_trace_config_t *config)
 
 int32_t qor_trace_stop(void)
 {
-    hal_scoped_lock lock(trace_mutex);
-    if (!trace_now.number) {
-        return 0;
-    }
-    if (bus_is_looping(trace_now.bus)) {
+    if (!recording_is_over()) {
         QOR_ERR("the loop is running.");
         return -1;
     }
-    recording_end_locked();
     return 0;
 }
 

@@ -125,6 +125,14 @@ TEST_F(Trace, ThereIsOneRecorder)
     EXPECT_EQ(refused(&memory.config), line("a recorder or the loop is running."));
 }
 
+TEST_F(Trace, TheLineOfARefusalMayBeRecordedItself)
+{
+    memory.config.mask = QOR_TRACE_ALL;
+    start();
+    refused(&memory.config);
+    EXPECT_NE(memory.recording().told({event_line}).find("[qor_trace]"), std::string::npos);
+}
+
 TEST_F(Trace, NothingBeginsOrEndsWhileTheLoopRuns)
 {
     Module module("module");
