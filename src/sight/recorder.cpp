@@ -133,7 +133,6 @@ void recording_end_locked()
     __atomic_store_n(&trace_now.number, 0u, __ATOMIC_SEQ_CST);
     trace_lanes_await_locked();
     hal_store(trace_now.head->state, trace_state_ended);
-    trace_now = {};
 }
 
 void bus_over(const qor_bus_t *bus)
@@ -170,7 +169,7 @@ void fork_child()
 {
     trace_lanes_forget_locked();
     hal_store(trace_mask, 0u);
-    trace_now = {};
+    hal_store(trace_now.number, 0u);
     pthread_mutex_unlock(&trace_mutex);
 }
 

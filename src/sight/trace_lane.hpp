@@ -88,7 +88,8 @@ struct trace_note {
 /* The recording that is under way. Guarded by trace_mutex; a thread that is counted in at its lane
  * may use it too, for it stays until nobody is. */
 struct trace_recording {
-    uint32_t number; /* rises with each; 0: none is under way. Read without the lock */
+    uint32_t number; /* rises with each; 0: none is under way, and the rest means nothing. Read
+                        without the lock */
     const qor_bus_t *bus;
     trace_head *head;
     trace_lane *lanes; /* the first is shared by the threads that have got none */

@@ -57,9 +57,8 @@ public:
 
     uint32_t word(size_t offset) const
     {
-        uint32_t value;
-        memcpy(&value, bytes_ + offset, sizeof(value));
-        return value;
+        return __atomic_load_n(reinterpret_cast<const uint32_t *>(bytes_ + offset),
+                               __ATOMIC_ACQUIRE);
     }
     uint64_t wide(size_t offset) const
     {

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "contract_fixture.hpp"
+#include "leak.hpp"
 #include "output.hpp"
 #include "recording.hpp"
 #include "running_bus.hpp"
@@ -212,7 +213,10 @@ TEST_F(Trace, CloseAndDestroyEndTheRecordingOfTheirBus)
     EXPECT_EQ(qor_trace_mask_set(1), 0u);
 
     RecordedMemory second;
-    bus = qor_bus_create(no_modules, 1);
+    {
+        const PrescribedLeak head_and_timers;
+        bus = qor_bus_create(no_modules, 1);
+    }
     ASSERT_EQ(qor_trace_start(bus, &second.config), 0);
     qor_bus_destroy(bus);
     EXPECT_EQ(second.recording().state(), 2u);
