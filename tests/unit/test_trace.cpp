@@ -13,6 +13,7 @@
 #include "output.hpp"
 #include "recording.hpp"
 #include "running_bus.hpp"
+#include "still_bus.hpp"
 #include "thread.hpp"
 
 namespace {
@@ -451,6 +452,46 @@ TEST_F(Trace, ThreadsMayGoOnWhileItEnds)
     }
 }
 
+/* A clock that keeps whoever reads it, once it is shut. */
+Door *clock_door;
+uint64_t clock_behind_a_door()
+{
+    if (clock_door) {
+        clock_door->pass();
+    }
+    return 1;
+}
+
+TEST_F(Trace, AnEventUnderWayIsWaitedForAtTheEnd)
+{
+    memory.config.clock = clock_behind_a_door;
+    start();
+    qor_trace_mark(1, 0);
+    Door door;
+    std::atomic<bool> ended{false};
+    clock_door = &door;
+    Thread marking([] {
+        qor_trace_mark(2, 0); /* its lane is had before the clock is read */
+    });
+    ASSERT_TRUE(door.await(1));
+    Thread ending([&] {
+        qor_trace_stop();
+        std::memset(memory.config.memory, 0x5a, memory.size());
+        ended = true;
+    });
+    for (int i = 0; i < 100 && !ended; i++) { /* which it must not be */
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_FALSE(ended);
+    door.open();
+    marking.join();
+    ending.join();
+    clock_door = nullptr;
+    const char *bytes = static_cast<char *>(memory.config.memory);
+    EXPECT_EQ(std::count(bytes, bytes + memory.size(), 0x5a),
+              static_cast<std::ptrdiff_t>(memory.size()));
+}
+
 TEST_F(Trace, TheMaskMayChangeAtAnyTime)
 {
     start();
@@ -550,6 +591,16 @@ TEST_F(TracedModules, AreNamedWithRoleFlagsLimitAndDepth)
     EXPECT_EQ(naming(done, "server"), "0 5 3 7");
     EXPECT_EQ(naming(done, "client"), "0 0 65535 0");
     EXPECT_EQ(naming(done, "qor_mng_module"), "1 0 65535 0");
+}
+
+TEST_F(TracedModules, ContextsThatAreThereAlreadyAreNamed)
+{
+    StillBus still({&server});
+    still.run_all();
+    RecordedMemory memory;
+    ASSERT_EQ(qor_trace_start(still.get(), &memory.config), 0);
+    EXPECT_EQ(naming(memory.recording(), "server"), "0 0 1 0");
+    EXPECT_EQ(naming(memory.recording(), "qor_monitor_module"), "1 0 65535 0");
 }
 
 TEST_F(TracedModules, BeyondTheNamesAreCounted)
