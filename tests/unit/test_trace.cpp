@@ -421,7 +421,7 @@ TEST_F(Trace, WhatASnapshotHasOfALaneHasNoGap)
     ASSERT_EQ(qor_trace_start(bus, &large.config), 0);
     const Markers markers(8);
     size_t seen = 0;
-    for (int i = 0; i < 200; i++) {
+    for (int i = 0; i < 40; i++) {
         const CopiedRecording copy(large.size());
         for (uint32_t lane = 1; lane <= copy.lanes_taken(); lane++) {
             const std::vector<RecordedEvent> events = copy.events(lane);
