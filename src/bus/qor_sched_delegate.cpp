@@ -29,6 +29,11 @@ struct delegate_block {
     qor_sched_delegate_private priv;
 };
 
+delegate_block *block_at(list_head *link)
+{
+    return util_container<delegate_block, offsetof(delegate_block, priv.link)>(link);
+}
+
 /* One mutex for each kind of registration: all, or -1 and none. */
 int32_t delegate_locks_init(delegate_block &block)
 {
@@ -42,10 +47,14 @@ const char *name_of(qor_context_t *context)
 }
 
 /* Enters and returns the context of a topic's newest subscriber, or NULL. */
-qor_context_t *subscriber_enter(qor_topic_core_t *table, qor_context_topic_t topic)
+qor_context_t *subscriber_enter(qor_topic_core_t *table, qor_context_topic_t topic,
+                                topic_entry as = topic_enters)
 {
-    topic_dispatch under_way(table, topic);
+    topic_dispatch under_way(table, topic, as);
     qor_topic_node_t *node = topic_subscriber_step(table, topic, nullptr);
+    if (!node && as == topic_requested) {
+        under_way.unserved();
+    }
     return node ? node->context : nullptr;
 }
 
@@ -112,6 +121,14 @@ void request_note(const qor_context_t *publisher, const qor_context_t *subscribe
     }
 }
 
+/* A handler's result is negative. */
+void handler_failed(const qor_context_t *aim)
+{
+    if (sched_delegate_bus(aim)) {
+        __atomic_fetch_add(&delegate_of(aim)->priv->failed, 1, __ATOMIC_RELAXED);
+    }
+}
+
 /* The aim has been entered; it may be NULL. */
 int32_t qor_sched_delegate_handle_message_aim(const qor_context_t *publisher, qor_context_t *aim,
                                               qor_context_msg_t *msg, trace_kind kind)
@@ -120,6 +137,9 @@ int32_t qor_sched_delegate_handle_message_aim(const qor_context_t *publisher, qo
         return -1;
     }
     const int32_t ret = message_deliver(publisher, aim, msg, kind);
+    if (ret < 0) {
+        handler_failed(aim);
+    }
     context_leave(aim, __func__);
     return ret > QOR_RET_GONE ? ret : handler_result(aim, ret);
 }
@@ -424,7 +444,7 @@ int32_t request_publish(qor_context_t *publisher, qor_context_msg_t *msg, const 
     /* Deliberate: the subscriber is entered here and not left again.
      * Test: SchedDelegate.PublishLeavesTheSubscriberEntered. */
     qor_context_t *subscriber =
-        subscriber_enter(delegate_table(delegate_of(publisher)), msg->topic);
+        subscriber_enter(delegate_table(delegate_of(publisher)), msg->topic, topic_requested);
     if (!subscriber) {
         drop_note(publisher, trace_unserved, msg);
         QOR_LINE("err", func, "no one subscribe, source:%s, topic:%d, session=%d",
@@ -479,7 +499,8 @@ int32_t qor_sched_delegate_publishx(qor_context_t *publisher, qor_context_msg_t 
         return -1;
     }
     passage_before(publisher, msg);
-    qor_context_t *aim = subscriber_enter(delegate_table(_this), msg->topic); /* as in the relay */
+    qor_context_t *aim = /* as in the relay */
+        subscriber_enter(delegate_table(_this), msg->topic, topic_requested);
     int32_t ret;
     {
         deferred_scope none(nullptr, nullptr, nullptr);
@@ -496,7 +517,8 @@ int32_t qor_sched_delegate_syscallx(qor_context_t *context, qor_context_msg_t *m
     QOR_CHECK(msg, -1);
     /* Deliberate: neither system call leaves the module that it enters here; system contexts have
      * nothing to leave. Test: SchedDelegate.SystemCallsLeaveTheModuleEntered. */
-    qor_context_t *module = subscriber_enter(_this->bus->sys_topic_core, msg->topic);
+    qor_context_t *module =
+        subscriber_enter(_this->bus->sys_topic_core, msg->topic, topic_requested);
     if (!module) {
         QOR_ERR("no one subscribe, source:%s, topic:%d, session=%d", name_of(context), msg->topic,
                 msg->session);
@@ -588,6 +610,11 @@ qor_context_handler_t qor_sched_delegate_handler = {
 } // namespace
 
 const deferred_calls *deferred_made;
+
+qor_sched_delegate_t *sched_delegate_at(list_head *link)
+{
+    return &block_at(link)->delegate;
+}
 
 qor_sched_delegate_t *delegate_of(const qor_context_t *context)
 {
@@ -701,7 +728,7 @@ qor_sched_delegate_t *delegate_at(list_head *link)
 void sched_delegates_free(qor_bus_t *bus)
 {
     util_list_each(bus->priv->delegates, [](list_head *link) {
-        auto *block = util_container<delegate_block, offsetof(delegate_block, priv.link)>(link);
+        delegate_block *block = block_at(link);
         qor_sched_delegate_destroy(&block->delegate);
         pthread_mutex_destroy(&block->delegate.subscriber_mutex);
         pthread_mutex_destroy(&block->delegate.listener_mutex);
@@ -731,7 +758,11 @@ qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role, qor_co
         hal_scoped_lock lock(bus->priv->mutex);
         list_add(&block->priv.link, &bus->priv->delegates);
         block->priv.number = ++bus->priv->contexts;
-        block->priv.promise = context ? contract_find(bus, context->module) : nullptr;
+        if (context) {
+            block->priv.promise = contract_find(bus, context->module);
+            block->priv.module = context->module;
+            block->priv.cls = context->cls;
+        }
         if (const trace_functions *recorder = trace_recorder()) {
             recorder->named(&block->priv.link);
         }

@@ -15,7 +15,14 @@ struct qor_sched_delegate_private {
     contract *promise; /* of the context's module; NULL: it has none */
     uint32_t number;   /* 1 and up, in the order in which the bus's delegates were made */
     int32_t closed;    /* 1 once destroyed: registrations are refused; read without a common lock */
+    uint32_t failed; /* requests whose handler gave less than 0, modulo 2^32; changed atomically */
+    const qor_context_module_t *module; /* what the context is of; stay when it is gone. NULL: there
+                                           was none, or no bus */
+    const qor_context_cls_t *cls;
 };
+
+/* The delegate behind a link in its bus's list. */
+qor_sched_delegate_t *sched_delegate_at(list_head *link);
 
 /* A context's delegate, or NULL. */
 qor_sched_delegate_t *delegate_of(const qor_context_t *context);

@@ -265,7 +265,8 @@ int32_t topics_create(qor_topic_core_t *core, int32_t id_max)
     /* One block for the public and the private half of all topics; without any it has room for one,
      * as a C library may give NULL for no bytes. */
     const size_t count = static_cast<size_t>(id_max);
-    void *topics = calloc(count ? count : 1, sizeof(qor_topic_t) + sizeof(qor_topic_core_private));
+    void *topics = util_memory(
+        calloc(count ? count : 1, sizeof(qor_topic_t) + sizeof(qor_topic_core_private)));
     if (!topics) {
         return -1;
     }
@@ -291,11 +292,11 @@ template <uint32_t epoch> void topic_left(void *topic)
 
 } // namespace
 
-topic_dispatch::topic_dispatch(qor_topic_core_t *core, qor_context_topic_t topic)
+topic_dispatch::topic_dispatch(qor_topic_core_t *core, qor_context_topic_t topic, topic_entry as)
     : topic_(topic >= 0 && topic < core->id_max ? &core->priv[topic] : nullptr), epoch_(0)
 {
     if (topic_) {
-        epoch_ = topic_epoch_enter(*topic_);
+        epoch_ = topic_epoch_enter(*topic_, as);
     }
 }
 
@@ -303,6 +304,13 @@ topic_dispatch::~topic_dispatch()
 {
     if (topic_) {
         topic_epoch_leave(*topic_, epoch_);
+    }
+}
+
+void topic_dispatch::unserved()
+{
+    if (topic_) {
+        __atomic_fetch_add(&topic_->unserved, 1, __ATOMIC_RELAXED);
     }
 }
 

@@ -4,6 +4,7 @@
 #define QOR_TOPIC_CORE_PRIV_HPP
 
 #include "qor_topic_core.h"
+#include "qor_topic_epoch.hpp"
 #include "thread_record.hpp"
 
 /* A dispatch on a topic, from construction to destruction. A registration that is removed meanwhile
@@ -12,8 +13,12 @@
  * number. */
 class topic_dispatch {
 public:
-    topic_dispatch(qor_topic_core_t *core, qor_context_topic_t topic);
+    topic_dispatch(qor_topic_core_t *core, qor_context_topic_t topic,
+                   topic_entry as = topic_enters);
     ~topic_dispatch();
+    /* The request that is published has found nobody who takes it. */
+    void unserved();
+
     topic_dispatch(const topic_dispatch &) = delete;
     topic_dispatch &operator=(const topic_dispatch &) = delete;
 

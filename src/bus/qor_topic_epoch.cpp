@@ -18,6 +18,21 @@ void retired_free(topic_retired *first)
     }
 }
 
+/* Makes another epoch the current one: gives the entries into the former. An entry that comes
+ * meanwhile may be into either, and is counted there. */
+uint32_t topic_epoch_turn(qor_topic_core_private &topic, uint32_t to)
+{
+    uint32_t closed = 0;
+    for (uint32_t &entered : topic.entered) {
+        const uint32_t entries = __atomic_exchange_n(&entered, to, __ATOMIC_SEQ_CST) >> 1;
+        closed += entries;
+        if (&entered == &topic.entered[topic_requested]) {
+            topic.requests += entries;
+        }
+    }
+    return closed & entries_mask;
+}
+
 /* Closes the current epoch as often as the older one is empty, and frees what nobody can reach.
  *
  * Sequentially consistent throughout: a dispatch that leaves either is counted here or sees pending
@@ -27,7 +42,7 @@ void topic_epoch_reclaim(qor_topic_core_private &topic)
     topic_retired *unreachable = nullptr;
     {
         hal_scoped_lock lock(topic.mutex);
-        uint32_t older = ~__atomic_load_n(&topic.entered, __ATOMIC_SEQ_CST) & 1;
+        uint32_t older = ~__atomic_load_n(&topic.entered[topic_enters], __ATOMIC_SEQ_CST) & 1;
         while ((__atomic_load_n(&topic.left[older], __ATOMIC_SEQ_CST) & entries_mask) ==
                topic.closed) {
             while (topic_retired *retired = topic.closing) {
@@ -42,7 +57,7 @@ void topic_epoch_reclaim(qor_topic_core_private &topic)
             topic.closing = topic.waiting;
             topic.waiting = nullptr;
             __atomic_store_n(&topic.left[older], 0, __ATOMIC_SEQ_CST);
-            topic.closed = __atomic_exchange_n(&topic.entered, older, __ATOMIC_SEQ_CST) >> 1;
+            topic.closed = topic_epoch_turn(topic, older);
             older ^= 1;
         }
     }
@@ -63,9 +78,15 @@ void topic_epoch_uninit(qor_topic_core_private &topic)
     retired_free(topic.closing);
 }
 
-uint32_t topic_epoch_enter(qor_topic_core_private &topic)
+uint32_t topic_epoch_enter(qor_topic_core_private &topic, topic_entry as)
 {
-    return __atomic_fetch_add(&topic.entered, 2, __ATOMIC_SEQ_CST) & 1;
+    return __atomic_fetch_add(&topic.entered[as], 2, __ATOMIC_SEQ_CST) & 1;
+}
+
+uint32_t topic_epoch_requests(qor_topic_core_private &topic)
+{
+    hal_scoped_lock lock(topic.mutex);
+    return (topic.requests + (hal_load(topic.entered[topic_requested]) >> 1)) & entries_mask;
 }
 
 void topic_epoch_leave(qor_topic_core_private &topic, uint32_t epoch)

@@ -184,16 +184,20 @@ TEST(TopicCoreFaults, MemoryGoesBackWhereTheCountOfDispatchesWraps)
     qor_topic_core_private &counts = bus.get()->user_topic_core->priv[0];
     a.on_message = [&](qor_context_msg_t *) { return qor_context_unfilter(a.get(), 0); };
 
-    for (uint32_t epoch = 0; epoch < 2; epoch++) {
+    for (uint32_t turn = 0; turn < 2 * topic_entries; turn++) {
+        const uint32_t epoch = turn % 2;
         qor_context_filter(a.get(), 0, nullptr);
-        counts.entered = (UINT32_MAX ^ 1) | epoch; /* as after 2^31 - 1 dispatches, all over */
+        for (uint32_t &entered : counts.entered) {
+            entered = epoch;
+        }
+        counts.entered[turn / 2] |= UINT32_MAX ^ 1; /* as after 2^31 - 1 of them, all over */
         counts.left[epoch] = UINT32_MAX >> 1;
         counts.left[epoch ^ 1] = counts.closed;
         fault_arm(FAULT_ALLOC, -1);
 
         publish(p);
 
-        EXPECT_EQ(fault_live(), -1) << epoch;
+        EXPECT_EQ(fault_live(), -1) << turn;
     }
 }
 

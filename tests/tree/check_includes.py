@@ -31,7 +31,7 @@ RANKS = [
 SIDEWAYS = {
     ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
     ("qor_bus", "qor_topic_core"), ("qor_bus", "task_watch"), ("qor_bus", "qor_bus_up"), ("qor_bus", "bus_periodic"),
-    ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("contract", "qor_contract"), ("trace", "hal_sync"), ("trace_lane", "trace"), ("user_admission", "qor_core_context"),
+    ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("contract", "qor_contract"), ("qor_topic_core", "qor_topic_epoch"), ("trace", "hal_sync"), ("trace_lane", "trace"), ("user_admission", "qor_core_context"),
 }
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),
