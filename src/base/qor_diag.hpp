@@ -5,6 +5,9 @@
 
 #include "qor_hal.h"
 
+/* Lines that the process has printed through hal_printf(), modulo 2^32; changed atomically. */
+extern uint32_t diag_lines;
+
 /* Prints "!(<cond>) == true.". */
 void qor_check_print(const char *tag, const char *func, int line, const char *cond);
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Small helpers of the sources: zeroed allocation, the record around a member, walking a list. */
+/* Small helpers of the sources: allocation, the record around a member, walking a list. */
 #ifndef QOR_UTIL_HPP
 #define QOR_UTIL_HPP
 
@@ -8,10 +8,25 @@
 
 #include "qor_hal.h"
 
+/* Allocations that have failed in the process, modulo 2^32; changed atomically. */
+extern uint32_t util_memory_missed;
+
+/* Counts an allocation that has failed. Gives NULL. */
+void *util_memory_missing();
+
+/* The result of an allocation, which is counted if it has failed. */
+inline void *util_memory(void *memory)
+{
+    return memory ? memory : util_memory_missing();
+}
+
+/* So many zeroed bytes, or NULL without memory. */
+void *util_memory_zeroed(size_t size);
+
 /* A zeroed record, followed by extra bytes; NULL without memory. Goes back with free(). */
 template <typename T> inline T *util_zalloc(size_t extra = 0)
 {
-    return static_cast<T *>(calloc(1, sizeof(T) + extra));
+    return static_cast<T *>(util_memory_zeroed(sizeof(T) + extra));
 }
 
 /* Copies a module's or class's name, of which nothing is read beyond its 20 bytes, into zeroed

@@ -194,6 +194,13 @@ int32_t bus_parts_init(qor_bus_t *bus, int32_t id_max, const char *func)
     return -1;
 }
 
+/* The bus quits: gives the result of the post. */
+int32_t bus_post_refused(qor_bus_t *bus)
+{
+    __atomic_fetch_add(&bus->priv->refused, 1, __ATOMIC_RELAXED);
+    return -1;
+}
+
 /* Whether the calling thread is one of the bus's workers. */
 bool bus_thread_works(const qor_bus_t *bus)
 {
@@ -475,7 +482,7 @@ int32_t qor_bus_post(qor_bus_t *_this, qor_context_task_t *task)
         /* Deliberate: without recycle, arg stays the caller's.
          * Test: Bus.ARefusedPostLeavesTheArgumentAlone. */
         qor_que_node_destroy(node, nullptr);
-        return -1;
+        return bus_post_refused(_this);
     }
     return 0;
 }
@@ -515,7 +522,7 @@ int32_t qor_bus_timer_post(qor_bus_t *_this, qor_context_task_t *task)
     bus_task_put(node, task);
     if (bus_timer_node_post(_this, node) < 0) {
         qor_time_que_node_destroy(node, nullptr); /* as in qor_bus_post() */
-        return -1;
+        return bus_post_refused(_this);
     }
     return 0;
 }

@@ -40,17 +40,18 @@ void bus_rest_await(qor_bus_private &priv, int64_t deadline)
 
 } // namespace
 
-bus_visitor::bus_visitor(qor_bus_private &priv) : priv_(priv)
+void bus_visitor_enter(qor_bus_private &priv)
 {
-    hal_scoped_lock lock(priv_.mutex);
-    priv_.visitors++;
+    hal_scoped_lock lock(priv.mutex);
+    priv.visitors++;
 }
 
-bus_visitor::~bus_visitor()
+void bus_visitor_leave(void *priv)
 {
-    hal_scoped_lock lock(priv_.mutex);
-    if (--priv_.visitors == 0) {
-        pthread_cond_broadcast(&priv_.visited);
+    qor_bus_private &left = *static_cast<qor_bus_private *>(priv);
+    hal_scoped_lock lock(left.mutex);
+    if (--left.visitors == 0) {
+        pthread_cond_broadcast(&left.visited);
     }
 }
 

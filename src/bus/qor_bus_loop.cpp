@@ -9,6 +9,7 @@
 #include "qor_que_priv.hpp"
 #include "qor_recycle.hpp"
 #include "qor_time_que_priv.hpp"
+#include "qor_util.hpp"
 #include "que_front.hpp"
 #include "thread_record.hpp"
 #include "trace.hpp"
@@ -124,8 +125,8 @@ int32_t bus_loop_run(qor_bus_t *bus, const char *func)
     const uint32_t thread_num = hal_load(bus->thread_num);
     bus_crew crew = {};
     /* Never no bytes: for those a C library may give NULL. */
-    crew.workers =
-        static_cast<bus_worker *>(calloc(thread_num ? thread_num : 1, sizeof(*crew.workers)));
+    crew.workers = static_cast<bus_worker *>(
+        util_memory(calloc(thread_num ? thread_num : 1, sizeof(*crew.workers))));
     if (!crew.workers) {
         qor_check_failed<file_tag>(func, __LINE__, "tid");
         return -1;

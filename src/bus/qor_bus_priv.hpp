@@ -40,7 +40,7 @@ struct qor_bus_private {
                       waits, deferred requests; read without the mutex */
     hal_thread_cond_t rested; /* monotonic; broadcast when there is none any more, when the
                                      start of the modules has ended, and at quit */
-    uint32_t visitors;        /* bus_visitor; close waits for the last */
+    uint32_t visitors;        /* bus_visitor_enter(); close waits for the last */
     hal_thread_cond_t visited;
     list_head waiters;   /* bus_waiter::link */
     list_head delegates; /* every delegate made for the bus; freed by qor_bus_close() */
@@ -51,6 +51,7 @@ struct qor_bus_private {
     list_head failed;    /* user contexts that were destroyed while others may still name them */
     bus_start start;
     bus_periodics periodics;
+    uint32_t refused; /* posts, modulo 2^32; changed atomically */
 };
 
 /* Tells whether the bus has been asked to end; false for NULL. */
@@ -71,12 +72,17 @@ constexpr size_t bus_module_limit = 1024;
 /* How many modules a table has; the limit stands for any number from there on. */
 size_t bus_module_count(qor_context_module_t **modules);
 
+/* Counts a thread in that is inside the bus where close has to wait for it, and out again; the
+ * latter takes the private block as void *, so that it can stand in a clean-up. */
+void bus_visitor_enter(qor_bus_private &priv);
+void bus_visitor_leave(void *priv);
+
 /* A thread of the application's that waits inside qor_bus_drain() or qor_bus_wait_up(), from
  * construction to destruction. */
 class bus_visitor {
 public:
-    explicit bus_visitor(qor_bus_private &priv);
-    ~bus_visitor();
+    explicit bus_visitor(qor_bus_private &priv) : priv_(priv) { bus_visitor_enter(priv_); }
+    ~bus_visitor() { bus_visitor_leave(&priv_); }
     bus_visitor(const bus_visitor &) = delete;
     bus_visitor &operator=(const bus_visitor &) = delete;
 

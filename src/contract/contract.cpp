@@ -44,6 +44,15 @@ contract *contract_find(const qor_bus_t *bus, const qor_context_module_t *module
     return nullptr;
 }
 
+qor_ledger_t contract_ledger_locked(const contract &promise)
+{
+    const uint32_t returned = hal_load(promise.returned);
+    qor_ledger_t ledger = promise.ledger;
+    ledger.run += returned;
+    ledger.running -= returned;
+    return ledger;
+}
+
 int32_t contract_reply_take(contract &promise)
 {
     uint32_t taken = hal_load(promise.replies);

@@ -88,6 +88,9 @@ const char *contract_name(const contract &promise);
 /* The contract of a bus's module; NULL: it has none. */
 contract *contract_find(const qor_bus_t *bus, const qor_context_module_t *module);
 
+/* Its ledger as it is now. The caller holds the queue's lock. */
+qor_ledger_t contract_ledger_locked(const contract &promise);
+
 /* Takes a place for the response to a request that the module is about to publish: 0, or -1 when
  * there is none. */
 int32_t contract_reply_take(contract &promise);

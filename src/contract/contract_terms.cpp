@@ -154,10 +154,7 @@ int32_t ledger_copy(qor_bus_t *bus, const char *name, qor_ledger_t *to)
         }
         if (promise->mutex) {
             hal_scoped_lock queue(*promise->mutex);
-            const uint32_t returned = hal_load(promise->returned);
-            copy = promise->ledger;
-            copy.run += returned;
-            copy.running -= returned;
+            copy = contract_ledger_locked(*promise);
         }
     }
     copy.size = to->size;

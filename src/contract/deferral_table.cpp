@@ -4,6 +4,8 @@
 
 #include <stdlib.h>
 
+#include "qor_util.hpp"
+
 namespace {
 
 constexpr uint32_t table_first = 8; /* entries */
@@ -18,7 +20,8 @@ int32_t last_serial;
 bool table_grow()
 {
     const uint32_t size = table_size ? 2 * table_size : table_first;
-    deferral *larger = static_cast<deferral *>(realloc(table, size * sizeof(deferral)));
+    deferral *larger =
+        static_cast<deferral *>(util_memory(realloc(table, size * sizeof(deferral))));
     if (!larger) {
         return false;
     }

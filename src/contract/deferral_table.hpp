@@ -26,7 +26,10 @@ struct deferral {
     qor_context_t *publisher;
     qor_context_t *subscriber;
     qor_context_msg_t *msg;
-    qor_que_node_t *node; /* of the task that ends it */
+    qor_que_node_t *node;      /* of the task that ends it */
+    int64_t since;             /* when it began, monotonic ms */
+    qor_context_topic_t topic; /* the request's, as its handler got it; the next too */
+    int32_t session;
 };
 
 /* Guards the table and what is in it; the caller of each function holds it. Taken before a queue's

@@ -95,6 +95,7 @@ int32_t deferral_begin_locked(deferral *entry, qor_time_que_node_t *timer)
         }
     }
     bus_busy_begin(entry->bus);
+    entry->since = util_timestamp();
     entry->state = deferral_open;
     entry->holds = 2; /* for being open, for its handler */
     return 0;
@@ -227,6 +228,8 @@ const char *deferral_add(thread_request &handled, deferral_parts &parts)
     entry->publisher = handled.publisher;
     entry->subscriber = handled.aim;
     entry->msg = const_cast<qor_context_msg_t *>(handled.msg);
+    entry->topic = handled.msg->topic;
+    entry->session = handled.msg->session;
     entry->node = parts.node;
     entry->timed = parts.timer != nullptr;
     if (deferral_begin_locked(entry, parts.timer) < 0) {

@@ -8,6 +8,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "qor_util.hpp"
+
 constexpr uint32_t block_size = 64;
 constexpr size_t cache_line = 64; /* or a multiple of it */
 
@@ -35,7 +37,7 @@ uint32_t slots_below(const key_slot *slots, uint32_t count, size_t id, int64_t w
 
 key_block *block_alloc()
 {
-    key_block *block = static_cast<key_block *>(malloc(sizeof(key_block)));
+    key_block *block = static_cast<key_block *>(util_memory(malloc(sizeof(key_block))));
     if (block) {
         block->count = 0; /* slots are written before they are read */
     }

@@ -13,7 +13,8 @@
 /* Guarded by the queue's mutex. */
 struct qor_que_private {
     que_waits waits;
-    uint32_t length; /* nodes in the list, where count may say more */
+    uint32_t length;  /* nodes in the list, where count may say more */
+    uint32_t highest; /* that it has ever been */
 };
 
 namespace {
@@ -61,7 +62,10 @@ void que_changed(qor_que_t *que)
 void que_append(qor_que_t *que, qor_que_node_t *node)
 {
     list_add_tail(&node->node, &que->head);
-    que->priv->length++;
+    qor_que_private *priv = que->priv;
+    if (++priv->length > priv->highest) {
+        priv->highest = priv->length;
+    }
     hal_store(que->count, que->count + 1);
     que_changed(que);
 }
@@ -131,6 +135,11 @@ qor_que_node_t *que_take_if(qor_que_t *que, que_test test, const void *what)
         }
     }
     return nullptr;
+}
+
+que_lengths que_lengths_locked(const qor_que_t *que)
+{
+    return {que->priv->length, que->priv->highest, que->priv->waits.takers.waiting};
 }
 
 bool que_is_settled_locked(const qor_que_t *que, uint32_t takers)

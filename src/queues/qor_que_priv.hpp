@@ -33,6 +33,16 @@ using que_test = bool (*)(const qor_que_node_t *node, const void *what);
  * the lock; works on a quitting queue too. */
 qor_que_node_t *que_take_if(qor_que_t *que, que_test test, const void *what);
 
+/* How long a queue is, and how many wait for it to be longer. */
+struct que_lengths {
+    uint32_t now;
+    uint32_t highest; /* so far */
+    uint32_t takers;  /* threads that wait for a node */
+};
+
+/* The caller holds the lock. */
+que_lengths que_lengths_locked(const qor_que_t *que);
+
 /* Whether nothing is queued and at least so many takers wait. The caller holds the lock. */
 bool que_is_settled_locked(const qor_que_t *que, uint32_t takers);
 

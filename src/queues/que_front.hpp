@@ -39,7 +39,8 @@ template <typename N> inline N *que_node_alloc(size_t size)
 /* The same without zeroing the body, which the caller is about to fill. */
 template <typename N> inline N *que_node_alloc_unfilled(size_t size)
 {
-    que_front *front = static_cast<que_front *>(malloc(sizeof(que_front) + sizeof(N) + size));
+    que_front *front =
+        static_cast<que_front *>(util_memory(malloc(sizeof(que_front) + sizeof(N) + size)));
     if (!front) {
         return nullptr;
     }

@@ -53,7 +53,7 @@ char *msg_put(char *to, const void *payload, int32_t size, const unsigned char *
 qor_context_msg_t *msg_alloc(const qor_context_msg_t *src)
 {
     const size_t tail = msg_tail_room(src);
-    void *room = malloc(sizeof(qor_context_msg_t) + tail);
+    void *room = util_memory(malloc(sizeof(qor_context_msg_t) + tail));
     if (room) {
         memset(static_cast<qor_context_msg_t *>(room)->buf, 0, tail);
     }

@@ -16,6 +16,14 @@ enum user_init : int32_t {
 
 struct contract;
 
+/* What a task of a private queue is to its module. */
+enum user_task_kind {
+    user_plain = 0,
+    user_request,
+    user_response,
+    user_task_kinds,
+};
+
 struct qor_core_context_private {
     list_head failed;    /* in the bus's list of destroyed contexts */
     contract *promise;   /* the module's; NULL: it has none. Set before its reg */
@@ -28,6 +36,11 @@ struct qor_core_context_private {
                            waits */
     int32_t closed;     /* 1 once the init has failed: takes no task, begins none */
     qor_que_node_t *loop; /* kept for the next loop run; NULL: none is, or it is in use */
+    uint32_t accepted[user_task_kinds]; /* tasks that the queue has taken, modulo 2^32 */
+    uint32_t highest;                   /* most nodes that it ever held */
+    uint32_t bypassed;                  /* tasks that have gone past it, modulo 2^32 */
+
+    uint32_t refused; /* posts that were, modulo 2^32; changed atomically */
 
     /* Guarded by the context's mutex: */
     user_init init;

@@ -203,6 +203,7 @@ int32_t admission_bypass(admission &post)
                post.delay);
     const int32_t posted = post.bus ? admission_bypass_post_locked(post) : 0;
     post.core->priv->under_way += posted == 0;
+    post.core->priv->bypassed += posted == 0;
     qor_time_que_unlock(post.core->que);
     if (posted == 0) {
         return post.bus ? 0 : admission_bypass_handler(post);
@@ -224,6 +225,7 @@ int32_t admission_timer_locked(admission &post)
     }
     const user_number wanted = {post.core, post.number};
     time_que_take_if_locked(post.core->que, user_number_is<qor_time_que_node_t>, &wanted);
+    post.core->priv->accepted[admission_kind(post)]--; /* nobody has seen it there */
     return -1;
 }
 
@@ -232,7 +234,15 @@ int32_t admission_enque_locked(admission &post)
     qor_core_context_private *priv = post.core->priv;
     priv->numbers = priv->numbers == INT32_MAX ? 1 : priv->numbers + 1;
     post.number = que_front_of(post.node)->number = priv->numbers;
-    return qor_time_que_enque_locked(post.core->que, post.node);
+    if (qor_time_que_enque_locked(post.core->que, post.node) < 0) {
+        return -1;
+    }
+    priv->accepted[admission_kind(post)]++;
+    const uint32_t length = static_cast<uint32_t>(post.core->que->count);
+    if (priv->highest < length) {
+        priv->highest = length;
+    }
+    return 0;
 }
 
 int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t *task)
@@ -249,11 +259,17 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
         trace_recorder()->note(nullptr, context, trace_what(trace_post), task->session,
                                task->delay);
     }
+    contract *promise = post.core->priv->promise;
+    int32_t posted;
     if (admission_make(post, task) < 0) {
         QOR_ERR("malloc \"que_node\" failed.");
-        contract_refused(post.core->priv->promise);
-        return admission_drop(post);
+        contract_refused(promise);
+        posted = admission_drop(post);
+    } else {
+        posted = promise ? promise->calls->admit(post) : admission_queue(post);
     }
-    return post.core->priv->promise ? post.core->priv->promise->calls->admit(post)
-                                    : admission_queue(post);
+    if (posted < 0) {
+        __atomic_fetch_add(&post.core->priv->refused, 1, __ATOMIC_RELAXED);
+    }
+    return posted;
 }

@@ -24,6 +24,12 @@ struct admission {
     bool response; /* its memory was had with the request, and its refusal prints nothing */
 };
 
+/* How the queue counts it. */
+inline user_task_kind admission_kind(const admission &post)
+{
+    return post.response ? user_response : post.message ? user_request : user_plain;
+}
+
 /* Ends a post that is refused: the argument stays the caller's. The second prints a line that names
  * what was not posted to the bus: the run, or the task itself. */
 int32_t admission_drop(admission &post);

@@ -53,6 +53,7 @@ bool output_taken(const char *fmt, va_list ap)
 
 void hal_printf(const char *fmt, ...)
 {
+    __atomic_fetch_add(&diag_lines, 1, __ATOMIC_RELAXED);
     va_list ap;
     va_start(ap, fmt);
     if (trace_on(QOR_TRACE_LINES)) {
