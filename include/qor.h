@@ -17,6 +17,7 @@
 #include "qor_deferred.h"
 #include "qor_hal.h"
 #include "qor_impl_context.h"
+#include "qor_inspect.h"
 #include "qor_main.h"
 #include "qor_mng_module.h"
 #include "qor_monitor_module.h"

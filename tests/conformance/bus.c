@@ -188,6 +188,27 @@ static void check_registration(qor_bus_t *bus, qor_context_t *registrar)
           delegate && delegate->bus == bus && delegate->role == QOR_BUS_ROLE_USER);
 }
 
+static int32_t see(void *kinds, int32_t kind, const void *info)
+{
+    ((int32_t *)kinds)[kind] += *(const uint32_t *)info > 0; /* its size */
+    return 0;
+}
+
+static void count_line(void *lines, const char *line)
+{
+    *(int32_t *)lines += strncmp(line, "context qor_", 12) == 0;
+}
+
+static void check_inspection(qor_bus_t *bus)
+{
+    int32_t kinds[QOR_INFO_REQUEST + 1] = {0}, lines = 0;
+    check("qor_bus_inspect", qor_bus_inspect(bus, see, kinds) == 0);
+    check("shows a bus and three system contexts",
+          kinds[QOR_INFO_BUS] == 1 && kinds[QOR_INFO_CONTEXT] == 3);
+    check("their topics and no request", kinds[QOR_INFO_TOPIC] > 0 && kinds[QOR_INFO_REQUEST] == 0);
+    check("qor_bus_dump", qor_bus_dump(bus, count_line, &lines) == 0 && lines == 3);
+}
+
 /* Brings the system modules up on the main thread. */
 void check_start_up(void)
 {
@@ -203,6 +224,7 @@ void check_start_up(void)
     check("and the monitor", monitor && monitor->module == &qor_monitor_module);
     check("and the manager", manager && manager->module == &qor_mng_module);
     check("in system contexts", manager && manager->cls == &qor_impl_context_class);
+    check_inspection(bus);
     check_monitor(monitor);
     check_registration(bus, registrar);
     qor_context_msg_fill(&msg, 1, QOR_SYS_MNG_MODULE_REGISTER, NULL, 0);

@@ -24,7 +24,7 @@ RANKS = [
     " qor_sched_register qor_sched_delegate trace_context recorder recorder_absent",                 # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
     " user_init user_run user_admission contract_queue contract_terms qor_periodic",                                             # 7 context kinds
-    "qor_bus_module qor_monitor_module qor_mng_module",       # 8 system modules
+    "qor_bus_module qor_monitor_module qor_mng_module qor_inspect qor_bus_dump",  # 8 system modules, inspection
     "qor_main qor_bus_close qor_bus_check",                                          # 9 start-up
     "qor",                                                    # everything, for applications
 ]

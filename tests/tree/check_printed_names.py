@@ -21,6 +21,8 @@ ADDED = {
     ("qor_deferred", "qor_context_defer"),
     ("qor_deferred", "qor_deferred_complete"),
     ("qor_deferred", "qor_deferred_request"),
+    ("qor_inspect", "qor_bus_inspect"),
+    ("qor_inspect", "qor_bus_dump"),
     *(("qor_trace", f) for f in ("qor_trace_start", "qor_trace_stop")),
 }
 LEVELS = {"QOR_ERR": "err", "QOR_ERR_SPACED": "err", "QOR_WRN": "wrn", "QOR_INF": "inf"}

@@ -125,6 +125,20 @@ RECORD(qor_trace_config_t, 40, FIELD(size), FIELD(mask), FIELD(memory), FIELD(me
        FIELD(lanes), FIELD(names), FIELD(clock), FIELD(clock_hz));
 RECORD(qor_bus_finding_t, 32, FIELD(module), FIELD(place), FIELD(level), FIELD(text));
 
+RECORD(qor_info_bus_t, 44, FIELD(size), FIELD(workers), FIELD(idle), FIELD(quitting), FIELD(queued),
+       FIELD(queued_max), FIELD(timers), FIELD(next_timer_ms), FIELD(posts_refused),
+       FIELD(allocations_failed), FIELD(lines));
+RECORD(qor_info_context_t, 256, FIELD(size), FIELD(name), FIELD(role), FIELD(lifecycle),
+       FIELD(runs), FIELD(runs_max), FIELD(queued), FIELD(queued_max), FIELD(delayed),
+       FIELD(waiting_ms), FIELD(requests), FIELD(responses), FIELD(tasks), FIELD(bypassed),
+       FIELD(refused), FIELD(failed), FIELD(contract), FIELD(strict), FIELD(depth),
+       FIELD(replies_max), FIELD(open_max), FIELD(overflow), FIELD(limit), FIELD(replies),
+       FIELD(blocked), FIELD(ledger));
+RECORD(qor_info_topic_t, 52, FIELD(size), FIELD(role), FIELD(topic), FIELD(subscriber),
+       FIELD(subscribers), FIELD(listeners), FIELD(filters), FIELD(requests), FIELD(unserved));
+RECORD(qor_info_request_t, 36, FIELD(size), FIELD(name), FIELD(topic), FIELD(session),
+       FIELD(age_ms));
+
 RECORD(qor_impl_context_t, 40, FIELD(base));
 RECORD(qor_core_context_t, 144, FIELD(base), FIELD(context), FIELD(active_refcount),
        FIELD(lifecycle), FIELD(cond), FIELD(mutex), FIELD(refcount_max), FIELD(refcount),
