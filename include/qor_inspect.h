@@ -14,6 +14,7 @@ enum {
     QOR_INFO_BUS = 0,     /**< qor_info_bus_t */
     QOR_INFO_CONTEXT = 1, /**< qor_info_context_t */
     QOR_INFO_TOPIC = 2,   /**< qor_info_topic_t */
+    QOR_INFO_THREAD = 3,  /**< qor_info_thread_t */
     QOR_INFO_REQUEST = 4, /**< qor_info_request_t */
 };
 
@@ -88,6 +89,47 @@ typedef struct qor_info_topic {
     uint32_t unserved;    /**< of them, those that found no subscriber that takes any */
 } qor_info_topic_t;
 
+/** What a thread does while it is inside something. */
+enum {
+    QOR_INSIDE_REQUEST = 0,       /**< handles a request */
+    QOR_INSIDE_RESPONSE = 1,      /**< handles a response */
+    QOR_INSIDE_LISTEN_BEFORE = 2, /**< shows a listener a message, before it is handled */
+    QOR_INSIDE_LISTEN_AFTER = 3,  /**< the same, after it was */
+    QOR_INSIDE_FILTER_BEFORE = 4, /**< has a message filtered, before it is handled */
+    QOR_INSIDE_FILTER_AFTER = 5,  /**< the same, after it was */
+    QOR_INSIDE_TASK = 6,          /**< runs a task or timer of the module's */
+    QOR_INSIDE_CALL = 7,          /**< handles a synchronous request */
+    QOR_INSIDE_SYSTEM = 8,        /**< handles a system call */
+    QOR_INSIDE_INIT = 9,          /**< runs the module's init */
+    QOR_INSIDE_WAITS = 16,        /**< from here on it waits: */
+    QOR_INSIDE_WAITS_START = 21,  /**< until the module has started */
+    QOR_INSIDE_WAITS_PAUSE = 22,  /**< until the module is in PAUSE */
+    QOR_INSIDE_WAITS_DRAIN = 23,  /**< in qor_bus_drain() */
+    QOR_INSIDE_WAITS_ROOM = 25,   /**< for a place in the module's queue */
+    QOR_INSIDE_WAITS_UP = 26,     /**< in qor_bus_wait_up() */
+};
+
+/** One of the things that a thread is inside. */
+typedef struct qor_info_inside {
+    char name[20];   /**< of the module; "" for none, or where the recorder has no name for it */
+    int32_t kind;    /**< QOR_INSIDE_*; a later library may have more */
+    int32_t session; /**< of the message or task; 0 for others */
+    int32_t topic;   /**< of the message; -1 for others */
+    int32_t age_ms;  /**< since when, exact to 2^20 ticks of the recorder's clock */
+} qor_info_inside_t;
+
+enum { QOR_INSIDE_MAX = 5 /**< so many of the things that a thread is inside are kept */ };
+
+/** A thread that has been inside something since qor_trace_start(); it may have ended. */
+typedef struct qor_info_thread {
+    uint32_t size;  /**< of this record */
+    uint32_t tid;   /**< as the system knows it */
+    uint32_t role;  /**< 1 worker, 2 the loop's, 3 any other */
+    char name[16];  /**< what it was named when it was first seen; "worker" for a worker */
+    uint32_t depth; /**< how many things it is inside; 0 also when that changes too fast */
+    qor_info_inside_t inside[QOR_INSIDE_MAX]; /**< the outermost of them, outermost first */
+} qor_info_thread_t;
+
 /** A request that its handler has deferred and that has not been completed. */
 typedef struct qor_info_request {
     uint32_t size;   /**< of this record */
@@ -112,7 +154,9 @@ typedef int32_t (*qor_see_t)(void *arg, int32_t kind, const void *info);
 
 /**
  * Shows the bus, then each context in the order in which they were attached, each topic, the
- * application's first, and each open request.
+ * application's first, each thread, and each open request. Threads are shown only while a recorder
+ * records what this bus does; QOR_TRACE_STACKS suffices, and those without a lane of their own are
+ * not.
  *
  * A record is of one moment, all together are not: what comes or goes meanwhile may be shown or
  * not. Single numbers among the counts are read without a lock: replies, failed, unserved,
@@ -133,7 +177,7 @@ typedef void (*qor_text_t)(void *arg, const char *line);
 
 /**
  * The same as text: one line for each record, of words and numbers, beginning with "bus",
- * "context", "topic" or "request".
+ * "context", "topic", "thread" or "request".
  *
  * @param text  called for each line
  * @param arg   handed to text; stays the caller's

@@ -29,11 +29,6 @@ struct delegate_block {
     qor_sched_delegate_private priv;
 };
 
-delegate_block *block_at(list_head *link)
-{
-    return util_container<delegate_block, offsetof(delegate_block, priv.link)>(link);
-}
-
 /* One mutex for each kind of registration: all, or -1 and none. */
 int32_t delegate_locks_init(delegate_block &block)
 {
@@ -611,11 +606,6 @@ qor_context_handler_t qor_sched_delegate_handler = {
 
 const deferred_calls *deferred_made;
 
-qor_sched_delegate_t *sched_delegate_at(list_head *link)
-{
-    return &block_at(link)->delegate;
-}
-
 qor_sched_delegate_t *delegate_of(const qor_context_t *context)
 {
     return static_cast<qor_sched_delegate_t *>(context->pub_data);
@@ -728,7 +718,7 @@ qor_sched_delegate_t *delegate_at(list_head *link)
 void sched_delegates_free(qor_bus_t *bus)
 {
     util_list_each(bus->priv->delegates, [](list_head *link) {
-        delegate_block *block = block_at(link);
+        auto *block = util_container<delegate_block, offsetof(delegate_block, priv.link)>(link);
         qor_sched_delegate_destroy(&block->delegate);
         pthread_mutex_destroy(&block->delegate.subscriber_mutex);
         pthread_mutex_destroy(&block->delegate.listener_mutex);

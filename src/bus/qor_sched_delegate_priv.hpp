@@ -21,9 +21,6 @@ struct qor_sched_delegate_private {
     const qor_context_cls_t *cls;
 };
 
-/* The delegate behind a link in its bus's list. */
-qor_sched_delegate_t *sched_delegate_at(list_head *link);
-
 /* A context's delegate, or NULL. */
 qor_sched_delegate_t *delegate_of(const qor_context_t *context);
 

@@ -115,6 +115,26 @@ void topic_line(line &to, const qor_info_topic_t &topic)
              topic.filters, topic.requests, topic.unserved);
 }
 
+const char *kind_name(int32_t kind)
+{
+    static constexpr char names[][9] = {"request", "response", "listener", "listener", "filter",
+                                        "filter",  "task",     "call",     "system",   "init"};
+    constexpr uint32_t count = sizeof(names) / sizeof(names[0]);
+    return static_cast<uint32_t>(kind) < count ? names[kind] : "waits";
+}
+
+/* The outermost first. */
+void thread_line(line &to, const qor_info_thread_t &thread)
+{
+    line_add(to, "thread %u (%s): depth %u", thread.tid, thread.name, thread.depth);
+    for (uint32_t i = 0; i < thread.depth && i < QOR_INSIDE_MAX; i++) {
+        const qor_info_inside_t &inside = thread.inside[i];
+        line_add(to, "%s %s %s (kind %d, session %d, topic %d) for %d ms", i ? " >" : ",",
+                 inside.name[0] ? inside.name : "-", kind_name(inside.kind), inside.kind,
+                 inside.session, inside.topic, inside.age_ms);
+    }
+}
+
 void request_line(line &to, const qor_info_request_t &request)
 {
     line_add(to, "request %d: topic %d, open at %s for %d ms", request.session, request.topic,
@@ -135,6 +155,9 @@ int32_t text_show(void *arg, int32_t kind, const void *info)
         break;
     case QOR_INFO_TOPIC:
         topic_line(one, *static_cast<const qor_info_topic_t *>(info));
+        break;
+    case QOR_INFO_THREAD:
+        thread_line(one, *static_cast<const qor_info_thread_t *>(info));
         break;
     default:
         request_line(one, *static_cast<const qor_info_request_t *>(info));

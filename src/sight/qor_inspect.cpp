@@ -18,6 +18,7 @@
 #include "qor_topic_core.h"
 #include "qor_topic_epoch.hpp"
 #include "qor_util.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -192,7 +193,7 @@ bool delegate_is_passed_over_locked(const list_head &delegates,
     bool over = !delegate->priv->module;
     for (list_head *link = delegate->priv->link.prev; link != &delegates && !over;
          link = link->prev) {
-        over = sched_delegate_at(link)->context == delegate->context;
+        over = delegate_at(link)->context == delegate->context;
     }
     return over;
 }
@@ -203,7 +204,7 @@ list_head *context_next(qor_bus_private &priv, list_head *link, qor_info_context
 {
     hal_scoped_lock lock(priv.mutex);
     for (link = link->prev; link != &priv.delegates; link = link->prev) {
-        const qor_sched_delegate_t *delegate = sched_delegate_at(link);
+        const qor_sched_delegate_t *delegate = delegate_at(link);
         if (!delegate_is_passed_over_locked(priv.delegates, delegate)) {
             context_read_locked(delegate, info);
             return link;
@@ -280,6 +281,23 @@ int32_t topics_show(const inspection &to, int32_t role)
     return ret;
 }
 
+int32_t threads_show(const inspection &to)
+{
+    uint32_t number = 0;
+    for (;;) {
+        qor_info_thread_t info = {};
+        const trace_functions *recorder = trace_recorder();
+        number = recorder ? recorder->thread(to.bus, number, info) : 0;
+        if (number == 0) {
+            return 0;
+        }
+        const int32_t ret = record_show(to, QOR_INFO_THREAD, info);
+        if (ret != 0) {
+            return ret;
+        }
+    }
+}
+
 /* Reads the next open request of the bus from a place on: the place behind it, or 0. */
 uint32_t request_next(const qor_bus_t *bus, uint32_t place, qor_info_request_t &info)
 {
@@ -318,6 +336,7 @@ int32_t everything_show(const inspection &to)
     ret = ret != 0 ? ret : contexts_show(to);
     ret = ret != 0 ? ret : topics_show(to, QOR_BUS_ROLE_USER);
     ret = ret != 0 ? ret : topics_show(to, QOR_BUS_ROLE_SYS);
+    ret = ret != 0 ? ret : threads_show(to);
     return ret != 0 ? ret : requests_show(to);
 }
 

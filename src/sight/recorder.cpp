@@ -152,6 +152,7 @@ constexpr trace_functions functions = {
     /* line */ line_note,
     /* named */ trace_context_named,
     /* closed */ bus_over,
+    /* thread */ trace_thread_read,
 };
 
 /* The child of a fork shares the memory of a mapped file and must not write into it. */

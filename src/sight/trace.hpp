@@ -103,6 +103,8 @@ struct trace_begun {
     int32_t session;
 };
 
+struct qor_info_thread;
+
 /* What the recorder does. What is given with a context gets its number. */
 struct trace_functions {
     /* Notes an event. A publisher that is not NULL has caused it, which is told where it does not
@@ -128,6 +130,9 @@ struct trace_functions {
     void (*named)(list_head *link);
 
     void (*closed)(const qor_bus_t *bus);
+
+    /* What the next thread of a bus's recording behind that one is inside: its number, or 0. */
+    uint32_t (*thread)(const qor_bus_t *bus, uint32_t behind, qor_info_thread &info);
 };
 
 #ifndef QOR_WITHOUT_TRACE

@@ -123,6 +123,9 @@ void trace_lane_end(const trace_begun &begun, const trace_note &note);
 /* Names a context of a bus. */
 void trace_lane_name(const qor_bus_t *bus, uint32_t who, const trace_named &named);
 
+/* See trace_functions. */
+uint32_t trace_thread_read(const qor_bus_t *bus, uint32_t behind, qor_info_thread &info);
+
 /* Copies a lane but for its events, as it was at one moment; with depth 0 when what its thread is
  * inside changes too fast to be read. The caller holds the lock. */
 void trace_lane_copy_locked(const trace_lane &lane, trace_lane &copy);

@@ -59,10 +59,11 @@ public:
         return {};
     }
 
-    std::string order; /* a letter for each record: B C T R */
+    std::string order; /* a letter for each record: B C T H R */
     qor_info_bus_t bus = {};
     std::vector<qor_info_context_t> contexts;
     std::vector<qor_info_topic_t> topics;
+    std::vector<qor_info_thread_t> threads;
     std::vector<qor_info_request_t> requests;
 
 private:
@@ -87,6 +88,10 @@ private:
         case QOR_INFO_TOPIC:
             keep_in(topics, info);
             order += 'T';
+            break;
+        case QOR_INFO_THREAD:
+            keep_in(threads, info);
+            order += 'H';
             break;
         case QOR_INFO_REQUEST:
             keep_in(requests, info);

@@ -21,7 +21,7 @@ RANKS = [
     " qor_context_forward",                                   # 5 context model
     "qor_topic_epoch qor_topic_core qor_bus qor_bus_worker qor_bus_helper qor_bus_loop qor_bus_drain"
     " qor_start qor_bus_up message_node task_watch qor_contract contract bus_periodic deferral_table qor_deferred"
-    " qor_sched_register qor_sched_delegate trace_context recorder recorder_absent",                 # 6 dispatch
+    " qor_sched_register qor_sched_delegate trace_context recorder recorder_absent trace_thread",                 # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
     " user_init user_run user_admission contract_queue contract_terms qor_periodic",                                             # 7 context kinds
     "qor_bus_module qor_monitor_module qor_mng_module qor_inspect qor_bus_dump",  # 8 system modules, inspection
@@ -36,6 +36,7 @@ SIDEWAYS = {
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),
     ("qor_context_core.cpp", "qor_impl_context.h"),
+    ("trace_thread.cpp", "qor_inspect.h"),
 }
 RANK = {name: rank for rank, names in enumerate(RANKS) for name in names.split()}
 

@@ -136,6 +136,10 @@ RECORD(qor_info_context_t, 256, FIELD(size), FIELD(name), FIELD(role), FIELD(lif
        FIELD(blocked), FIELD(ledger));
 RECORD(qor_info_topic_t, 52, FIELD(size), FIELD(role), FIELD(topic), FIELD(subscriber),
        FIELD(subscribers), FIELD(listeners), FIELD(filters), FIELD(requests), FIELD(unserved));
+RECORD(qor_info_inside_t, 36, FIELD(name), FIELD(kind), FIELD(session), FIELD(topic),
+       FIELD(age_ms));
+RECORD(qor_info_thread_t, 212, FIELD(size), FIELD(tid), FIELD(role), FIELD(name), FIELD(depth),
+       FIELD(inside));
 RECORD(qor_info_request_t, 36, FIELD(size), FIELD(name), FIELD(topic), FIELD(session),
        FIELD(age_ms));
 
