@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* What an inspection shows, as lines of text. */
-
 #include "qor_inspect.h"
 
 #include <inttypes.h>
@@ -34,15 +33,86 @@ QOR_PRINTF(2, 3) void line_add(line &to, const char *format, ...)
     to.length += static_cast<size_t>(added);
 }
 
+/* Labels stand one behind the other in a string, and are those of fields that do so in a record:
+ * far less code than a call for each. In front of a label is what kind of field it is. */
+constexpr char field_unsigned = '+';
+constexpr char field_signed = '-'; /* INT32_MAX stands for none */
+constexpr char field_wide = '*';   /* 64 bits */
+
+int64_t field_take(char kind, const char *&field)
+{
+    int64_t wide = 0;
+    int32_t narrow = 0;
+    if (kind == field_wide) {
+        memcpy(&wide, field, sizeof(wide));
+        field += sizeof(wide);
+        return wide;
+    }
+    memcpy(&narrow, field, sizeof(narrow));
+    field += sizeof(narrow);
+    wide = narrow;
+    return kind == field_signed ? wide : wide & UINT32_MAX;
+}
+
+void fields_add(line &to, const char *labels, const void *fields)
+{
+    const char *field = static_cast<const char *>(fields);
+    for (; *labels; labels += strlen(labels) + 1) {
+        const int64_t value = field_take(*labels, field);
+        if (*labels == field_signed && value == INT32_MAX) {
+            line_add(to, ", %s none", labels + 1);
+        } else {
+            line_add(to, ", %s %" PRId64, labels + 1, value);
+        }
+    }
+}
+
+constexpr char bus_labels[] = "+idle\0+quitting\0+queued\0+most\0+timers\0-next ms\0+refused\0"
+                              "+allocations failed\0+lines\0";
+constexpr char queue_labels[] = "+runs\0+slots\0+queued\0+most\0+delayed\0-waiting ms\0"
+                                "+requests\0+responses\0+tasks\0+bypassed\0+refused\0";
+constexpr char failed_label[] = "+failed\0";
+constexpr char contract_labels[] = "+strict\0+depth\0+replies max\0+open max\0-overflow\0"
+                                   "+limit\0+replies\0+blocked\0";
+constexpr char ledger_labels[] =
+    "*accepted\0*run\0*running\0*waiting\0*delayed\0*dropped oldest\0*dropped newest\0"
+    "*dropped transfer\0*cancelled\0*discarded\0*transferred\0*refused\0*bypassed\0*open\0"
+    "*finished\0*highest\0";
+constexpr char topic_labels[] = "+subscribers\0+listeners\0+filters\0+requests\0+unserved\0";
+constexpr char inside_labels[] = "-session\0-topic\0-ms\0";
+
+/* How many fields stand from one up to another, both of 32 bits. */
+constexpr size_t fields_between(size_t from, size_t to)
+{
+    return (to - from) / sizeof(uint32_t);
+}
+
+template <size_t size> constexpr size_t labels_in(const char (&labels)[size])
+{
+    size_t count = 0;
+    for (size_t i = 0; i + 2 < size; i++) { /* two end the last one */
+        count += labels[i] != '\0' && labels[i + 1] == '\0';
+    }
+    return count;
+}
+
+/* How many those from one to another are. */
+#define FIELDS(record, first, last) \
+    (fields_between(offsetof(record, first), offsetof(record, last)) + 1)
+
+static_assert(labels_in(bus_labels) == FIELDS(qor_info_bus_t, idle, lines), "a label each");
+static_assert(labels_in(queue_labels) == FIELDS(qor_info_context_t, runs, refused), "a label each");
+static_assert(labels_in(contract_labels) == FIELDS(qor_info_context_t, strict, blocked),
+              "a label each");
+static_assert(labels_in(topic_labels) == FIELDS(qor_info_topic_t, subscribers, unserved),
+              "a label each");
+static_assert(labels_in(inside_labels) == FIELDS(qor_info_inside_t, session, age_ms),
+              "a label each");
+
 void bus_line(line &to, const qor_info_bus_t &bus)
 {
-    line_add(to, "bus: workers %u, idle %u, queued %u (most %u), timers %u", bus.workers, bus.idle,
-             bus.queued, bus.queued_max, bus.timers);
-    if (bus.timers > 0) {
-        line_add(to, " (next in %d ms)", bus.next_timer_ms);
-    }
-    line_add(to, ", refused %u, allocations failed %u, lines %u%s", bus.posts_refused,
-             bus.allocations_failed, bus.lines, bus.quitting ? ", quitting" : "");
+    line_add(to, "bus: workers %u", bus.workers);
+    fields_add(to, bus_labels, &bus.idle);
 }
 
 const char *lifecycle_name(int32_t lifecycle)
@@ -50,69 +120,27 @@ const char *lifecycle_name(int32_t lifecycle)
     static constexpr char names[][8] = {"INIT",  "CREATE", "START",  "RESUME",
                                         "PAUSE", "STOP",   "DESTROY"};
     constexpr uint32_t count = sizeof(names) / sizeof(names[0]);
-    return static_cast<uint32_t>(lifecycle) < count ? names[lifecycle] : "?";
-}
-
-void queue_add(line &to, const qor_info_context_t &context)
-{
-    line_add(to, "%s, runs %u of %u, queued %u (most %u, delayed %u), waiting %d ms",
-             lifecycle_name(context.lifecycle), context.runs, context.runs_max, context.queued,
-             context.queued_max, context.delayed, context.waiting_ms);
-    line_add(to, ", requests %u, responses %u, tasks %u, bypassed %u, refused %u", context.requests,
-             context.responses, context.tasks, context.bypassed, context.refused);
-}
-
-constexpr struct {
-    char name[20];
-    uint64_t qor_ledger_t::*value;
-} ledger_counts[] = {
-    {"accepted", &qor_ledger_t::accepted},
-    {"run", &qor_ledger_t::run},
-    {"running", &qor_ledger_t::running},
-    {"waiting", &qor_ledger_t::waiting},
-    {"delayed", &qor_ledger_t::delayed},
-    {"dropped oldest", &qor_ledger_t::dropped_oldest},
-    {"dropped newest", &qor_ledger_t::dropped_newest},
-    {"dropped transfer", &qor_ledger_t::dropped_transfer},
-    {"cancelled", &qor_ledger_t::cancelled},
-    {"discarded", &qor_ledger_t::discarded},
-    {"transferred", &qor_ledger_t::transferred},
-    {"finished", &qor_ledger_t::finished},
-    {"highest", &qor_ledger_t::highest},
-};
-
-/* What the queue's part has not said. */
-void contract_add(line &to, const qor_info_context_t &context)
-{
-    line_add(to, ", contract: strict %u, limit %u, depth %u, overflow %d, blocked %u",
-             context.strict, context.limit, context.depth, context.overflow, context.blocked);
-    line_add(to, ", replies %u of %u, open %" PRIu64 " of %u", context.replies, context.replies_max,
-             context.ledger.open, context.open_max);
-    for (const auto &count : ledger_counts) {
-        line_add(to, ", %s %" PRIu64, count.name, context.ledger.*count.value);
-    }
+    return static_cast<uint32_t>(lifecycle) < count ? names[lifecycle] : "system";
 }
 
 void context_line(line &to, const qor_info_context_t &context)
 {
-    line_add(to, "context %s: ", context.name);
-    if (context.lifecycle < 0) {
-        line_add(to, "system");
-    } else {
-        queue_add(to, context);
+    line_add(to, "context %s: %s", context.name, lifecycle_name(context.lifecycle));
+    if (context.lifecycle >= 0) {
+        fields_add(to, queue_labels, &context.runs);
     }
-    line_add(to, ", failed %u", context.failed);
+    fields_add(to, failed_label, &context.failed);
     if (context.contract) {
-        contract_add(to, context);
+        fields_add(to, contract_labels, &context.strict);
+        fields_add(to, ledger_labels, &context.ledger.accepted);
     }
 }
 
 void topic_line(line &to, const qor_info_topic_t &topic)
 {
-    line_add(to, "topic %s%d: ", topic.role == QOR_BUS_ROLE_SYS ? "sys " : "", topic.topic);
-    line_add(to, "subscriber %s of %u, listeners %u, filters %u, requests %u, unserved %u",
-             topic.subscribers ? topic.subscriber : "-", topic.subscribers, topic.listeners,
-             topic.filters, topic.requests, topic.unserved);
+    line_add(to, "topic %s%d: %s", topic.role == QOR_BUS_ROLE_SYS ? "sys " : "", topic.topic,
+             topic.subscribers ? topic.subscriber : "-");
+    fields_add(to, topic_labels, &topic.subscribers);
 }
 
 const char *kind_name(int32_t kind)
@@ -126,19 +154,19 @@ const char *kind_name(int32_t kind)
 /* The outermost first. */
 void thread_line(line &to, const qor_info_thread_t &thread)
 {
-    line_add(to, "thread %u (%s): depth %u", thread.tid, thread.name, thread.depth);
+    line_add(to, "thread %u: %s, depth %u", thread.tid, thread.name, thread.depth);
     for (uint32_t i = 0; i < thread.depth && i < QOR_INSIDE_MAX; i++) {
         const qor_info_inside_t &inside = thread.inside[i];
-        line_add(to, "%s %s %s (kind %d, session %d, topic %d) for %d ms", i ? " >" : ",",
-                 inside.name[0] ? inside.name : "-", kind_name(inside.kind), inside.kind,
-                 inside.session, inside.topic, inside.age_ms);
+        line_add(to, " > %s %s %d", inside.name[0] ? inside.name : "-", kind_name(inside.kind),
+                 inside.kind);
+        fields_add(to, inside_labels, &inside.session);
     }
 }
 
 void request_line(line &to, const qor_info_request_t &request)
 {
-    line_add(to, "request %d: topic %d, open at %s for %d ms", request.session, request.topic,
-             request.name, request.age_ms);
+    line_add(to, "request %d: open at %s, topic %d, ms %d", request.session, request.name,
+             request.topic, request.age_ms);
 }
 
 int32_t text_show(void *arg, int32_t kind, const void *info)

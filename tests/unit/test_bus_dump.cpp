@@ -74,8 +74,8 @@ TEST(BusDump, ABareBusIsOneLine)
     const std::vector<std::string> lines = dump(bus.get());
 
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], "bus: workers 0, idle 0, queued 1 (most 2), timers 0, refused 0, "
-                        "allocations failed " +
+    EXPECT_EQ(lines[0], "bus: workers 0, idle 0, quitting 0, queued 1, most 2, timers 0, "
+                        "next ms none, refused 0, allocations failed " +
                             std::to_string(seen.allocations_failed) + ", lines " +
                             std::to_string(seen.lines));
 }
@@ -92,9 +92,22 @@ TEST(BusDump, TheNextTimerAndTheQuitAreSaid)
 
     const std::string line = line_of(bus.get(), "bus: ");
 
-    EXPECT_NE(line.find("timers 1 (next in 89"), std::string::npos) << line;
-    EXPECT_NE(line.find(" ms), refused 1, "), std::string::npos) << line;
-    EXPECT_EQ(line.substr(line.rfind(',')), ", quitting");
+    EXPECT_EQ(number_behind(line, "quitting"), 1);
+    EXPECT_EQ(number_behind(line, "timers"), 1);
+    EXPECT_LE(number_behind(line, "next ms"), 895000);
+    EXPECT_GT(number_behind(line, "next ms"), 800000);
+    EXPECT_EQ(number_behind(line, "refused"), 1);
+}
+
+TEST(BusDump, ATimerThatIsLateHasANegativeNumber)
+{
+    StillBus bus(StillBus::bare);
+    qor_context_task_t task = {};
+    qor_context_task_init(&task, nullptr, nullptr, 1, nothing, nullptr);
+    task.delay = 1;
+    ASSERT_EQ(qor_bus_timer_post(bus.get(), &task), 0);
+
+    EXPECT_TRUE(await([&] { return number_behind(line_of(bus.get(), "bus: "), "next ms") < -5; }));
 }
 
 TEST_F(Contract, ALineForEachRecord)
@@ -114,19 +127,19 @@ TEST_F(Contract, ALineForEachRecord)
               "context qor_mng_module: system, failed 0");
     const qor_info_context_t record = seen.context("server");
     EXPECT_EQ(line_of(bus->get(), "context server: "),
-              "context server: RESUME, runs 0 of 1, queued 0 (most " +
+              "context server: RESUME, runs 0, slots 1, queued 0, most " +
                   std::to_string(record.queued_max) +
-                  ", delayed 0), waiting 0 ms, requests 2, responses 0, tasks 0, bypassed 0, "
+                  ", delayed 0, waiting ms 0, requests 2, responses 0, tasks 0, bypassed 0, "
                   "refused 0, failed 0");
     EXPECT_EQ(number_behind(line_of(bus->get(), "context client: "), "responses"), 2);
     EXPECT_EQ(line_of(bus->get(), "topic 0: "),
-              "topic 0: subscriber server of 1, listeners 0, filters 0, requests 2, unserved 0");
+              "topic 0: server, subscribers 1, listeners 0, filters 0, requests 2, unserved 0");
     EXPECT_EQ(line_of(bus->get(), "topic sys " + std::to_string(QOR_SYS_BUS_REGISTER)),
               "topic sys " + std::to_string(QOR_SYS_BUS_REGISTER) +
-                  ": subscriber qor_bus_module of 1, listeners 0, filters 0, requests 2, "
+                  ": qor_bus_module, subscribers 1, listeners 0, filters 0, requests 2, "
                   "unserved 0");
     qor_context_unsubscribe(server.context(), TOPIC);
-    EXPECT_EQ(line_of(bus->get(), "topic 0: ").substr(0, 25), "topic 0: subscriber - of ");
+    EXPECT_EQ(line_of(bus->get(), "topic 0: ").substr(0, 24), "topic 0: -, subscribers ");
 }
 
 TEST_F(Contract, WhatAContractPromisesAndItsLedger)
@@ -137,15 +150,11 @@ TEST_F(Contract, WhatAContractPromisesAndItsLedger)
 
     const std::string line = line_of(bus->get(), "context server: ");
 
-    EXPECT_NE(line.find(", failed 0, contract: strict 1, limit 1, depth 7, overflow 4, blocked 0, "
-                        "replies 0 of 50, open 0 of 0, accepted 1, run 1, running 0, "),
-              std::string::npos)
-        << line;
-    EXPECT_NE(line.find(", waiting 0, delayed 0, dropped oldest 0, dropped newest 0, dropped "
-                        "transfer 0, cancelled 0, discarded 0, transferred 0, finished 0, "
-                        "highest 1"),
-              std::string::npos)
-        << line;
+    EXPECT_EQ(line.substr(line.find(", failed")),
+              ", failed 0, strict 1, depth 7, replies max 50, open max 0, overflow 4, limit 1, "
+              "replies 0, blocked 0, accepted 1, run 1, running 0, waiting 0, delayed 0, dropped "
+              "oldest 0, dropped newest 0, dropped transfer 0, cancelled 0, discarded 0, "
+              "transferred 0, refused 0, bypassed 0, open 0, finished 0, highest 1");
 }
 
 TEST_F(Deferring, AnOpenRequestIsALine)
@@ -155,10 +164,9 @@ TEST_F(Deferring, AnOpenRequestIsALine)
     const int32_t session = Inspection(bus->get()).requests.at(0).session;
 
     const std::string begin =
-        "request " + std::to_string(session) + ": topic 3, open at server for ";
+        "request " + std::to_string(session) + ": open at server, topic 3, ms ";
     const std::string line = line_of(bus->get(), begin);
 
     EXPECT_NE(line, "");
-    EXPECT_EQ(line.substr(line.size() - 3), " ms");
     EXPECT_EQ(dump(bus->get()).back(), line_of(bus->get(), begin));
 }

@@ -193,11 +193,11 @@ TEST_F(InspectThreads, TheTextNamesWhatTheyAreInside)
               0);
 
     const auto at = [&seen](int i) {
-        return ", session " + std::to_string(seen.inside[i].session) + ", topic 0) for 0 ms";
+        return ", session " + std::to_string(seen.inside[i].session) + ", topic 0, ms 0";
     };
     EXPECT_NE(text.find("thread " + std::to_string(seen.tid) +
-                        " (worker): depth 2, server request (kind 0" + at(0) +
-                        " > server call (kind 7" + at(1)),
+                        ": worker, depth 2 > server request 0" + at(0) + " > server call 7" +
+                        at(1)),
               std::string::npos)
         << text;
 }
