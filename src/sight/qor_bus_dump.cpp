@@ -34,8 +34,8 @@ QOR_PRINTF(2, 3) void line_add(line &to, const char *format, ...)
 }
 
 /* Labels stand one behind the other in a string, and are those of fields that do so in a record:
- * far less code than a call for each. In front of a label is what kind of field it is. */
-constexpr char field_unsigned = '+';
+ * far less code than a call for each. In front of a label is what kind of field it is: '+' for 32
+ * bits without sign, or one of these. */
 constexpr char field_signed = '-'; /* INT32_MAX stands for none */
 constexpr char field_wide = '*';   /* 64 bits */
 
