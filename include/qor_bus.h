@@ -121,8 +121,9 @@ QOR_API int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time);
  *
  * Prints "!(_this) == true."; called while the loop runs it prints "the loop is running." and
  * changes nothing. A module with a console must let it return when its unreg is called. Waits for
- * threads that are inside qor_bus_drain() or qor_bus_wait_up(), which the quit ends; no other
- * thread of the application's may use the bus or its contexts any more.
+ * threads that are inside qor_bus_drain() or qor_bus_wait_up(), which the quit ends, or inside
+ * qor_bus_inspect() or qor_bus_dump(), which end by themselves; no other thread of the
+ * application's may use the bus or its contexts any more.
  */
 QOR_API void qor_bus_close(qor_bus_t *_this);
 

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Topic table. Lists are changed under one mutex each, and stepped through under it by callers; the
- * bus's own dispatches step without. A removed registration is freed when the dispatches that may
+ * bus's own dispatches step without. Whoever takes several of a topic's takes them in the order
+ * subscribers, listeners, filters. A removed registration is freed when the dispatches that may
  * stand on it have ended. */
 #include "qor_topic_core.h"
 
