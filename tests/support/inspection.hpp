@@ -59,6 +59,14 @@ public:
         return {};
     }
 
+    /* The same whether something is recorded or not. */
+    std::string without_threads() const
+    {
+        const size_t first = order.find('H');
+        const size_t behind = order.find_last_of('H') + 1;
+        return first == std::string::npos ? order : order.substr(0, first) + order.substr(behind);
+    }
+
     std::string order; /* a letter for each record: B C T H R */
     qor_info_bus_t bus = {};
     std::vector<qor_info_context_t> contexts;
