@@ -417,7 +417,7 @@ void qor_bus_destroy(qor_bus_t *bus)
 
 void qor_bus_uninit(qor_bus_t *_this)
 {
-    const trace_functions *recorder = trace_recorder();
+    const trace_functions *recorder = trace_recorder_made();
     if (recorder) {
         recorder->closed(_this);
     }

@@ -22,8 +22,8 @@ constexpr char file_tag[] = "qor_bus";
 void due_note(const qor_time_que_node_t *timer)
 {
     const int64_t late = util_timestamp() - timer->when;
-    trace_recorder()->note(nullptr, nullptr, trace_what(trace_due), static_cast<int32_t>(timer->id),
-                           static_cast<int32_t>(late));
+    trace_recorder().note(nullptr, nullptr, trace_what(trace_due), static_cast<int32_t>(timer->id),
+                          static_cast<int32_t>(late));
 }
 
 /* Queues the task of a timer that has fallen due; its node was made with the timer's. One that

@@ -80,7 +80,7 @@ int32_t message_deliver(const qor_context_t *publisher, qor_context_t *context,
                         qor_context_msg_t *msg, trace_kind kind)
 {
     return trace_on(trace_class(kind) | QOR_TRACE_STACKS)
-               ? trace_recorder()->handle_message(publisher, context, msg, kind)
+               ? trace_recorder().handle_message(publisher, context, msg, kind)
                : qor_context_handle_message(context, msg);
 }
 
@@ -111,8 +111,8 @@ void request_note(const qor_context_t *publisher, const qor_context_t *subscribe
                   const qor_context_msg_t *msg, uint32_t detail)
 {
     if (trace_on(QOR_TRACE_REQUESTS)) {
-        trace_recorder()->note(publisher, subscriber, trace_what(trace_request, detail),
-                               msg->session, msg->topic);
+        trace_recorder().note(publisher, subscriber, trace_what(trace_request, detail),
+                              msg->session, msg->topic);
     }
 }
 
@@ -521,7 +521,7 @@ int32_t qor_sched_delegate_syscallx(qor_context_t *context, qor_context_msg_t *m
     }
     deferred_scope none(nullptr, nullptr, nullptr);
     return trace_on(QOR_TRACE_SYSTEM)
-               ? trace_recorder()->handle_message(context, module, msg, trace_system)
+               ? trace_recorder().handle_message(context, module, msg, trace_system)
                : qor_context_handle_message(module, msg);
 }
 
@@ -560,8 +560,8 @@ int32_t qor_sched_delegate_post(qor_context_t *context, qor_context_task_t *task
         task->delay < 1 ? qor_bus_post(_this->bus, task) : qor_bus_timer_post(_this->bus, task);
     if (posted < 0) {
         if (trace_on(QOR_TRACE_TASKS) && !sched_delegate_carries(task)) {
-            trace_recorder()->note(nullptr, context, trace_what(trace_drop, trace_refused),
-                                   task->session, -1);
+            trace_recorder().note(nullptr, context, trace_what(trace_drop, trace_refused),
+                                  task->session, -1);
         }
         if (!sched_delegate_is_response(task)) { /* nobody asked for the post of a response */
             sched_delegate_post_refused(context, task);
@@ -753,7 +753,7 @@ qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role, qor_co
             block->priv.module = context->module;
             block->priv.cls = context->cls;
         }
-        if (const trace_functions *recorder = trace_recorder()) {
+        if (const trace_functions *recorder = trace_recorder_made()) {
             recorder->named(&block->priv.link);
         }
     }

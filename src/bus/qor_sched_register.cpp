@@ -51,9 +51,8 @@ void registration_note(const delegate_kind &kind, const qor_sched_delegate_t *de
 {
     if (trace_on(QOR_TRACE_CHANGES)) {
         const uint32_t system = delegate->role == QOR_BUS_ROLE_SYS ? trace_of_system : 0;
-        trace_recorder()->note(nullptr, delegate->context,
-                               trace_what(trace_register, kind.traced | system | removed), 0,
-                               topic);
+        trace_recorder().note(nullptr, delegate->context,
+                              trace_what(trace_register, kind.traced | system | removed), 0, topic);
     }
 }
 

@@ -188,9 +188,9 @@ void contract_lost(const contract &promise, qor_loss_t loss)
     if (trace_on(QOR_TRACE_REQUESTS)) {
         const auto *context =
             reinterpret_cast<const qor_context_t *>(promise.core); /* first member */
-        trace_recorder()->note(nullptr, context,
-                               trace_what(trace_lost, trace_loss(loss.kind, loss.reason)),
-                               loss.session, loss.topic);
+        trace_recorder().note(nullptr, context,
+                              trace_what(trace_lost, trace_loss(loss.kind, loss.reason)),
+                              loss.session, loss.topic);
     }
     if (!promise.terms.lost) {
         return;

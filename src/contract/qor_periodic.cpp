@@ -77,8 +77,8 @@ void periodic_call(user_periodic *periodic, uint32_t missed)
     trace_span inside(QOR_TRACE_TASKS, timer.context, trace_what(trace_start, trace_runs),
                       timer.session, -1);
     if (missed > 0 && trace_on(QOR_TRACE_TASKS)) {
-        trace_recorder()->note(nullptr, timer.context, trace_what(trace_missed), timer.session,
-                               static_cast<int32_t>(missed));
+        trace_recorder().note(nullptr, timer.context, trace_what(trace_missed), timer.session,
+                              static_cast<int32_t>(missed));
     }
     periodic->run(periodic->self, timer.session, timer.arg, missed);
 }

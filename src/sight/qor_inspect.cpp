@@ -286,7 +286,7 @@ int32_t threads_show(const inspection &to)
     uint32_t number = 0;
     for (;;) {
         qor_info_thread_t info = {};
-        const trace_functions *recorder = trace_recorder();
+        const trace_functions *recorder = trace_recorder_made();
         number = recorder ? recorder->thread(to.bus, number, info) : 0;
         if (number == 0) {
             return 0;

@@ -140,13 +140,19 @@ constexpr bool trace_built = true;
 extern uint32_t trace_mask;               /* QOR_TRACE_*; read without a lock */
 extern const trace_functions *trace_made; /* NULL: no recorder was ever started; read likewise */
 
-/* Whether any of these classes is recorded. If so, trace_made is there. */
+/* Whether any of these classes is recorded. Only then trace_recorder() may be called. */
 inline bool trace_on(uint32_t classes)
 {
     return __builtin_expect((hal_load(trace_mask) & classes) != 0, 0);
 }
 
-inline const trace_functions *trace_recorder()
+inline const trace_functions &trace_recorder()
+{
+    return *hal_load(trace_made);
+}
+
+/* Who has recorded in this process, or may be about to; NULL: nobody yet. */
+inline const trace_functions *trace_recorder_made()
 {
     return hal_load(trace_made);
 }
@@ -158,7 +164,12 @@ constexpr bool trace_on(uint32_t)
     return false;
 }
 
-constexpr const trace_functions *trace_recorder()
+[[noreturn]] inline const trace_functions &trace_recorder()
+{
+    __builtin_unreachable();
+}
+
+constexpr const trace_functions *trace_recorder_made()
 {
     return nullptr;
 }
@@ -171,13 +182,13 @@ public:
                int32_t arg)
     {
         if (trace_on(class_ | QOR_TRACE_STACKS)) {
-            begun_ = trace_recorder()->begin(class_, context, what, session, arg);
+            begun_ = trace_recorder().begin(class_, context, what, session, arg);
         }
     }
     ~trace_span()
     {
         if (trace_built && begun_.recording) {
-            trace_recorder()->end(begun_, result_);
+            trace_recorder().end(begun_, result_);
         }
     }
     trace_span(const trace_span &) = delete;
@@ -195,7 +206,7 @@ inline void trace_tell(uint32_t class_, const qor_context_t *context, uint32_t w
                        int32_t session, int32_t arg)
 {
     if (trace_on(class_)) {
-        trace_recorder()->note(nullptr, context, what, session, arg);
+        trace_recorder().note(nullptr, context, what, session, arg);
     }
 }
 

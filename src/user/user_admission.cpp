@@ -172,8 +172,8 @@ int32_t admission_queue(admission &post)
 int32_t admission_drop(admission &post)
 {
     if (trace_on(QOR_TRACE_TASKS) && post.node && !post.message) {
-        trace_recorder()->note(nullptr, &post.core->base, trace_what(trace_drop, trace_refused),
-                               post.session, -1);
+        trace_recorder().note(nullptr, &post.core->base, trace_what(trace_drop, trace_refused),
+                              post.session, -1);
     }
     if (post.node) {
         qor_time_que_node_destroy(post.node, nullptr);
@@ -256,8 +256,7 @@ int32_t qor_core_context_handle_task(qor_context_t *context, qor_context_task_t 
     post.response = sched_delegate_is_response(task);
     post.message = post.response || sched_delegate_is_relay(task);
     if (trace_on(QOR_TRACE_TASKS) && !sched_delegate_carries(task)) {
-        trace_recorder()->note(nullptr, context, trace_what(trace_post), task->session,
-                               task->delay);
+        trace_recorder().note(nullptr, context, trace_what(trace_post), task->session, task->delay);
     }
     contract *promise = post.core->priv->promise;
     int32_t posted;

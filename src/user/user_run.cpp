@@ -213,7 +213,7 @@ void *user_task_run(qor_core_context_t *core, qor_time_que_node_t *node, thread_
     /* Deliberate: the name stays afterwards; the worker sets its own before it runs or waits again.
      * Test: CoreContext.ATasksNameStaysOnTheThread. */
     bus_thread_name_set(sched_delegate_bus(&core->base), task->name);
-    void *result = task_is_traced(task) ? trace_recorder()->execute(&core->base, task)
+    void *result = task_is_traced(task) ? trace_recorder().execute(&core->base, task)
                                         : qor_context_task_excute(task);
     if (offer.taken()) {
         inside.becomes(user_task_left_without, core);

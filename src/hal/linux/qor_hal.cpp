@@ -57,7 +57,7 @@ void hal_printf(const char *fmt, ...)
     va_list ap;
     va_start(ap, fmt);
     if (trace_on(QOR_TRACE_LINES)) {
-        trace_recorder()->line(level_of(fmt), fmt, ap);
+        trace_recorder().line(level_of(fmt), fmt, ap);
     }
     if (!output_taken(fmt, ap)) {
         vprintf(fmt, ap);
