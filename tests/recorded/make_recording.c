@@ -11,7 +11,7 @@
 
 enum { TOPIC_ASK, TOPIC_CALL, TOPIC_LATER, TOPIC_NONE, TOPICS };
 enum { ASKED = 20, CALLED = 10, TASKS = 15, MARKS = 40, UNSERVED = 3, LATER = 2 };
-enum { LANES = 8, NAMES = 16, EVENTS = 512 };
+enum { LANES = 3, NAMES = 12, EVENTS = 512 };
 
 static atomic_int handled, responded, called, ran, heard, filtered, completed;
 static qor_bus_t *bus;
