@@ -136,18 +136,19 @@ struct trace_functions {
 };
 
 #ifndef QOR_WITHOUT_TRACE
-constexpr bool trace_built = true;
 extern uint32_t trace_mask;               /* QOR_TRACE_*; read without a lock */
 extern const trace_functions *trace_made; /* NULL: no recorder was ever started; read likewise */
 
-/* Whether any of these classes is recorded. Only then trace_recorder() may be called. */
+/* Whether any of these classes is recorded. Only then trace_recorder() may be called. A plain load:
+ * barriers on every request would cost those who do not record. */
 inline bool trace_on(uint32_t classes)
 {
-    return __builtin_expect((hal_load(trace_mask) & classes) != 0, 0);
+    return __builtin_expect((__atomic_load_n(&trace_mask, __ATOMIC_RELAXED) & classes) != 0, 0);
 }
 
 inline const trace_functions &trace_recorder()
 {
+    (void)hal_load(trace_mask); /* now with a barrier: what was stored before the mask is there */
     return *hal_load(trace_made);
 }
 
@@ -157,8 +158,6 @@ inline const trace_functions *trace_recorder_made()
     return hal_load(trace_made);
 }
 #else
-constexpr bool trace_built = false;
-
 constexpr bool trace_on(uint32_t)
 {
     return false;
@@ -175,40 +174,38 @@ constexpr const trace_functions *trace_recorder_made()
 }
 #endif
 
-/* The calling thread is inside something of a context's, from construction to destruction. */
+/* The calling thread is inside something of a context's, from construction to destruction. Not
+ * where an instruction counts: neither end of it is inline. */
 class trace_span {
 public:
+#ifndef QOR_WITHOUT_TRACE
     trace_span(uint32_t class_, const qor_context_t *context, uint32_t what, int32_t session,
-               int32_t arg)
-    {
-        if (trace_on(class_ | QOR_TRACE_STACKS)) {
-            begun_ = trace_recorder().begin(class_, context, what, session, arg);
-        }
-    }
-    ~trace_span()
-    {
-        if (trace_built && begun_.recording) {
-            trace_recorder().end(begun_, result_);
-        }
-    }
+               int32_t arg);
+    ~trace_span();
+#else
+    trace_span(uint32_t, const qor_context_t *, uint32_t, int32_t, int32_t) {}
+#endif
     trace_span(const trace_span &) = delete;
     trace_span &operator=(const trace_span &) = delete;
 
-    void result(int32_t result) { result_ = result; }
+    void result(int32_t result)
+    {
+        result_ = result;
+    }
 
 private:
     trace_begun begun_ = {};
     int32_t result_ = 0;
 };
 
-/* Notes an event of a context's, or of none, if its class is recorded. */
-inline void trace_tell(uint32_t class_, const qor_context_t *context, uint32_t what,
-                       int32_t session, int32_t arg)
-{
-    if (trace_on(class_)) {
-        trace_recorder().note(nullptr, context, what, session, arg);
-    }
-}
+/* Notes an event of a context's, or of none, if its class is recorded; not where an instruction
+ * counts. */
+#ifndef QOR_WITHOUT_TRACE
+void trace_tell(uint32_t class_, const qor_context_t *context, uint32_t what, int32_t session,
+                int32_t arg);
+#else
+inline void trace_tell(uint32_t, const qor_context_t *, uint32_t, int32_t, int32_t) {}
+#endif
 
 /* The class that starts and ends of a kind belong to. */
 constexpr uint32_t trace_class(trace_kind kind)

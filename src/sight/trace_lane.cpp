@@ -195,23 +195,16 @@ void lane_put_at(trace_lane &lane, uint64_t now, uint32_t what, int32_t session,
     lane_put(lane, low, what, session, arg);
 }
 
-/* A text in events that continue the one before. They have no time, and no name but their first
- * byte. */
-void lane_put_text(trace_lane &lane, const char *text, size_t length)
+/* A text in events that continue the one before. They have no time, and of what an event tells only
+ * the type, in their first byte: the text has the eleven behind it. */
+void lane_put_text(trace_lane &lane, const char *text)
 {
-    for (size_t at = 0; at < length; at += trace_text_bytes) {
-        uint8_t bytes[trace_text_bytes + 1] = {};
-        const size_t rest = length - at;
-        memcpy(bytes, text + at, rest < trace_text_bytes ? rest : trace_text_bytes);
-        const auto word = [&bytes](size_t first, size_t count) {
-            uint32_t value = 0;
-            for (size_t i = 0; i < count; i++) {
-                value |= static_cast<uint32_t>(bytes[first + i]) << 8 * i;
-            }
-            return value;
-        };
-        lane_put(lane, 0, trace_name | word(0, 3) << 8, static_cast<int32_t>(word(3, 4)),
-                 static_cast<int32_t>(word(7, 4)));
+    while (*text) {
+        uint32_t words[] = {trace_name, 0, 0};
+        for (uint32_t i = 1; i <= trace_text_bytes && *text; i++) {
+            words[i / 4] |= static_cast<uint32_t>(static_cast<uint8_t>(*text++)) << i % 4 * 8;
+        }
+        lane_put(lane, 0, words[0], static_cast<int32_t>(words[1]), static_cast<int32_t>(words[2]));
     }
 }
 
@@ -233,7 +226,7 @@ void lane_note(lane_use &use, uint64_t now, const trace_note &note)
     }
     lane_put_at(lane, now, note.what, note.session, note.arg);
     if (note.text) {
-        lane_put_text(lane, note.text, strlen(note.text));
+        lane_put_text(lane, note.text);
     }
 }
 
