@@ -16,6 +16,7 @@
 #include "qor_core_context.h"
 #include "qor_deferred.h"
 #include "qor_hal.h"
+#include "qor_health.h"
 #include "qor_impl_context.h"
 #include "qor_inspect.h"
 #include "qor_main.h"

@@ -91,22 +91,25 @@ typedef struct qor_info_topic {
 
 /** What a thread does while it is inside something. */
 enum {
-    QOR_INSIDE_REQUEST = 0,       /**< handles a request */
-    QOR_INSIDE_RESPONSE = 1,      /**< handles a response */
-    QOR_INSIDE_LISTEN_BEFORE = 2, /**< shows a listener a message, before it is handled */
-    QOR_INSIDE_LISTEN_AFTER = 3,  /**< the same, after it was */
-    QOR_INSIDE_FILTER_BEFORE = 4, /**< has a message filtered, before it is handled */
-    QOR_INSIDE_FILTER_AFTER = 5,  /**< the same, after it was */
-    QOR_INSIDE_TASK = 6,          /**< runs a task or timer of the module's */
-    QOR_INSIDE_CALL = 7,          /**< handles a synchronous request */
-    QOR_INSIDE_SYSTEM = 8,        /**< handles a system call */
-    QOR_INSIDE_INIT = 9,          /**< runs the module's init */
-    QOR_INSIDE_WAITS = 16,        /**< from here on it waits: */
-    QOR_INSIDE_WAITS_START = 21,  /**< until the module has started */
-    QOR_INSIDE_WAITS_PAUSE = 22,  /**< until the module is in PAUSE */
-    QOR_INSIDE_WAITS_DRAIN = 23,  /**< in qor_bus_drain() */
-    QOR_INSIDE_WAITS_ROOM = 25,   /**< for a place in the module's queue */
-    QOR_INSIDE_WAITS_UP = 26,     /**< in qor_bus_wait_up() */
+    QOR_INSIDE_REQUEST = 0,        /**< handles a request */
+    QOR_INSIDE_RESPONSE = 1,       /**< handles a response */
+    QOR_INSIDE_LISTEN_BEFORE = 2,  /**< shows a listener a message, before it is handled */
+    QOR_INSIDE_LISTEN_AFTER = 3,   /**< the same, after it was */
+    QOR_INSIDE_FILTER_BEFORE = 4,  /**< has a message filtered, before it is handled */
+    QOR_INSIDE_FILTER_AFTER = 5,   /**< the same, after it was */
+    QOR_INSIDE_TASK = 6,           /**< runs a task or timer of the module's */
+    QOR_INSIDE_CALL = 7,           /**< handles a synchronous request */
+    QOR_INSIDE_SYSTEM = 8,         /**< handles a system call */
+    QOR_INSIDE_INIT = 9,           /**< runs the module's init */
+    QOR_INSIDE_REG = 10,           /**< runs the module's reg */
+    QOR_INSIDE_WAITS = 16,         /**< from here on it waits: */
+    QOR_INSIDE_WAITS_START = 21,   /**< until the module has started */
+    QOR_INSIDE_WAITS_PAUSE = 22,   /**< until the module is in PAUSE */
+    QOR_INSIDE_WAITS_DRAIN = 23,   /**< in qor_bus_drain() */
+    QOR_INSIDE_WAITS_ROOM = 25,    /**< for a place in the module's queue */
+    QOR_INSIDE_WAITS_UP = 26,      /**< in qor_bus_wait_up() */
+    QOR_INSIDE_WAITS_WORKERS = 27, /**< in qor_bus_loop(), for the workers to end */
+    QOR_INSIDE_WAITS_CONSOLE = 28, /**< for the module's console to end */
 };
 
 /** One of the things that a thread is inside. */

@@ -216,6 +216,13 @@ bool bus_thread_works(const qor_bus_t *bus)
     return hal_load(timers.calls)->has(timers, session) ? qor_bus_session(bus) : session;
 }
 
+/* While somebody may ask how long it has waited. Out of line, so that the others need no frame. */
+[[gnu::noinline]] int32_t bus_node_post_seen(qor_bus_t *bus, qor_que_node_t *node)
+{
+    que_since_set(node, bus_since());
+    return qor_que_enque(bus->que, node);
+}
+
 bool bus_is_cancelled(const qor_que_node_t *node, const void *session)
 {
     return !(que_front_of(node)->flags & que_own) &&
@@ -244,6 +251,7 @@ void bus_deferred_over(const qor_bus_t *bus)
 
 void bus_head_uninit(qor_bus_t *bus)
 {
+    free(bus->priv->sight);
     contracts_free(bus);
     bus_periodics_close(bus->priv->periodics);
     pthread_cond_destroy(&bus->priv->rested);
@@ -292,10 +300,16 @@ qor_context_task_t *bus_task_of(qor_time_que_node_t *node)
     return static_cast<qor_context_task_t *>(qor_time_que_node_body(node));
 }
 
+uint32_t bus_since()
+{
+    return static_cast<uint32_t>(util_timestamp()) | 1;
+}
+
 int32_t bus_node_post(qor_bus_t *bus, qor_que_node_t *node)
 {
     node->id = static_cast<size_t>(bus_task_of(node)->session);
-    return qor_que_enque(bus->que, node);
+    return trace_on(QOR_TRACE_STACKS) ? bus_node_post_seen(bus, node)
+                                      : qor_que_enque(bus->que, node);
 }
 
 qor_time_que_node_t *bus_timer_node()

@@ -109,7 +109,10 @@ void bus_loop_serve(qor_bus_t *bus, bus_crew *crew)
     record.role = thread_loops;
     thread_record_set(&record);
     bus_timers_serve(bus);
-    bus_crew_join(priv, crew);
+    {
+        trace_span waits(0, nullptr, trace_what(trace_wait, trace_waits_workers), 0, -1);
+        bus_crew_join(priv, crew);
+    }
     if (!timers || !bus_is_gone(timers, priv)) {
         bus_helpers_join(bus);
         bus_tasks_discard(bus);

@@ -27,6 +27,8 @@ struct bus_crew {
     uint32_t count;      /* how many have started */
 };
 
+struct bus_sight;
+
 struct qor_bus_private {
     hal_thread_mutex_t mutex; /* guards the fields below; taken before a waiter's and a queue's */
     int32_t stopping;         /* 1 once qor_bus_quit() has begun; read without the mutex */
@@ -52,6 +54,8 @@ struct qor_bus_private {
     bus_start start;
     bus_periodics periodics;
     uint32_t refused; /* posts, modulo 2^32; changed atomically */
+    bus_sight *sight; /* NULL: nobody has asked to be told anything; does not change once the loop
+                         runs */
 };
 
 /* Tells whether the bus has been asked to end; false for NULL. */
@@ -119,6 +123,9 @@ qor_que_node_t *bus_node();
 /* The task in a node of either queue. */
 qor_context_task_t *bus_task_of(qor_que_node_t *node);
 qor_context_task_t *bus_task_of(qor_time_que_node_t *node);
+
+/* Now, as que_since_set() wants it: in ms, and never 0. */
+uint32_t bus_since();
 
 /* Queues a node that carries its task, under the task's session. 0, or -1 when the bus quits, and
  * the node stays the caller's. */

@@ -12,6 +12,7 @@
 #include "qor_sched_delegate_priv.hpp"
 #include "que_front.hpp"
 #include "thread_record.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -50,6 +51,19 @@ void bus_task_left(void *arg)
     bus_node_over(record, left, nullptr); /* what it carried has been left with the task in it */
 }
 
+/* Executes a task while it is recorded what threads are inside. What the library has made shows
+ * that by itself; an application's task does not. Out of line: else every task pays for it. */
+[[gnu::noinline]] void bus_task_show(const qor_que_node_t *node, qor_context_task_t *task)
+{
+    constexpr uint32_t made = que_own | que_quiet | que_message;
+    if ((que_front_of(node)->flags & made) || sched_delegate_carries(task)) {
+        qor_context_task_excute(task);
+        return;
+    }
+    trace_span inside(0, task->context, trace_what(trace_start, trace_runs), task->session, -1);
+    qor_context_task_excute(task);
+}
+
 void bus_task_run(thread_record &record, qor_que_node_t *node)
 {
     thread_scope inside(bus_task_left, node, &record);
@@ -60,7 +74,11 @@ void bus_task_run(thread_record &record, qor_que_node_t *node)
     }
     {
         message_offer offer(sched_delegate_request(node, task), &record);
-        qor_context_task_excute(task);
+        if (trace_on(QOR_TRACE_STACKS)) {
+            bus_task_show(node, task);
+        } else {
+            qor_context_task_excute(task);
+        }
     }
     bus_node_over(record, node, recycle_of(qor_context_task_uninit));
 }

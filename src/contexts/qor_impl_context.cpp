@@ -5,9 +5,11 @@
 #include "hal_thread.hpp"
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
+#include "qor_core_context_priv.hpp"
 #include "qor_diag.hpp"
 #include "qor_impl_context_priv.hpp"
 #include "qor_util.hpp"
+#include "trace.hpp"
 
 #include <string.h>
 
@@ -148,7 +150,11 @@ void qor_impl_context_stop(qor_context_t *_this)
     if (!resource || !_this->module->console) {
         return;
     }
-    pthread_join(console_thread(resource), nullptr);
+    {
+        trace_span waits(0, user_context_attached(_this),
+                         trace_what(trace_wait, trace_waits_console), 0, -1);
+        pthread_join(console_thread(resource), nullptr);
+    }
     qor_context_resource_set(_this, nullptr); /* a second stop must not join again */
 }
 

@@ -26,8 +26,17 @@ struct alignas(8) que_front {
                                        of; NULL: of none */
     qor_que_node_t *spare;          /* memory for the hand-over after this one, freed with it */
     uint32_t number;                /* tells it among the nodes of one owner; 0: has none */
-    uint32_t flags;
+    uint32_t flags; /* below bit 8; above: since when it has been in the task queue, or 0 */
 };
+
+constexpr uint32_t que_since_bit = 8;
+
+/* Notes when a node comes into the task queue, in ms and never 0. Four hours and a half fit. */
+template <typename N> inline void que_since_set(N *node, uint32_t now)
+{
+    uint32_t &flags = reinterpret_cast<que_front *>(node)[-1].flags;
+    flags = (flags & ((1u << que_since_bit) - 1)) | now << que_since_bit;
+}
 
 /* A zeroed node with so many bytes of body, or NULL without memory. */
 template <typename N> inline N *que_node_alloc(size_t size)

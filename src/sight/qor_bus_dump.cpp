@@ -5,6 +5,7 @@
 #include <inttypes.h>
 #include <stdarg.h>
 
+#include "info.hpp"
 #include "qor_bus.h"
 #include "qor_diag.hpp"
 
@@ -16,22 +17,6 @@ struct sink {
     qor_text_t text;
     void *arg;
 };
-
-/* Longer than any line, whatever its numbers. */
-struct line {
-    char text[1024];
-    size_t length;
-};
-
-QOR_PRINTF(2, 3) void line_add(line &to, const char *format, ...)
-{
-    va_list ap;
-    va_start(ap, format);
-    const int added = hal_vsnprintf(to.text + to.length,
-                                    static_cast<int>(sizeof(to.text) - to.length), format, ap);
-    va_end(ap);
-    to.length += static_cast<size_t>(added);
-}
 
 /* Labels stand one behind the other in a string, and are those of fields that do so in a record:
  * far less code than a call for each. In front of a label is what kind of field it is: '+' for 32
@@ -54,15 +39,15 @@ int64_t field_take(char kind, const char *&field)
     return kind == field_signed ? wide : wide & UINT32_MAX;
 }
 
-void fields_add(line &to, const char *labels, const void *fields)
+void fields_add(text_line &to, const char *labels, const void *fields)
 {
     const char *field = static_cast<const char *>(fields);
     for (; *labels; labels += strlen(labels) + 1) {
         const int64_t value = field_take(*labels, field);
         if (*labels == field_signed && value == INT32_MAX) {
-            line_add(to, ", %s none", labels + 1);
+            text_add(to, ", %s none", labels + 1);
         } else {
-            line_add(to, ", %s %" PRId64, labels + 1, value);
+            text_add(to, ", %s %" PRId64, labels + 1, value);
         }
     }
 }
@@ -109,9 +94,9 @@ static_assert(labels_in(topic_labels) == FIELDS(qor_info_topic_t, subscribers, u
 static_assert(labels_in(inside_labels) == FIELDS(qor_info_inside_t, session, age_ms),
               "a label each");
 
-void bus_line(line &to, const qor_info_bus_t &bus)
+void bus_line(text_line &to, const qor_info_bus_t &bus)
 {
-    line_add(to, "bus: workers %u", bus.workers);
+    text_add(to, "bus: workers %u", bus.workers);
     fields_add(to, bus_labels, &bus.idle);
 }
 
@@ -123,9 +108,9 @@ const char *lifecycle_name(int32_t lifecycle)
     return static_cast<uint32_t>(lifecycle) < count ? names[lifecycle] : "system";
 }
 
-void context_line(line &to, const qor_info_context_t &context)
+void context_line(text_line &to, const qor_info_context_t &context)
 {
-    line_add(to, "context %s: %s", context.name, lifecycle_name(context.lifecycle));
+    text_add(to, "context %s: %s", context.name, lifecycle_name(context.lifecycle));
     if (context.lifecycle >= 0) {
         fields_add(to, queue_labels, &context.runs);
     }
@@ -136,65 +121,83 @@ void context_line(line &to, const qor_info_context_t &context)
     }
 }
 
-void topic_line(line &to, const qor_info_topic_t &topic)
+void topic_line(text_line &to, const qor_info_topic_t &topic)
 {
-    line_add(to, "topic %s%d: %s", topic.role == QOR_BUS_ROLE_SYS ? "sys " : "", topic.topic,
+    text_add(to, "topic %s%d: %s", topic.role == QOR_BUS_ROLE_SYS ? "sys " : "", topic.topic,
              topic.subscribers ? topic.subscriber : "-");
     fields_add(to, topic_labels, &topic.subscribers);
 }
 
 const char *kind_name(int32_t kind)
 {
-    static constexpr char names[][9] = {"request", "response", "listener", "listener", "filter",
-                                        "filter",  "task",     "call",     "system",   "init"};
-    constexpr uint32_t count = sizeof(names) / sizeof(names[0]);
-    return static_cast<uint32_t>(kind) < count ? names[kind] : "waits";
+    /* From the last on: a wait. */
+    static constexpr char names[][9] = {"request", "response", "listener", "listener",
+                                        "filter",  "filter",   "task",     "call",
+                                        "system",  "init",     "reg",      "waits"};
+    constexpr int32_t last = sizeof(names) / sizeof(names[0]) - 1;
+    return names[kind < last ? kind : last];
 }
 
 /* The outermost first. */
-void thread_line(line &to, const qor_info_thread_t &thread)
+void thread_line(text_line &to, const qor_info_thread_t &thread)
 {
-    line_add(to, "thread %u: %s, depth %u", thread.tid, thread.name, thread.depth);
+    text_add(to, "thread %u: %s, depth %u", thread.tid, thread.name, thread.depth);
     for (uint32_t i = 0; i < thread.depth && i < QOR_INSIDE_MAX; i++) {
         const qor_info_inside_t &inside = thread.inside[i];
-        line_add(to, " > %s %s %d", inside.name[0] ? inside.name : "-", kind_name(inside.kind),
+        text_add(to, " > %s %s %d", inside.name[0] ? inside.name : "-", kind_name(inside.kind),
                  inside.kind);
         fields_add(to, inside_labels, &inside.session);
     }
 }
 
-void request_line(line &to, const qor_info_request_t &request)
+void request_line(text_line &to, const qor_info_request_t &request)
 {
-    line_add(to, "request %d: open at %s, topic %d, ms %d", request.session, request.name,
+    text_add(to, "request %d: open at %s, topic %d, ms %d", request.session, request.name,
              request.topic, request.age_ms);
 }
 
 int32_t text_show(void *arg, int32_t kind, const void *info)
 {
     const sink &to = *static_cast<const sink *>(arg);
-    line one;
+    text_line one;
     one.length = 0;
-    switch (kind) {
-    case QOR_INFO_BUS:
-        bus_line(one, *static_cast<const qor_info_bus_t *>(info));
-        break;
-    case QOR_INFO_CONTEXT:
-        context_line(one, *static_cast<const qor_info_context_t *>(info));
-        break;
-    case QOR_INFO_TOPIC:
-        topic_line(one, *static_cast<const qor_info_topic_t *>(info));
-        break;
-    case QOR_INFO_THREAD:
-        thread_line(one, *static_cast<const qor_info_thread_t *>(info));
-        break;
-    default:
-        request_line(one, *static_cast<const qor_info_request_t *>(info));
-    }
+    text_add_info(one, kind, info);
     to.text(to.arg, one.text);
     return 0;
 }
 
 } // namespace
+
+void text_add(text_line &to, const char *format, ...)
+{
+    const size_t room = sizeof(to.text) - to.length;
+    va_list ap;
+    va_start(ap, format);
+    const int added = hal_vsnprintf(to.text + to.length, static_cast<int>(room), format, ap);
+    va_end(ap);
+    const size_t wanted = static_cast<size_t>(added);
+    to.length += wanted < room ? wanted : room - 1;
+}
+
+void text_add_info(text_line &to, int32_t kind, const void *info)
+{
+    switch (kind) {
+    case QOR_INFO_BUS:
+        bus_line(to, *static_cast<const qor_info_bus_t *>(info));
+        break;
+    case QOR_INFO_CONTEXT:
+        context_line(to, *static_cast<const qor_info_context_t *>(info));
+        break;
+    case QOR_INFO_TOPIC:
+        topic_line(to, *static_cast<const qor_info_topic_t *>(info));
+        break;
+    case QOR_INFO_THREAD:
+        thread_line(to, *static_cast<const qor_info_thread_t *>(info));
+        break;
+    default:
+        request_line(to, *static_cast<const qor_info_request_t *>(info));
+    }
+}
 
 int32_t qor_bus_dump(qor_bus_t *bus, qor_text_t text, void *arg)
 {

@@ -7,6 +7,7 @@
 #include "contract.hpp"
 #include "deferral_table.hpp"
 #include "hal_sync.hpp"
+#include "info.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_context.h"
 #include "qor_context_module.h"
@@ -65,30 +66,10 @@ void timers_read_locked(const qor_time_que_t *timers, qor_info_bus_t &info)
     }
 }
 
-/* Takes all three locks, for it is one record. */
-void bus_read(const qor_bus_t *bus, qor_info_bus_t &info)
-{
-    qor_bus_private &priv = *bus->priv;
-    hal_scoped_lock lock(priv.mutex);
-    info.workers = priv.looping ? priv.workers : 0;
-    info.quitting = priv.stopping ? 1 : 0;
-    info.next_timer_ms = INT32_MAX;
-    info.posts_refused = hal_load(priv.refused);
-    info.allocations_failed = hal_load(util_memory_missed);
-    info.lines = hal_load(diag_lines);
-    if (!bus->time_que) {
-        tasks_read(bus, info);
-        return;
-    }
-    hal_scoped_lock timers(bus->time_que->mutex);
-    timers_read_locked(bus->time_que, info);
-    tasks_read(bus, info);
-}
-
 int32_t bus_show(const inspection &to)
 {
     qor_info_bus_t info = {};
-    bus_read(to.bus, info);
+    info_bus_read(to.bus, info);
     return record_show(to, QOR_INFO_BUS, info);
 }
 
@@ -341,6 +322,26 @@ int32_t everything_show(const inspection &to)
 }
 
 } // namespace
+
+/* Takes all three locks, for it is one record. */
+void info_bus_read(const qor_bus_t *bus, qor_info_bus_t &info)
+{
+    qor_bus_private &priv = *bus->priv;
+    hal_scoped_lock lock(priv.mutex);
+    info.workers = priv.looping ? priv.workers : 0;
+    info.quitting = priv.stopping ? 1 : 0;
+    info.next_timer_ms = INT32_MAX;
+    info.posts_refused = hal_load(priv.refused);
+    info.allocations_failed = hal_load(util_memory_missed);
+    info.lines = hal_load(diag_lines);
+    if (!bus->time_que) {
+        tasks_read(bus, info);
+        return;
+    }
+    hal_scoped_lock timers(bus->time_que->mutex);
+    timers_read_locked(bus->time_que, info);
+    tasks_read(bus, info);
+}
 
 int32_t qor_bus_inspect(qor_bus_t *bus, qor_see_t see, void *arg)
 {

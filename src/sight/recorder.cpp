@@ -153,6 +153,7 @@ constexpr trace_functions functions = {
     /* named */ trace_context_named,
     /* closed */ bus_over,
     /* thread */ trace_thread_read,
+    /* stalled */ trace_stalled,
 };
 
 /* The child of a fork shares the memory of a mapped file and must not write into it. */

@@ -48,6 +48,7 @@ enum trace_kind : uint32_t {
     trace_calls,
     trace_system,
     trace_inits,
+    trace_registers, /* runs a module's reg: kept as what a thread is inside, no event */
 };
 
 /* What a thread waits for. */
@@ -58,6 +59,8 @@ enum trace_awaited : uint32_t {
     trace_waits_slot, /* kept free: nobody waits for one */
     trace_waits_room,
     trace_waits_up,
+    trace_waits_workers, /* this and the next as trace_registers */
+    trace_waits_console,
 };
 
 /* Why a request or a post came to nothing. */
@@ -103,6 +106,7 @@ struct trace_begun {
     int32_t session;
 };
 
+struct qor_info_inside;
 struct qor_info_thread;
 
 /* What the recorder does. What is given with a context gets its number. */
@@ -133,6 +137,9 @@ struct trace_functions {
 
     /* What the next thread of a bus's recording behind that one is inside: its number, or 0. */
     uint32_t (*thread)(const qor_bus_t *bus, uint32_t behind, qor_info_thread &info);
+    /* The monitor has warned of a task: finds where it runs, with age -1 when nowhere, and notes
+     * it. */
+    void (*stalled)(const qor_bus_t *bus, int32_t session, qor_info_inside &found);
 };
 
 #ifndef QOR_WITHOUT_TRACE
@@ -221,6 +228,7 @@ constexpr uint32_t trace_class(trace_kind kind)
     case trace_system:
         return QOR_TRACE_SYSTEM;
     case trace_inits:
+    case trace_registers:
         return QOR_TRACE_CHANGES;
     default:
         return QOR_TRACE_OBSERVERS;

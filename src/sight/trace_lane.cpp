@@ -236,6 +236,8 @@ void lane_inside(trace_lane &lane, uint64_t now, const trace_note &note)
         hal_store(frame.session, note.session);
         hal_store(frame.arg, note.arg);
         hal_store(lane.changes, lane.changes + 1);
+    } else if ((note.what & 0xff) == trace_wait) {
+        hal_store(lane.waits, note.what); /* it is inside nothing more until that is over */
     }
     hal_store(lane.depth, lane.depth + 1);
 }
@@ -318,6 +320,7 @@ void trace_lane_end(const trace_begun &begun, const trace_note &note)
         return;
     }
     if (use.own() && lane->depth > 0) {
+        hal_store(lane->waits, 0u);
         hal_store(lane->depth, lane->depth - 1);
     }
     if (begun.recording & 1) {
@@ -344,13 +347,19 @@ void trace_lane_name(const qor_bus_t *bus, uint32_t who, const trace_named &name
     trace_now.names[who] = naming;
 }
 
+const trace_lane *trace_lane_mine_locked()
+{
+    const trace_writer *writer = static_cast<trace_writer *>(pthread_getspecific(key));
+    return writer && writer->recording == trace_now.number ? writer->lane : nullptr;
+}
+
 void trace_lane_copy_locked(const trace_lane &lane, trace_lane &copy)
 {
     constexpr uint32_t tries = 100;
     memcpy(copy.thread, lane.thread, sizeof(copy.thread));
     copy.tid = lane.tid;
     copy.role = lane.role;
-    copy.changes = copy.reserved = 0;
+    copy.changes = 0;
     uint32_t left = tries;
     uint32_t before;
     do { /* the words of an event and the two that count it belong together, too */
@@ -359,6 +368,7 @@ void trace_lane_copy_locked(const trace_lane &lane, trace_lane &copy)
         copy.written_high = hal_load(lane.written_high);
         copy.time_high = hal_load(lane.time_high);
         copy.depth = hal_load(lane.depth);
+        copy.waits = hal_load(lane.waits);
         for (uint32_t i = 0; i < trace_inside_max; i++) {
             copy.inside[i].time = hal_load(lane.inside[i].time);
             copy.inside[i].what = hal_load(lane.inside[i].what);

@@ -36,7 +36,7 @@ struct trace_lane {
     uint32_t role;
     uint32_t depth;   /* how many things the thread is inside */
     uint32_t changes; /* of inside; odd while one is under way */
-    uint32_t reserved;
+    uint32_t waits;   /* what a thread that is inside more waits for, see trace_what(); or 0 */
     trace_event inside[trace_inside_max]; /* outermost first; time is the clock >> 20 */
 };
 
@@ -125,6 +125,11 @@ void trace_lane_name(const qor_bus_t *bus, uint32_t who, const trace_named &name
 
 /* See trace_functions. */
 uint32_t trace_thread_read(const qor_bus_t *bus, uint32_t behind, qor_info_thread &info);
+void trace_stalled(const qor_bus_t *bus, int32_t session, qor_info_inside &found);
+
+/* The calling thread's lane of the recording that is under way, or NULL. The caller holds the lock.
+ */
+const trace_lane *trace_lane_mine_locked();
 
 /* Copies a lane but for its events, as it was at one moment; with depth 0 when what its thread is
  * inside changes too fast to be read. The caller holds the lock. */

@@ -220,6 +220,7 @@ void qor_core_context_register(qor_context_t *context)
     if (contract *promise = sched_delegate_contract(context)) {
         promise->calls->bind(core, *promise);
     }
+    trace_span inside(0, context, trace_what(trace_start, trace_registers), 0, -1);
     qor_context_register(core->context);
 }
 

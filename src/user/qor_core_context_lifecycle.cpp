@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Lifecycle of a user context: who may enter it when, and who waits for what. */
+#include "bus_sight.hpp"
 #include "hal_sync.hpp"
 #include "qor_bus_priv.hpp"
 #include "qor_core_context.h"
@@ -12,11 +13,22 @@ namespace {
 
 constexpr char file_tag[] = "qor_core_context";
 
-/* Sleeps until reached() holds, which the caller tests again under the lock, or the bus quits. */
+/* Whether a wait for a start is one that the application wants refused. */
+bool wait_is_refused(const qor_bus_t *bus, trace_awaited what)
+{
+    const bus_sight *sight = what == trace_waits_start ? sight_of(bus) : nullptr;
+    return sight && sight->closes_circle && sight->closes_circle(bus);
+}
+
+/* Sleeps until reached() holds, which the caller tests again under the lock, or the bus quits;
+ * false at once when the wait is refused. */
 template <typename R>
-void lifecycle_await(qor_core_context_t *core, qor_bus_t *bus, trace_awaited what, R reached)
+bool lifecycle_await(qor_core_context_t *core, qor_bus_t *bus, trace_awaited what, R reached)
 {
     trace_span inside(QOR_TRACE_CHANGES, &core->base, trace_what(trace_wait, what), 0, -1);
+    if (wait_is_refused(bus, what)) { /* after the recorder knows of it, see closes_circle() */
+        return false;
+    }
     bus_waiter waiter(bus, core->mutex, core->cond);
     bus_stuck_begin(bus);
     {
@@ -26,6 +38,7 @@ void lifecycle_await(qor_core_context_t *core, qor_bus_t *bus, trace_awaited wha
         }
     }
     bus_stuck_end(bus);
+    return true;
 }
 
 void lifecycle_note(const qor_core_context_t *core, int32_t to)
@@ -108,7 +121,7 @@ int32_t qor_core_context_lifecycle_stop(qor_core_context_t *_this)
             QOR_ERR("lifecycle already STOP. STOP failed.");
             return -1;
         }
-        lifecycle_await(_this, bus, trace_waits_pause, paused);
+        (void)lifecycle_await(_this, bus, trace_waits_pause, paused);
     }
 }
 
@@ -143,8 +156,9 @@ int32_t qor_core_context_lifecycle_resume(qor_core_context_t *_this)
                 break;
             }
         }
-        if (!user_init_help(_this, bus)) {
-            lifecycle_await(_this, bus, trace_waits_start, disturbed);
+        if (!user_init_help(_this, bus) &&
+            !lifecycle_await(_this, bus, trace_waits_start, disturbed)) {
+            break;
         }
     }
     QOR_ERR("lifecycle already STOP or DESTROY. RESUME failed.");

@@ -81,6 +81,7 @@ void message_run_end(qor_que_node_t *node);
  * session. One that was a loop run before needs no more. */
 template <typename N> void user_loop_fill(qor_core_context_t *core, N *run, int32_t session)
 {
+    que_front_of(run)->flags = que_own | que_quiet | que_again; /* and not queued yet */
     if (que_front_of(run)->owner == core) {
         bus_task_of(run)->session = session;
         return;
@@ -88,7 +89,6 @@ template <typename N> void user_loop_fill(qor_core_context_t *core, N *run, int3
     qor_context_task_init(bus_task_of(run), &core->base, nullptr, session,
                           run_of(qor_core_context_loop), &core->base);
     que_front_of(run)->owner = core;
-    que_front_of(run)->flags = que_own | que_quiet | que_again;
 }
 
 /* Makes a node of the bus the run of a node. Its session is the task's own when it goes straight to

@@ -33,5 +33,6 @@ void check_start_up(void);
 void check_whole_bus(void);
 void check_contract(void);
 void check_trace(void);
+void check_health(void);
 
 #endif /* QOR_TESTS_CHECK_H */

@@ -55,6 +55,7 @@ int main(void)
     check_whole_bus(); /* a second one in the same process */
     check_contract();
     check_trace();
+    check_health();
     printf("%d passed, %d failed\n", passed, failed);
     return failed > 0;
 }

@@ -489,4 +489,62 @@ daemon_has_a_unit() {
     [ ! -s "$work/err" ] || fail "the unit is not understood"
 }
 
+watchdog_feeds_while_all_is_well() {
+    run 0 -n 3
+    [ "$(grep -cx fed "$work/out")" = 3 ] || fail "not fed each second"
+    ! grep -q '^not fed' "$work/out" || fail "not well"
+}
+
+watchdog_feeds_a_supervisor() {
+    "${BASH_SOURCE[0]%/*}/supervisor.py" "$work/socket" >"$work/told" &
+    supervisor=$!
+    await bound "$work/told"
+    NOTIFY_SOCKET=$work/socket run 0 -n 1
+    wait "$supervisor" || fail "the supervisor has failed"
+    diff "$work/told" <(printf 'bound\nWATCHDOG=1\n') || fail "the supervisor was told something else"
+    ! grep -qx fed "$work/out" || fail "told twice"
+}
+
+# At its end it says that it needs no watchdog any more.
+watchdog_feeds_a_device() {
+    : >"$work/device"
+    run 0 -n 2 -d "$work/device"
+    printf '\0\0V' | cmp "$work/device" - || fail "the device got something else"
+}
+
+# starved PATTERN...: it is not fed at last, and the last explanation has such lines.
+starved() {
+    grep -v '^\[' "$work/out" >"$work/lines"
+    tail -n 1 "$work/lines" | grep -q '^  ' || fail "it was fed at last"
+    tac "$work/lines" | sed '/^not fed/q' >"$work/last"
+    local pattern
+    for pattern; do
+        grep -Eq "$pattern" "$work/last" || fail "not said: $pattern"
+    done
+}
+
+watchdog_starves_at_a_stall() {
+    run 1 -n 5 -s
+    grep -qx fed "$work/out" || fail "never fed"
+    starved '^not fed: busy [12] of 2, over 1, circles 0, oldest server for [0-9]+ ms, ' \
+        '^  thread [0-9]+: worker, depth 1 > server request 0, session [0-9]+, topic 0, ms [0-9]+$'
+}
+
+# What the inits call fails at the end, and the bus says so.
+watchdog_starves_at_a_circle() {
+    "${program[@]}" -n 2 -c >"$work/out" 2>"$work/err"
+    [ $? = 1 ] || fail "fed all along"
+    ! grep -qx fed "$work/out" || fail "fed in spite of the circle"
+    starved '^not fed: .* circles 1, ' '^  circle of 2: (server|client) \(thread [0-9]+\) ' \
+        'waits for the start of server, held up by thread' \
+        'waits for the start of client, held up by thread'
+}
+
+watchdog_refuses_wrong_options() {
+    run 2 -x
+    grep -q '^usage: watchdog' "$work/err" || fail "no usage"
+    run 2 -d "$work/none"
+    grep -qx 'watchdog: nobody to feed: No such file or directory' "$work/err" || fail "no reason"
+}
+
 "$case_name"

@@ -20,23 +20,25 @@ RANKS = [
     "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
     " qor_context_forward",                                   # 5 context model
     "qor_topic_epoch qor_topic_core qor_bus qor_bus_worker qor_bus_helper qor_bus_loop qor_bus_drain"
-    " qor_start qor_bus_up message_node task_watch qor_contract contract bus_periodic deferral_table qor_deferred"
-    " qor_sched_register qor_sched_delegate trace_context recorder recorder_absent trace_thread",                 # 6 dispatch
+    " qor_start qor_bus_up message_node task_watch bus_sight qor_contract contract bus_periodic deferral_table qor_deferred"
+    " qor_sched_register qor_sched_delegate trace_context recorder recorder_absent trace_thread trace_stall",                 # 6 dispatch
     "qor_core_context qor_core_context_lifecycle qor_core_context_tasks qor_impl_context"
     " user_init user_run user_admission contract_queue contract_terms qor_periodic",                                             # 7 context kinds
-    "qor_bus_module qor_monitor_module qor_mng_module qor_inspect qor_bus_dump",  # 8 system modules, inspection
+    "qor_bus_module qor_monitor_module qor_mng_module qor_inspect qor_bus_dump qor_health info wait_circles"
+    " qor_bus_health qor_bus_sight qor_bus_explain health_absent",  # 8 system modules, inspection
     "qor_main qor_bus_close qor_bus_check",                                          # 9 start-up
     "qor",                                                    # everything, for applications
 ]
 SIDEWAYS = {
     ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
     ("qor_bus", "qor_topic_core"), ("qor_bus", "task_watch"), ("qor_bus", "qor_bus_up"), ("qor_bus", "bus_periodic"),
-    ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("contract", "qor_contract"), ("qor_topic_core", "qor_topic_epoch"), ("trace", "hal_sync"), ("trace_lane", "trace"), ("user_admission", "qor_core_context"),
+    ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("contract", "qor_contract"), ("qor_topic_core", "qor_topic_epoch"), ("bus_sight", "qor_bus"), ("qor_health", "qor_inspect"), ("trace", "hal_sync"), ("trace_lane", "trace"), ("user_admission", "qor_core_context"),
 }
 UPWARDS = {
     ("qor_bus.cpp", "qor_main.h"),
     ("qor_context_core.cpp", "qor_impl_context.h"),
     ("trace_thread.cpp", "qor_inspect.h"),
+    ("trace_stall.cpp", "qor_inspect.h"),
 }
 RANK = {name: rank for rank, names in enumerate(RANKS) for name in names.split()}
 

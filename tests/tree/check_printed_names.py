@@ -23,6 +23,8 @@ ADDED = {
     ("qor_deferred", "qor_deferred_request"),
     ("qor_inspect", "qor_bus_inspect"),
     ("qor_inspect", "qor_bus_dump"),
+    *(("qor_health", f) for f in ("qor_bus_explain", "qor_bus_health", "qor_bus_limit_set",
+                                  "qor_bus_stalled_set", "qor_bus_circle_set")),
     *(("qor_trace", f) for f in ("qor_trace_start", "qor_trace_stop")),
 }
 LEVELS = {"QOR_ERR": "err", "QOR_ERR_SPACED": "err", "QOR_WRN": "wrn", "QOR_INF": "inf"}

@@ -142,6 +142,8 @@ RECORD(qor_info_thread_t, 212, FIELD(size), FIELD(tid), FIELD(role), FIELD(name)
        FIELD(inside));
 RECORD(qor_info_request_t, 36, FIELD(size), FIELD(name), FIELD(topic), FIELD(session),
        FIELD(age_ms));
+RECORD(qor_health_t, 56, FIELD(size), FIELD(workers), FIELD(busy), FIELD(over), FIELD(circles),
+       FIELD(oldest_ms), FIELD(oldest_session), FIELD(oldest), FIELD(queue_ms), FIELD(timer_ms));
 
 RECORD(qor_impl_context_t, 40, FIELD(base));
 RECORD(qor_core_context_t, 144, FIELD(base), FIELD(context), FIELD(active_refcount),

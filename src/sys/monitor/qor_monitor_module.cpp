@@ -4,16 +4,19 @@
 
 #include <string.h>
 
+#include "bus_sight.hpp"
 #include "hal_sync.hpp"
 #include "qor_context.h"
 #include "qor_context_handler.h"
 #include "qor_context_msg.h"
 #include "qor_diag.hpp"
 #include "qor_impl_context.h"
+#include "qor_inspect.h"
 #include "qor_monitor_module_priv.hpp"
 #include "qor_sched_delegate_priv.hpp"
 #include "qor_time_que_priv.hpp"
 #include "task_watch.hpp"
+#include "trace.hpp"
 
 namespace {
 
@@ -116,9 +119,9 @@ int32_t qor_monitor_module_init(qor_context_t *context, void *)
 
 /* Formats the warning for a task that is due and arms the next one. The caller holds the lock under
  * which the node was taken, so that an OVER report cannot miss it. */
-void watch_warn_locked(qor_time_que_t *que, qor_time_que_node_t *node, char *text, int size)
+void watch_warn_locked(qor_time_que_t *que, qor_time_que_node_t *node, char *text, int size,
+                       qor_sys_monitor_task_t &task)
 {
-    qor_sys_monitor_task_t task;
     memcpy(&task, qor_time_que_node_body(node), sizeof(task));
     hal_snprintf(text, size, "MONITOR: %s, session = %d, timestamp = %lld", task.name, task.session,
                  static_cast<long long>(util_timestamp()));
@@ -128,21 +131,41 @@ void watch_warn_locked(qor_time_que_t *que, qor_time_que_node_t *node, char *tex
     }
 }
 
+/* Tells the recorder and the application of a task that was named on a line. */
+void watch_tell(const qor_bus_t *bus, const qor_sys_monitor_task_t &task)
+{
+    const bus_sight *sight = sight_of(bus);
+    const bool told = sight && sight->stalled;
+    if (!told && !trace_on(QOR_TRACE_CHANGES)) {
+        return;
+    }
+    qor_info_inside_t found = {};
+    found.topic = found.age_ms = -1;
+    if (const trace_functions *recorder = trace_recorder_made()) {
+        recorder->stalled(bus, task.session, found);
+    }
+    if (told) {
+        sight->stalled(sight->arg, task.name, found.name, found.topic, task.session, found.age_ms);
+    }
+}
+
 int32_t qor_monitor_module_console(qor_context_t *context)
 {
     qor_time_que_t *que = queue_of(context);
     for (;;) {
         char text[128];
+        qor_sys_monitor_task_t task;
         qor_time_que_lock(que);
         qor_time_que_node_t *node = qor_time_que_deque_block_locked(que, -1);
         if (node) {
-            watch_warn_locked(que, node, text, sizeof(text));
+            watch_warn_locked(que, node, text, sizeof(text), task);
         }
         qor_time_que_unlock(que);
         if (!node) {
             return 0;
         }
         QOR_WRN("%s", text);
+        watch_tell(sched_delegate_bus(context), task);
     }
 }
 
