@@ -6,19 +6,21 @@ TIME, FROM, REQUEST, START, END, DROP, POST, DUE, CANCEL, BYPASS, REGISTER, LIFE
 
 # Kinds of what a thread is inside. WAITING is this tool's own: between WAIT and WAITED.
 KINDS = ("request", "response", "listen before", "listen after", "filter before", "filter after",
-         "task", "call", "system", "init")
+         "task", "call", "system", "init", "reg")
 KIND_REQUEST, KIND_RESPONSE, KIND_TASK, KIND_CALL, KIND_SYSTEM = 0, 1, 6, 7, 8
 KINDS_OF_TURN = (0, 1, 2, 3, 6)  # bounded by the limit of a strict module
 KINDS_LISTEN = (2, 3)
-KINDS_WITHOUT_TOPIC = (6, 9)
+KINDS_WITHOUT_TOPIC = (6, 9, 10)
 WAITING = -1
 
 REASONS = {1: "no subscriber", 2: "no memory", 3: "refused", 4: "discarded"}
 REFUSED, DISCARDED = 3, 4
 FOR_LISTENER = 64  # added to a reason when the message was a listener's
-WAITS = {5: "start", 6: "pause", 7: "drain", 8: "slot", 9: "room", 10: "wait_up"}
+WAITS = {5: "start", 6: "pause", 7: "drain", 8: "slot", 9: "room", 10: "wait_up", 11: "workers",
+         12: "console"}
 WAITS_OF = {5: "the start of {}", 6: "the pause of {}", 7: "the threads to have nothing to do",
-            8: "a slot of {}", 9: "room in {}", 10: "modules to be up"}
+            8: "a slot of {}", 9: "room in {}", 10: "modules to be up",
+            11: "the workers to end", 12: "the console of {} to end"}
 BY_DISCARD = 2
 COMPLETIONS = {0: "handler", 1: "time limit", 2: "discarded"}
 LOSSES = {0: "oldest", 1: "newest", 2: "transfer", 3: "refused"}
