@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* What stands for the explainer in a library that is built without the recorder. */
-#include "bus_sight.hpp"
 #include "qor_diag.hpp"
 #include "qor_health.h"
 
