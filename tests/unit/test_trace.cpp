@@ -420,6 +420,10 @@ TEST_F(Trace, WhatASnapshotHasOfALaneHasNoGap)
     RecordedMemory large(QOR_TRACE_MARKS, 8, 256, 4);
     ASSERT_EQ(qor_trace_start(bus, &large.config), 0);
     const Markers markers(8);
+    ASSERT_TRUE(await([&] { /* all are at it, and some lanes are full */
+        const CopiedRecording copy(large.size());
+        return copy.lanes_taken() == 8 && copy.written(1) > 256;
+    }));
     size_t seen = 0;
     for (int i = 0; i < 40; i++) {
         const CopiedRecording copy(large.size());
