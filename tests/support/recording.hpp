@@ -240,8 +240,8 @@ inline uint64_t counting_clock()
     return counting_clock_now++;
 }
 
-/* Memory for a recorder, and the configuration that uses it. What is recorded when it goes ends; the
- * loop does not run then. */
+/* Memory for a recorder, and the configuration that uses it. What is recorded when it goes ends;
+ * the loop does not run then. */
 class RecordedMemory {
 public:
     explicit RecordedMemory(uint32_t mask = QOR_TRACE_DEFAULT, uint32_t lanes = 6,

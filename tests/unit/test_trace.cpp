@@ -421,8 +421,8 @@ TEST_F(Trace, WhatASnapshotHasOfALaneHasNoGap)
     ASSERT_EQ(qor_trace_start(bus, &large.config), 0);
     const Markers markers(8);
     ASSERT_TRUE(await([&] { /* all are at it, and some lanes are full */
-        const CopiedRecording copy(large.size());
-        return copy.lanes_taken() == 8 && copy.written(1) > 256;
+                            const CopiedRecording copy(large.size());
+                            return copy.lanes_taken() == 8 && copy.written(1) > 256;
     }));
     size_t seen = 0;
     for (int i = 0; i < 40; i++) {
