@@ -54,7 +54,7 @@ void threads_read(const qor_bus_t *bus, int32_t limit_ms, qor_health_t &health)
 {
     for (uint32_t lane = 0;;) {
         qor_info_thread_t thread = {};
-        lane = trace_recorder_made()->thread(bus, lane, thread);
+        lane = trace_recorder().thread(bus, lane, thread);
         if (lane == 0) {
             break;
         }
