@@ -4,6 +4,7 @@
 
 #include "contract_fixture.hpp"
 #include "explaining.hpp"
+#include "leak.hpp"
 #include "qor_context_module.h"
 #include "qor_deferred.h"
 #include "qor_sched_delegate.h"
@@ -145,7 +146,11 @@ TEST_F(Explain, AWaitForASlowInitIsNoCircle)
 TEST_F(Explain, AWaitForAContextThatNobodyInitsIsNoCircle)
 {
     run_up({&alpha}, 1);
-    qor_context_t *wrapper = qor_core_context_class.create(&lone.descriptor);
+    qor_context_t *wrapper = nullptr;
+    {
+        const PrescribedLeak lone_one; /* nobody takes down what nobody has brought up */
+        wrapper = qor_core_context_class.create(&lone.descriptor);
+    }
     ASSERT_NE(wrapper, nullptr);
     qor_sched_delegate_create(bus->get(), QOR_BUS_ROLE_USER, wrapper);
     Thread waits([&] { qor_context_resume(wrapper); });
