@@ -39,11 +39,9 @@ thread_record *thread_record_get()
     return hal_load(key_made) ? static_cast<thread_record *>(pthread_getspecific(key)) : nullptr;
 }
 
-void thread_record_set(thread_record *record)
+int32_t thread_record_set(thread_record *record)
 {
-    if (hal_load(key_made)) {
-        pthread_setspecific(key, record);
-    }
+    return hal_load(key_made) && pthread_setspecific(key, record) == 0 ? 0 : -1;
 }
 
 void thread_record_leave(thread_record &record)

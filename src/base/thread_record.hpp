@@ -69,8 +69,8 @@ int32_t thread_records_open();
 /* The calling thread's record, or NULL: not a thread of the library's. */
 thread_record *thread_record_get();
 
-/* Makes a record the calling thread's, or takes it away with NULL. */
-void thread_record_set(thread_record *record);
+/* Makes a record the calling thread's, or takes it away with NULL: 0, or -1 without memory. */
+int32_t thread_record_set(thread_record *record);
 
 /* Leaves all scopes that are entered, innermost first: the thread is ending inside them. */
 void thread_record_leave(thread_record &record);

@@ -103,6 +103,19 @@ void bus_worker_run(thread_record &record)
 
 void *qor_bus_task_loop(void *arg);
 
+/* The bus has one worker less than it counts. */
+void bus_worker_lost(qor_bus_t *bus, const char *why)
+{
+    {
+        hal_scoped_lock lock(bus->priv->mutex);
+        hal_store(bus->priv->workers, bus->priv->workers - 1);
+    }
+    qor_que_lock(bus->que);
+    qor_que_wakeup_locked(bus->que); /* a drain that waits for one worker fewer now */
+    qor_que_unlock(bus->que);
+    QOR_LINE("err", "qor_bus_task_loop", "%s", why);
+}
+
 /* The last act of a worker that a task has ended: its place goes to a new one, unless the bus ends.
  */
 void bus_worker_replace(bus_worker *worker)
@@ -120,12 +133,8 @@ void bus_worker_replace(bus_worker *worker)
             worker->thread = thread;
             return;
         }
-        hal_store(priv.workers, priv.workers - 1);
     }
-    qor_que_lock(worker->bus->que);
-    qor_que_wakeup_locked(worker->bus->que); /* a drain that waits for one worker fewer now */
-    qor_que_unlock(worker->bus->que);
-    QOR_LINE("err", "qor_bus_task_loop", "a task has ended a worker, and no other could be made.");
+    bus_worker_lost(worker->bus, "a task has ended a worker, and no other could be made.");
 }
 
 void bus_worker_left(void *arg)
@@ -145,7 +154,10 @@ void *qor_bus_task_loop(void *arg)
     worker->record = {};
     worker->record.bus = worker->bus;
     worker->record.role = thread_works;
-    thread_record_set(&worker->record);
+    if (thread_record_set(&worker->record) < 0) { /* it could not tell which runs are its own */
+        bus_worker_lost(worker->bus, "no memory for a worker.");
+        return nullptr;
+    }
     pthread_cleanup_push(bus_worker_left, worker);
     bus_worker_run(worker->record);
     pthread_cleanup_pop(0);

@@ -20,6 +20,7 @@ typedef enum fault_kind {
     FAULT_ATTR,   /* pthread_attr_init, pthread_condattr_init: ENOMEM */
     FAULT_WAIT,   /* pthread_cond_wait: returns at once */
     FAULT_TIMED,  /* pthread_cond_timedwait: returns at once */
+    FAULT_KEY,    /* pthread_setspecific: ENOMEM */
     FAULT_KINDS
 } fault_kind;
 

@@ -139,3 +139,18 @@ TEST_F(LoopFaults, WithoutAWorkerWantedNoneIsMissed)
     EXPECT_EQ(fault_calls(FAULT_THREAD), 0);
     EXPECT_EQ(out.printed(), "");
 }
+
+TEST(WorkerFaults, AWorkerWithoutARecordIsNone)
+{
+    Output out;
+    RunningBus bus(RunningBus::by_start, 2);
+    fault_arm_from(FAULT_KEY, 0);
+    bus.start();
+
+    ASSERT_TRUE(out.await(err_line("qor_bus", "qor_bus_task_loop", "no memory for a worker."), 2));
+
+    EXPECT_EQ(__atomic_load_n(&bus.get()->que->count, __ATOMIC_ACQUIRE), 1u); /* the start-up */
+    EXPECT_EQ(qor_bus_drain(bus.get(), 0), -1);
+    fault_arm(FAULT_KEY, -1);
+    bus.quit();
+}

@@ -54,11 +54,7 @@ SILENT = [
 
 # What the library does not get over until it is mended: a call, and who makes it on which way. What
 # follows depends on the order of the threads.
-KNOWN = [
-    # A worker without a record cannot tell its own run: a strict module whose queue it was to empty
-    # stands still, a periodic timer is over, and a task that ends the thread reads the record at NULL.
-    ("pthread_setspecific", "thread_record_set", "qor_bus_task_loop"),
-]
+KNOWN = []
 
 
 def run(*command):
