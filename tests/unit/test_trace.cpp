@@ -26,6 +26,28 @@ uint64_t set_clock()
 
 qor_context_module_t *no_modules[] = {nullptr};
 
+/* Ends with 0 when a start without a thread key is refused by its line. */
+[[noreturn]] void start_without_a_key()
+{
+    qor_bus_t *bus = qor_bus_create(no_modules, 1);
+    RecordedMemory memory;
+    pthread_key_t key;
+    while (pthread_key_create(&key, nullptr) == 0) {
+    }
+    Output output;
+    const bool refused = qor_trace_start(bus, &memory.config) == -1;
+    _exit(refused && output.printed() ==
+                         err_line("qor_trace", "qor_trace_start", "no thread key left.")
+              ? 0
+              : 1);
+}
+
+/* The first test, for a process that has recorded keeps its key. */
+TEST(TraceKey, IsNeededOnce)
+{
+    EXPECT_EXIT(start_without_a_key(), ::testing::ExitedWithCode(0), "");
+}
+
 /* A bus that does not loop. */
 class Trace : public ::testing::Test {
 protected:
@@ -530,26 +552,6 @@ TEST_F(Trace, TheChildOfAForkDoesNotWriteIntoSharedMemory)
     EXPECT_EQ(memory.recording().state(), 1u);
     qor_trace_stop();
     munmap(shared, memory.size());
-}
-
-/* Ends with 0 when a start without a thread key is refused by its line. */
-[[noreturn]] void start_without_a_key(qor_bus_t *bus, const qor_trace_config_t &config)
-{
-    pthread_key_t key;
-    while (pthread_key_create(&key, nullptr) == 0) {
-    }
-    Output output;
-    const bool refused = qor_trace_start(bus, &config) == -1;
-    _exit(refused && output.printed() ==
-                         err_line("qor_trace", "qor_trace_start", "no thread key left.")
-              ? 0
-              : 1);
-}
-
-TEST_F(Trace, AThreadKeyIsNeeded)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe"); /* a process that has never recorded */
-    EXPECT_EXIT(start_without_a_key(bus, memory.config), ::testing::ExitedWithCode(0), "");
 }
 
 /* A client that asks a server of topic 0, recorded. */
