@@ -7,7 +7,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-enum { WORKERS = 2, MODULES = 2, LIMIT_MS = 1500 };
+enum { WORKERS = 2, MODULES = 2, LIMIT_MS = 1500, DRAIN_MS = 200 };
 
 qor_bus_t *bus;
 
@@ -48,6 +48,8 @@ static void *bus_watch(void *arg)
         nanosleep(&second, NULL);
         bus_judge(watch);
     }
+    atomic_store(&ending, 1);
+    qor_bus_drain(bus, DRAIN_MS); /* one that hangs is not waited for any longer */
     qor_bus_quit(bus);
     return NULL;
 }

@@ -3,11 +3,16 @@
 #ifndef WATCHDOG_H
 #define WATCHDOG_H
 
+#include <stdatomic.h>
+
 #include "qor.h"
 
 enum { TOPIC_WORK, TOPIC_REPORT, TOPIC_COUNT };
 
 extern qor_bus_t *bus;
+
+/* Nothing more is asked: what comes after the end of the bus would be refused. */
+extern atomic_int ending;
 
 /* What goes wrong on purpose. */
 extern int hangs;   /* a handler does not return */
