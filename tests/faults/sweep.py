@@ -58,6 +58,7 @@ KNOWN = [
     # Where no worker at all can keep its record, each says so and ends, and the bus stands still: nobody
     # tells the loop, which has seen them start.
     ("pthread_setspecific", "thread_record_set", "qor_bus_task_loop"),
+    ("pthread_setspecific", "thread_record_set", "qor_bus_loop"),
 ]
 
 
