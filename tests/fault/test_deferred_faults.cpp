@@ -12,12 +12,13 @@ class DeferredFaults : public Deferring {
 protected:
     ~DeferredFaults() override { fault_arm(FAULT_ALLOC, -1); }
 
-    /* Fails each allocation of a deferral in turn, then every one that comes after it. */
-    int32_t try_all(qor_context_t *c, qor_context_msg_t *msg, int32_t wait_time)
+    /* Fails each allocation of a deferral in turn, then every one that comes after it. Gives the
+     * token, which the caller lets out when memory is as the test wants it. */
+    int32_t try_all(qor_context_t *c, qor_context_msg_t *msg, int32_t wait_time, uint64_t *made)
     {
         for (int nth = 0;; nth++) {
             fault_arm(FAULT_ALLOC, nth);
-            const int32_t result = defer(c, msg, wait_time);
+            const int32_t result = qor_context_defer(c, msg, wait_time, made);
             if (fault_fired(FAULT_ALLOC) == 0) {
                 failed = nth;
                 fault_arm_from(FAULT_ALLOC, 0);
@@ -36,7 +37,12 @@ protected:
 
 TEST_F(DeferredFaults, OfADeferral)
 {
-    serve = [&](qor_context_t *c, qor_context_msg_t *msg) { return try_all(c, msg, -1); };
+    serve = [&](qor_context_t *c, qor_context_msg_t *msg) {
+        uint64_t made = 0;
+        const int32_t result = try_all(c, msg, -1, &made);
+        token = made;
+        return result;
+    };
     be_up();
     ASSERT_GE(ask(), 0);
     ASSERT_TRUE(await([this] { return token != 0; }));
@@ -50,7 +56,10 @@ TEST_F(DeferredFaults, OfADeferral)
 
 TEST_F(DeferredFaults, OfADeferralWithALimit)
 {
-    serve = [&](qor_context_t *c, qor_context_msg_t *msg) { return try_all(c, msg, 20); };
+    serve = [&](qor_context_t *c, qor_context_msg_t *msg) {
+        uint64_t made = 0;
+        return try_all(c, msg, 20, &made);
+    };
     be_up();
     ASSERT_GE(ask("ping", 0), 0);
 
@@ -63,9 +72,12 @@ TEST_F(DeferredFaults, OfALargerTableLeaveTheOpenOnes)
     constexpr int number = 8; /* as many as the first table holds */
     std::vector<uint64_t> tokens;
     serve = [&](qor_context_t *c, qor_context_msg_t *msg) {
-        const int32_t result = tokens.size() == number ? try_all(c, msg, -1) : defer(c, msg);
+        uint64_t made = 0;
+        const int32_t result = tokens.size() == number ? try_all(c, msg, -1, &made)
+                                                       : qor_context_defer(c, msg, -1, &made);
         fault_arm(FAULT_ALLOC, -1);
-        tokens.push_back(token);
+        tokens.push_back(made);
+        token = made;
         return result;
     };
     be_up();

@@ -80,8 +80,7 @@ protected:
         return token;
     }
 
-    /* Waits until no handler is under way: every worker stands at a door at the same time. Memory
-     * may fail meanwhile. */
+    /* Waits until no handler is under way: every worker stands at a door at the same time. */
     void rest()
     {
         Door all;
