@@ -248,9 +248,9 @@ QOR_API void qor_bus_thread_stack_size_set(qor_bus_t *_this, uint32_t thread_sta
  *
  * Prints "!(_this) == true.", "!(tid) == true." without memory, "thread attribute failed.", "set
  * thread stack size failed.", "set thread priority failed." or, when workers are wanted and none of
- * them can be made, "no worker started.". With some of them it runs without a line; one that has
- * been made and finds no memory for what it keeps ends, and qor_bus_task_loop prints "no memory for
- * a worker.". Call it once.
+ * them can work, "no worker started.". With some of them it runs: one that cannot be made is not
+ * reported, of one that finds no memory for what it keeps qor_bus_task_loop prints "no memory for a
+ * worker.". Call it once.
  *
  * Neither the workers nor the threads that help with inits take a pthread_cancel(), nor does the
  * calling thread while it is in here; it has its own setting again afterwards.

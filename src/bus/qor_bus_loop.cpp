@@ -142,10 +142,10 @@ int32_t bus_loop_run(qor_bus_t *bus, const char *func)
     crew.attr = &attr;
     bus_loop_enter(*bus->priv);
     bus_crew_start(bus, &crew, thread_num);
-    const bool idle = thread_num > 0 && crew.count == 0;
+    const bool idle = thread_num > 0 && crew.able == 0;
     if (idle) {
         QOR_LINE("err", func, "no worker started.");
-        bus_crew_join(*bus->priv, &crew); /* none; nobody is to find the crew any more */
+        bus_crew_join(*bus->priv, &crew);
         bus_loop_leave(*bus->priv);
     } else {
         bus_loop_serve(bus, &crew);

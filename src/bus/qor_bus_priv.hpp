@@ -24,7 +24,10 @@ struct bus_worker {
 struct bus_crew {
     const hal_thread_attr_t *attr;
     bus_worker *workers; /* as many as are wanted */
-    uint32_t count;      /* how many have started */
+    uint32_t count;      /* how many threads there are */
+    uint32_t starting;   /* those that have yet to say whether they can work; guarded, as the next,
+                            by the bus's mutex */
+    uint32_t able;       /* those that can */
 };
 
 struct bus_sight;
@@ -41,7 +44,7 @@ struct qor_bus_private {
     uint32_t busy; /* what drain waits for beside the queues: inits that run for somebody who
                       waits, deferred requests; read without the mutex */
     hal_thread_cond_t rested; /* monotonic; broadcast when there is none any more, when the
-                                     start of the modules has ended, and at quit */
+                                     workers and when the modules have started, and at quit */
     uint32_t visitors;        /* bus_visitor_enter(); close waits for the last */
     hal_thread_cond_t visited;
     list_head waiters;   /* bus_waiter::link */
@@ -150,7 +153,7 @@ void bus_thread_setpriority(const qor_bus_t *bus);
 /* Names the calling thread after a task, unless nobody watches the bus's; the bus may be NULL. */
 void bus_thread_name_set(const qor_bus_t *bus, const char *name);
 
-/* Starts up to so many workers; crew->count says how many there are. */
+/* Starts up to so many workers; crew->able says how many of them work. */
 void bus_crew_start(qor_bus_t *bus, bus_crew *crew, uint32_t wanted);
 
 /* Joins the workers; the task queue quits. */

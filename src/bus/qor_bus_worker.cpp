@@ -116,6 +116,16 @@ void bus_worker_lost(qor_bus_t *bus, const char *why)
     QOR_LINE("err", "qor_bus_task_loop", "%s", why);
 }
 
+/* A new worker says whether it can work. */
+void bus_worker_started(qor_bus_private &priv, bool able)
+{
+    hal_scoped_lock lock(priv.mutex);
+    priv.crew->able += able;
+    if (--priv.crew->starting == 0) {
+        pthread_cond_broadcast(&priv.rested);
+    }
+}
+
 /* The last act of a worker that a task has ended: its place goes to a new one, unless the bus ends.
  */
 void bus_worker_replace(bus_worker *worker)
@@ -154,8 +164,15 @@ void *qor_bus_task_loop(void *arg)
     worker->record = {};
     worker->record.bus = worker->bus;
     worker->record.role = thread_works;
-    if (thread_record_set(&worker->record) < 0) { /* it could not tell which runs are its own */
+    /* Without its record it could not tell which runs are its own. */
+    const bool able = thread_record_set(&worker->record) == 0;
+    if (!able) {
         bus_worker_lost(worker->bus, "no memory for a worker.");
+    }
+    if (!worker->replaces) {
+        bus_worker_started(*worker->bus->priv, able);
+    }
+    if (!able) {
         return nullptr;
     }
     pthread_cleanup_push(bus_worker_left, worker);
@@ -213,8 +230,13 @@ void bus_crew_start(qor_bus_t *bus, bus_crew *crew, uint32_t wanted)
         /* A thread that cannot be made is not reported; the bus runs with those it has. */
         if (pthread_create(&worker->thread, crew->attr, qor_bus_task_loop, worker) == 0) {
             crew->count++;
+            crew->starting++;
             hal_store(priv.workers, priv.workers + 1);
         }
+    }
+    hal_scoped_lock lock(priv.mutex);
+    while (crew->starting > 0) {
+        pthread_cond_wait(&priv.rested, &priv.mutex);
     }
 }
 

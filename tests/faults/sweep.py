@@ -54,12 +54,7 @@ SILENT = [
 
 # What the library does not get over until it is mended: a call, and who makes it on which way. What
 # follows depends on the order of the threads.
-KNOWN = [
-    # Where no worker at all can keep its record, each says so and ends, and the bus stands still: nobody
-    # tells the loop, which has seen them start.
-    ("pthread_setspecific", "thread_record_set", "qor_bus_task_loop"),
-    ("pthread_setspecific", "thread_record_set", "qor_bus_loop"),
-]
+KNOWN = []
 
 
 def run(*command):
