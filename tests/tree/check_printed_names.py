@@ -56,16 +56,22 @@ def text(argument):
     return "".join(part[1:-1] for part in literals) if argument.startswith('"') else argument
 
 
+def condition(argument):
+    """What a check prints. One that checks two things at once names either."""
+    either = re.findall(STRING, argument) if "?" in argument else [f'"{text(argument)}"']
+    return "|".join(f"!({part[1:-1]}) == true." for part in either)
+
+
 def line(call, given):
     """What stands for the function in a line that a call prints, its level and its text; or None."""
     if call in LEVELS:
         return "__func__", LEVELS[call], text(given[0])
     if call in CHECKS:
-        return "__func__", "err", text(given[CHECKS[call]])
+        return "__func__", "err", condition(given[CHECKS[call]])
     if call == "QOR_LINE":
         return given[1], text(given[0]), text(given[2])
     if call == "qor_check_failed":
-        return given[0], "err", text(given[2])
+        return given[0], "err", condition(given[2])
     return None
 
 
