@@ -8,7 +8,9 @@
 
 /** The version that a program is compiled for; qor_version() tells the one that it runs with. */
 #define QOR_VERSION_MAJOR 1
+/** Grows with what is added. */
 #define QOR_VERSION_MINOR 0
+/** Grows with what is mended. */
 #define QOR_VERSION_PATCH 0
 
 /** Marks what the shared library exports; everything else in it is hidden. */

@@ -9,7 +9,7 @@ QOR_BEGIN_DECLS
 
 /** A system context. It adds nothing to the base; resource holds its console thread, if any. */
 struct qor_impl_context {
-    qor_context_t base;
+    qor_context_t base; /**< first: a pointer to it is one to the whole */
 };
 
 /**

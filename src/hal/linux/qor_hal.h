@@ -15,11 +15,11 @@
 
 QOR_BEGIN_DECLS
 
-typedef pthread_t hal_thread_t;
-typedef pthread_attr_t hal_thread_attr_t;
-typedef pthread_mutex_t hal_thread_mutex_t;
-typedef pthread_cond_t hal_thread_cond_t;
-typedef pthread_condattr_t hal_thread_condattr_t;
+typedef pthread_t hal_thread_t;                   /**< a thread */
+typedef pthread_attr_t hal_thread_attr_t;         /**< what a thread is made with */
+typedef pthread_mutex_t hal_thread_mutex_t;       /**< a lock */
+typedef pthread_cond_t hal_thread_cond_t;         /**< a condition */
+typedef pthread_condattr_t hal_thread_condattr_t; /**< what a condition is made with */
 
 /**
  * Writes to standard output and flushes it, so that a line printed just before a crash is seen, or
@@ -125,7 +125,7 @@ static inline int hal_thread_attr_setpriority(hal_thread_attr_t *attr, int prior
  */
 typedef struct list_head {
     struct list_head *next; /**< stored atomically, so that "is the list empty" needs no lock */
-    struct list_head *prev;
+    struct list_head *prev; /**< stored plainly */
 } list_head;
 
 /** Validity hook of an insertion; nothing is checked. */
