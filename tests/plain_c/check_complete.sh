@@ -1,6 +1,6 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Fails for an exported name that the conformance program does not use.
+# Fails for an exported name that the program in plain C does not use.
 #   usage: check_complete.sh PROGRAM EXPORTS
 set -eu
 export LC_ALL=C

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* What the conformance program is made of: one function per object, and a count of what held. Plain
+/* What the program in plain C is made of: one function per object, and a count of what held. Plain
  * C that needs nothing but libc, so that it runs where there is no C++ runtime library. */
 #ifndef QOR_TESTS_CHECK_H
 #define QOR_TESTS_CHECK_H
