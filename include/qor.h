@@ -22,6 +22,7 @@
 #include "qor_main.h"
 #include "qor_mng_module.h"
 #include "qor_monitor_module.h"
+#include "qor_names.h"
 #include "qor_periodic.h"
 #include "qor_que.h"
 #include "qor_sched_delegate.h"

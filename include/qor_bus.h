@@ -9,6 +9,8 @@
 #include "qor_time_que.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /** Roles of a context on the bus: which topic table its registrations and requests go to. */
@@ -258,5 +260,7 @@ QOR_API void qor_bus_thread_stack_size_set(qor_bus_t *_this, uint32_t thread_sta
 QOR_API int32_t qor_bus_loop(qor_bus_t *_this);
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_BUS_H */

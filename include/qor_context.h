@@ -6,6 +6,8 @@
 #include "qor_hal.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /** Which fields of qor_context_topic_attr_t the caller has set; bits of mask. */
@@ -316,5 +318,7 @@ QOR_API int32_t qor_context_sysx_req_ret(qor_context_t *_this, qor_context_topic
 /** @} */
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_CONTEXT_H */

@@ -6,6 +6,8 @@
 #include "qor_hal.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /**
@@ -21,13 +23,17 @@ struct qor_context_core {
     list_head head;          /**< classes by their node, the one registered last in front */
 };
 
+#ifndef QOR_NO_COMMON_NAMES
+
 /** The registry of the process; all zero until qor_context_core_instance_get() constructs it. */
 QOR_API extern qor_context_core_t default_core;
+
+#endif
 
 /**
  * Gives the registry of the process and constructs it on first use.
  *
- * @return  default_core; NULL when its lock cannot be had, and then the next call tries again
+ * @return  the registry; NULL when its lock cannot be had, and then the next call tries again
  *
  * The first call is to be made before several threads can make it: initialized becomes 1 before the
  * lock and the list are ready. The bus does so when it creates its first user context. Later calls
@@ -91,5 +97,7 @@ QOR_API qor_context_t *qor_context_core_create_context(qor_context_core_t *_this
                                                        qor_context_module_t *module);
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_CONTEXT_CORE_H */

@@ -9,6 +9,8 @@
 #include "qor_time_que.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /** The lifecycle of a user context. The order of the values matters: the rules compare them. */
@@ -21,6 +23,10 @@ typedef enum {
     QOR_USER_CONTEXT_LIFECYCLE_STOP = 5,    /**< stopped, or its init failed: refuses deliveries */
     QOR_USER_CONTEXT_LIFECYCLE_DESTROY = 6, /**< cleaned up: may be destroyed */
 } E_QOR_USER_CONTEXT_LIFECYCLE_T;
+
+#ifndef QOR_NO_COMMON_NAMES
+typedef E_QOR_USER_CONTEXT_LIFECYCLE_T qor_user_context_lifecycle_t;
+#endif
 
 /**
  * A user context: a wrapper around the context that the module sees.
@@ -125,5 +131,7 @@ QOR_API int32_t qor_core_context_lifecycle_resume(qor_core_context_t *_this);
 QOR_API int32_t qor_core_context_lifecycle_pause(qor_core_context_t *_this);
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_CORE_CONTEXT_H */

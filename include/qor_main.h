@@ -8,9 +8,13 @@
 
 QOR_BEGIN_DECLS
 
+#ifndef QOR_NO_COMMON_NAMES
+
 /** The system contexts, linked by their node: module manager, monitor, bus registration. For
  * inspection; only start-up and qor_bus_close() change it. */
 extern QOR_API list_head context_head;
+
+#endif
 
 /**
  * The first task of every bus, which runs on its first worker: creates the system contexts with the

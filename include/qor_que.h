@@ -6,6 +6,8 @@
 #include "qor_hal.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /**
@@ -249,5 +251,7 @@ QOR_API int32_t qor_que_count(qor_que_t *_this);
 QOR_API void qor_que_quit(qor_que_t *_this);
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_QUE_H */

@@ -6,6 +6,8 @@
 #include "qor_hal.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /**
@@ -58,5 +60,7 @@ QOR_API qor_sched_delegate_t *qor_sched_delegate_create(qor_bus_t *bus, int role
 QOR_API void qor_sched_delegate_destroy(qor_sched_delegate_t *_this);
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_SCHED_DELEGATE_H */

@@ -7,6 +7,8 @@
 #include "qor_que.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /** A thread of a pool. Records of temporary threads are freed by the thread when it ends. */
@@ -129,5 +131,7 @@ QOR_API void qor_thread_pool_uninit(qor_thread_pool_t *_this);
 QOR_API void qor_thread_pool_destroy(qor_thread_pool_t *_this);
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_THREAD_POOL_H */

@@ -6,6 +6,8 @@
 #include "qor_hal.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /**
@@ -300,5 +302,7 @@ QOR_API size_t qor_time_que_node_id(qor_time_que_node_t *node);
 QOR_API qor_time_que_node_t *qor_time_que_node_type(void *body);
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_TIME_QUE_H */

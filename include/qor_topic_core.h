@@ -7,6 +7,8 @@
 #include "qor_hal.h"
 #include "qor_types.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 /** One topic. Each list has a mutex of its own, held for a single step. */
@@ -171,5 +173,7 @@ QOR_API qor_topic_node_t *qor_topic_node_create(qor_topic_t *topic, qor_context_
 QOR_API void qor_topic_node_destroy(qor_topic_node_t *node);
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_TOPIC_CORE_H */

@@ -6,10 +6,12 @@
  * All functions return 0 on success and -1 on failure, or a node or NULL, unless they say
  * otherwise; a NULL tree or node is a failure. They take no lock, print nothing and may be called
  * from any thread, one at a time for each tree. */
-#ifndef RBAPI_H
-#define RBAPI_H
+#ifndef QOR_RBAPI_H
+#define QOR_RBAPI_H
 
 #include "rbtree.h"
+
+#include "qor_names_open.h"
 
 QOR_BEGIN_DECLS
 
@@ -187,4 +189,6 @@ QOR_API int rbapi_travel(void *data, rbtree_root *root, rbtree_travel_func fn);
 
 QOR_END_DECLS
 
-#endif /* RBAPI_H */
+#include "qor_names_close.h"
+
+#endif /* QOR_RBAPI_H */

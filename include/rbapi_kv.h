@@ -1,10 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Map from strings to values: a keyed tree that copies its keys. Results and threads as for the
  * functions of rbapi.h. */
-#ifndef RBAPI_KV_H
-#define RBAPI_KV_H
+#ifndef QOR_RBAPI_KV_H
+#define QOR_RBAPI_KV_H
 
 #include "rbapi.h"
+
+#include "qor_names_open.h"
 
 QOR_BEGIN_DECLS
 
@@ -80,4 +82,6 @@ QOR_API void rbapi_kv_release(void *key, void *val, rbtree_root *root);
 
 QOR_END_DECLS
 
-#endif /* RBAPI_KV_H */
+#include "qor_names_close.h"
+
+#endif /* QOR_RBAPI_KV_H */

@@ -2,10 +2,12 @@
 /* Intrusive red-black tree. The caller embeds a node in a record of its own, finds the place of a
  * new node by its own comparison and links it there; the tree keeps itself balanced. It never
  * allocates, compares or frees, takes no lock and prints nothing. */
-#ifndef RBTREE_H
-#define RBTREE_H
+#ifndef QOR_RBTREE_H
+#define QOR_RBTREE_H
 
 #include "qor_api.h"
+
+#include "qor_names_open.h"
 
 QOR_BEGIN_DECLS
 
@@ -241,4 +243,6 @@ static inline void rb_erase_augmented(rb_node *node, rb_root *root,
 
 QOR_END_DECLS
 
-#endif /* RBTREE_H */
+#include "qor_names_close.h"
+
+#endif /* QOR_RBTREE_H */

@@ -292,3 +292,26 @@ int rbapi_travel(void *data, rbtree_root *root, rbtree_travel_func fn)
     }
     return 0;
 }
+
+QOR_COMMON_NAME(hash_api);
+QOR_COMMON_NAME(buf2uint32);
+QOR_ALIAS(rbtree_string_hash, "qor_rbtree_string_hash", "rbtree_string_hash");
+QOR_COMMON_NAME(rbtree_init);
+QOR_COMMON_NAME(rbtree_destroy);
+QOR_COMMON_NAME(rbtree_find);
+QOR_COMMON_NAME(rbtree_insert);
+QOR_COMMON_NAME(rbtree_remove);
+QOR_COMMON_NAME(rbtree_free);
+QOR_COMMON_NAME(rbtree_erase);
+QOR_COMMON_NAME(rbtree_clear);
+QOR_COMMON_NAME(rbtree_travel);
+QOR_COMMON_NAME(rbapi_travel);
+QOR_COMMON_NAME(rbapi_init);
+QOR_COMMON_NAME(rbapi_destroy);
+QOR_COMMON_NAME(rbapi_insert);
+QOR_COMMON_NAME(rbapi_find);
+QOR_COMMON_NAME(rbapi_remove);
+QOR_COMMON_NAME(rbtapi_free);
+QOR_COMMON_NAME(rbapi_erase);
+QOR_COMMON_NAME(rbapi_replace);
+QOR_COMMON_NAME(rbapi_clear);

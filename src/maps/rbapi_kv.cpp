@@ -102,3 +102,14 @@ void rbapi_kv_release(void *key, void *val, rbtree_root *root)
     free(key);
     reinterpret_cast<rbtree_kv_root *>(root)->release(val);
 }
+
+QOR_COMMON_NAME(rbapi_kv_init);
+QOR_COMMON_NAME(rbapi_kv_destroy);
+QOR_COMMON_NAME(rbapi_kv_insert);
+QOR_COMMON_NAME(rbapi_kv_find);
+QOR_COMMON_NAME(rbapi_kv_erase);
+QOR_COMMON_NAME(rbapi_kv_clear);
+QOR_COMMON_NAME(rbapi_kv_isinit);
+QOR_COMMON_NAME(rbapi_kv_isempty);
+QOR_COMMON_NAME(rbapi_kv_travel);
+QOR_ALIAS(rbapi_kv_release, "qor_rbapi_kv_release", "rbapi_kv_release");

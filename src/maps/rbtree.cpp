@@ -239,3 +239,15 @@ rb_node *rb_next_postorder(const rb_node *node)
     }
     return parent;
 }
+
+QOR_COMMON_NAME(rb_insert_color);
+QOR_ALIAS(__rb_insert_augmented, "__rb_insert_augmented", "qor_rb_insert_augmented");
+QOR_COMMON_NAME(rb_erase);
+QOR_ALIAS(__rb_erase_color, "__rb_erase_color", "qor_rb_erase_color");
+QOR_COMMON_NAME(rb_first);
+QOR_COMMON_NAME(rb_last);
+QOR_COMMON_NAME(rb_next);
+QOR_COMMON_NAME(rb_prev);
+QOR_COMMON_NAME(rb_replace_node);
+QOR_COMMON_NAME(rb_first_postorder);
+QOR_COMMON_NAME(rb_next_postorder);

@@ -35,4 +35,9 @@ void check_contract(void);
 void check_trace(void);
 void check_health(void);
 
+/* The same once more, by the second spelling of what they use. */
+void check_prefixed_platform(void);
+void check_prefixed_tree(void);
+void check_prefixed_maps(void);
+
 #endif /* QOR_TESTS_CHECK_H */

@@ -56,6 +56,9 @@ int main(void)
     check_contract();
     check_trace();
     check_health();
+    check_prefixed_platform();
+    check_prefixed_tree();
+    check_prefixed_maps();
     printf("%d passed, %d failed\n", passed, failed);
     return failed > 0;
 }

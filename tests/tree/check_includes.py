@@ -11,10 +11,10 @@ import sys
 from pathlib import Path
 
 RANKS = [
-    "qor_api qor_types qor_version",                          # 0 language
+    "qor_api qor_types qor_version own_names qor_names_open qor_names_close",  # 0 language
     "qor_hal hal_sync hal_thread qor_diag qor_util thread_record"
     " qor_trace trace trace_lane",  # 1 platform
-    "rbtree rbapi rbapi_kv",                                  # 2 containers
+    "rbtree rbapi rbapi_kv qor_names",                        # 2 containers
     "que_front que_waits key_tree time_index qor_que qor_time_que",                         # 3 queues
     "qor_context_msg qor_context_task qor_recycle qor_thread_pool",  # 4 records, pool
     "qor_sys qor_context qor_context_core qor_context_handler qor_context_module"
@@ -31,6 +31,7 @@ RANKS = [
 ]
 SIDEWAYS = {
     ("qor_types", "qor_api"), ("rbapi", "rbtree"), ("rbapi_kv", "rbapi"),
+    *(("qor_names", map_header) for map_header in ("rbtree", "rbapi", "rbapi_kv")),
     ("qor_bus", "qor_topic_core"), ("qor_bus", "task_watch"), ("qor_bus", "qor_bus_up"), ("qor_bus", "bus_periodic"),
     ("qor_sched_delegate", "qor_bus"), ("user_run", "qor_core_context"), ("contract", "qor_contract"), ("qor_topic_core", "qor_topic_epoch"), ("bus_sight", "qor_bus"), ("qor_health", "qor_inspect"), ("trace", "hal_sync"), ("trace_lane", "trace"), ("user_admission", "qor_core_context"),
 }
@@ -79,7 +80,7 @@ def main(root):
             elif why := complaint(path.name, included):
                 complaints.append(f"{path.name} includes {included}: {why}")
     complaints += [f"{a} no longer includes {b}: drop the exception" for a, b in UPWARDS - found if a in names]
-    public = {n for n in names if n.endswith(".h") and n != "qor.h"}
+    public = {n for n in names if n.endswith(".h")} - {"qor.h", "qor_names_open.h", "qor_names_close.h"}
     complaints += [f"qor.h does not include {n}" for n in public if ("qor.h", n) not in found]
     print("\n".join(sorted(complaints)) or f"{len(found)} edges, all downwards")
     return len(complaints) > 0

@@ -108,3 +108,9 @@ int hal_thread_name_set(const char *thread_name)
     record->named = 1;
     return prctl(PR_SET_NAME, record->name);
 }
+
+QOR_COMMON_NAME(hal_printf);
+QOR_COMMON_NAME(hal_snprintf);
+QOR_COMMON_NAME(hal_vsnprintf);
+QOR_COMMON_NAME(hal_timestamp);
+QOR_COMMON_NAME(hal_thread_name_set);

@@ -13,6 +13,8 @@
 
 #include "qor_api.h"
 
+#include "qor_names_open.h"
+
 QOR_BEGIN_DECLS
 
 typedef pthread_t hal_thread_t;                   /**< a thread */
@@ -235,5 +237,7 @@ static inline void util_timespec(int64_t timestamp, struct timespec *ts)
 #pragma GCC diagnostic pop
 
 QOR_END_DECLS
+
+#include "qor_names_close.h"
 
 #endif /* QOR_HAL_H */

@@ -1,0 +1,3 @@
+// SPDX-License-Identifier: Apache-2.0
+// The same unit in C++.
+#include "mixed.c"
