@@ -60,8 +60,7 @@ long long number(const Count &count)
 int main(int argc, char **argv)
 {
     const Options options = options_of(argc, argv);
-    const qor_output_t quiet = {[](void *, int32_t, const char *, va_list) {}, nullptr};
-    qor_output_set(&quiet); /* refusals are many here, and each is counted */
+    be_quiet(); /* refusals are many here, and each is counted */
     dice_seed(options.seed);
     fault_delay(options.seed, options.percent);
     Watchdog::watch(nullptr);

@@ -329,8 +329,7 @@ private:
 int main(int argc, char **argv)
 {
     const Options options = options_of(argc, argv);
-    const qor_output_t quiet = {[](void *, int32_t, const char *, va_list) {}, nullptr};
-    qor_output_set(&quiet); /* a queue that quits says so to whoever still asks */
+    be_quiet(); /* a queue that quits says so to whoever still asks */
     dice_seed(options.seed);
     fault_delay(options.seed, options.percent);
     Watchdog::watch(nullptr);
@@ -343,7 +342,6 @@ int main(int argc, char **argv)
             Game<Timed>(options.workers).play(time);
         }
     } while (seconds_since(begin) < options.seconds);
-    qor_output_set(nullptr);
     must(fault_blocks() == 0, "the library keeps nothing, not %lld blocks",
          static_cast<long long>(fault_blocks()));
     must(value(sums.given) == value(sums.taken) + value(sums.removed) + value(sums.recycled),

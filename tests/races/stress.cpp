@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+#include "qor_hal.h"
+
 namespace {
 
 std::atomic<uint64_t> next_seed{1};
@@ -99,6 +101,12 @@ void must(bool holds, const char *format, ...)
     std::printf("\n");
     std::fflush(stdout);
     _exit(1);
+}
+
+void be_quiet()
+{
+    static const qor_output_t nowhere = {[](void *, int32_t, const char *, va_list) {}, nullptr};
+    qor_output_set(&nowhere);
 }
 
 void Watchdog::at(const char *what)

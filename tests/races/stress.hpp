@@ -38,6 +38,9 @@ inline int64_t add(Count &count, int64_t more = 1)
 /* Ends the process with status 1 and a line "not so: ..." unless it holds. */
 [[gnu::format(printf, 2, 3)]] void must(bool holds, const char *format, ...);
 
+/* The library's lines go nowhere from now on. */
+void be_quiet();
+
 /* Tells what the program is at. When it stays at one thing for too long the process ends with a
  * line; tell(), if there is one, says more first. */
 class Watchdog {
