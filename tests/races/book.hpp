@@ -3,6 +3,9 @@
 #ifndef QOR_TESTS_RACES_BOOK_HPP
 #define QOR_TESTS_RACES_BOOK_HPP
 
+#include <memory>
+#include <new>
+
 #include "stress.hpp"
 
 /* What travels. The response is made of the request, so that a mix-up shows. */
@@ -47,24 +50,51 @@ struct Beat {
 };
 
 /* Records of one kind, given out one after the other. */
-template <typename R, int64_t room> class Pages {
+template <typename R> class Pages {
 public:
     static constexpr int64_t none = -1;
+
+    explicit Pages(int64_t room) : room_(room), records_(new R[static_cast<size_t>(room)]) {}
+
     /* The number of a record that nobody has, or none. */
-    int64_t open() { return value(used_) < room - 64 ? add(used_) : none; }
+    int64_t open() { return value(used_) < room_ - threads_max ? add(used_) : none; }
+    bool full() const { return value(used_) >= room_ - threads_max; }
     R &operator[](int64_t number) { return records_[number]; }
-    int64_t number_of(const R &record) const { return &record - records_; }
+    int64_t number_of(const R &record) const { return &record - records_.get(); }
     int64_t used() const { return value(used_); }
 
+    /* Makes those that were given out new ones. */
+    void clear()
+    {
+        for (int64_t i = 0; i < used(); i++) {
+            records_[i].~R();
+            new (&records_[i]) R();
+        }
+        used_ = 0;
+    }
+
 private:
+    static constexpr int64_t threads_max = 64; /* that may open one at once */
+    const int64_t room_;
+    std::unique_ptr<R[]> records_;
     Count used_{0};
-    R records_[room];
 };
 
 struct Book {
-    Pages<Request, 16000> requests;
-    Pages<Task, 16000> tasks;
-    Pages<Beat, 200> beats;
+    /* Room for so many requests, and as many tasks. */
+    explicit Book(int64_t room) : requests(room), tasks(room), beats(1000) {}
+
+    void clear()
+    {
+        requests.clear();
+        tasks.clear();
+        beats.clear();
+    }
+    bool full() const { return requests.full() || tasks.full(); }
+
+    Pages<Request> requests;
+    Pages<Task> tasks;
+    Pages<Beat> beats;
 };
 
 #endif /* QOR_TESTS_RACES_BOOK_HPP */

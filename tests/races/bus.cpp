@@ -38,9 +38,10 @@ void act_for(Traffic &traffic, Clock::duration time, bool quits)
     }
 }
 
-void run_a_bus(uint32_t workers)
+void run_a_bus(Book &book, uint32_t workers)
 {
-    Traffic traffic(workers);
+    book.clear();
+    Traffic traffic(book, workers);
     traffic.begin();
     if (dice(2)) {
         act_for(traffic, std::chrono::milliseconds(50 + dice(200)), false);
@@ -64,11 +65,12 @@ int main(int argc, char **argv)
     dice_seed(options.seed);
     fault_delay(options.seed, options.percent);
     Watchdog::watch(nullptr);
+    Book book(16000);
     const Clock::time_point begin = Clock::now();
-    run_a_bus(options.workers);
+    run_a_bus(book, options.workers);
     const int64_t kept = fault_blocks();
     while (seconds_since(begin) < options.seconds) {
-        run_a_bus(options.workers);
+        run_a_bus(book, options.workers);
         must(fault_blocks() == kept, "a bus leaves nothing behind: %lld blocks, not %lld",
              static_cast<long long>(fault_blocks()), static_cast<long long>(kept));
     }

@@ -23,15 +23,16 @@ extern Sums sums;
 
 class Traffic {
 public:
-    explicit Traffic(uint32_t workers);
+    /* The book is an empty one. */
+    Traffic(Book &book, uint32_t workers);
     ~Traffic();
     Traffic(const Traffic &) = delete;
     Traffic &operator=(const Traffic &) = delete;
 
-    /* Called inside each handler and task, to keep its worker busy. */
+    /* Keeps the worker busy inside each handler and task; may be empty. */
     std::function<void()> work;
-    /* Memory may be short: what fails is not wrong, but what was accepted still counts. */
-    bool starved = false;
+    /* ns that workers have been inside handlers and tasks; counted when there is work. */
+    Count busy{0};
 
     qor_bus_t *bus() { return bus_; }
     /* Lets it loop, and waits until all modules are up. */
@@ -42,6 +43,8 @@ public:
     void ask();
     /* When nobody acts: waits until nothing is left to do, and looks at the book. */
     void settle();
+    /* After settle(): how long a request takes that nobody is slow for, in ns. */
+    int64_t round_trip();
     /* Waits for the loop, which somebody has ended, frees everything and looks at the book. When
      * nobody acts any more. */
     void end();
@@ -89,9 +92,10 @@ private:
     void check_ledger();
     void check_tasks();
 
+    static Traffic *latest_; /* the only one there is, for the functions of tasks */
     std::vector<std::unique_ptr<Module>> all_;
     std::vector<qor_context_module_t *> table_;
-    std::unique_ptr<Book> book_;
+    Book &book_;
     Turns turns_[modules];
     qor_bus_t *bus_ = nullptr;
     std::thread loop_;
