@@ -29,7 +29,9 @@ long number(const char *text)
 
 [[noreturn]] void usage(const char *program)
 {
-    std::fprintf(stderr, "usage: %s [--seed N] [--workers N] [--percent N] [--seconds N]\n",
+    std::fprintf(stderr,
+                 "usage: %s [--seed N] [--workers N] [--percent N] [--seconds N] "
+                 "[--cycle N]\n",
                  program);
     std::exit(2);
 }
@@ -64,6 +66,8 @@ Options options_of(int argc, char **argv)
             options.percent = static_cast<int>(value);
         } else if (std::strcmp(argv[i], "--seconds") == 0) {
             options.seconds = static_cast<int>(value);
+        } else if (std::strcmp(argv[i], "--cycle") == 0 && value > 0) {
+            options.cycle = static_cast<int>(value);
         } else {
             usage(argv[0]);
         }

@@ -8,12 +8,13 @@
 #include <cstdint>
 #include <functional>
 
-/* How a program is called: --seed N --workers N --percent N --seconds N. */
+/* How a program is called: --seed N --workers N --percent N --seconds N --cycle N. */
 struct Options {
     uint64_t seed = 1;
     uint32_t workers = 2;
     int percent = 0; /* of the library's calls that are delayed */
     int seconds = 10;
+    int cycle = 60; /* of the soak: seconds from one start of a bus to the next */
 };
 
 /* Ends the program with status 2 when it is called otherwise. */

@@ -14,7 +14,6 @@ Sums sums;
 
 namespace {
 
-constexpr int64_t open_max = 150; /* requests, that a bus keeps up with what it is asked */
 constexpr int32_t completed_ret = 1000;
 constexpr int32_t failed_ret = -77;
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "book.hpp"
+#include "meddle.h"
 #include "module.hpp"
 #include "qor.h"
 
@@ -31,6 +32,10 @@ public:
 
     /* Keeps the worker busy inside each handler and task; may be empty. */
     std::function<void()> work;
+    /* So many requests may be open before a further one is asked. */
+    int64_t open_max = 150;
+    /* Milliseconds, of which a periodic timer's period has one to four. */
+    int32_t beat_unit = 1;
     /* ns that workers have been inside handlers and tasks; counted when there is work. */
     Count busy{0};
 
@@ -89,6 +94,7 @@ private:
 
     qor_ledger_t ledger(int module);
     void check_requests(bool settled);
+    void check_shown(int number, const Request &request);
     void check_ledger();
     void check_tasks();
 
@@ -101,6 +107,7 @@ private:
     std::thread loop_;
     std::atomic<bool> asking_{true};
     std::atomic<uint64_t> boxes_[8] = {}; /* tokens of requests that are to be completed */
+    int64_t starved_ = fault_starved();   /* before it began */
     Count open_{0};                       /* requests that have no response yet */
     uint32_t depth_ = 0;
 };

@@ -119,7 +119,7 @@ void Traffic::arm()
     const int module = owners[dice(3)];
     beat.module.store(module, std::memory_order_relaxed);
     const int32_t session = qor_context_every(context(module), beaten, &beat, beat_over,
-                                              static_cast<int32_t>(1 + dice(4)));
+                                              beat_unit * static_cast<int32_t>(1 + dice(4)));
     add(beat.taken, session >= 0);
     beat.session.store(session, std::memory_order_relaxed);
 }
