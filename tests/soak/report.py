@@ -20,7 +20,7 @@ ROOT = Path(__file__).resolve().parents[2]
 WIDTH, HEIGHT, MARGIN = 900, 200, 60
 
 Second = namedtuple("Second", "time what busy resident")
-Cycle = namedtuple("Cycle", "number time up resting closed resident trip calibration ratio requests tasks starved")
+Cycle = namedtuple("Cycle", "number time up resting closed resident trip calibration requests tasks starved")
 
 
 def emulator(folder):
@@ -45,8 +45,7 @@ def soak(arguments, folder, seed):
 
 def read(lines):
     seconds = [Second(float(w[1]), w[2], float(w[3]), int(w[4])) for w in map(str.split, lines) if w[:1] == ["second"]]
-    cycles = [Cycle(int(w[1]), float(w[2]), *map(int, w[3:9]), float(w[9]), *map(int, w[10:]))
-              for w in map(str.split, lines) if w[:1] == ["cycle"]]
+    cycles = [Cycle(int(w[1]), float(w[2]), *map(int, w[3:])) for w in map(str.split, lines) if w[:1] == ["cycle"]]
     return seconds, cycles
 
 
@@ -58,7 +57,7 @@ def busy_of(cycle, before, seconds):
 def drift(cycles):
     """How much longer a round trip takes in the last third than in the first, in parts of it."""
     third = max(1, len(cycles) // 3)
-    ratios = [cycle.ratio for cycle in cycles]
+    ratios = [cycle.trip / cycle.calibration for cycle in cycles]
     return statistics.median(ratios[-third:]) / statistics.median(ratios[:third]) - 1
 
 
@@ -127,7 +126,7 @@ def page(title, verdicts, seconds, cycles):
                   [(s.time, 100 * s.busy) for s in seconds], 0, 100, (65, 75)),
             chart("resident memory", "KiB", [(s.time, s.resident) for s in seconds]),
             chart("a round trip on a resting bus, divided by the calibration", "times",
-                  [(c.time, c.ratio) for c in cycles], 0),
+                  [(c.time, c.trip / c.calibration) for c in cycles], 0),
             chart("a round trip on a resting bus", "us", [(c.time, c.trip / 1000) for c in cycles], 0),
             chart("blocks of the library when a bus is up", "blocks", [(c.time, c.up) for c in cycles], 0),
             chart("requests in a cycle", "requests", [(c.time, c.requests) for c in cycles], 0),

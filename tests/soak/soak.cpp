@@ -2,13 +2,13 @@
 /* One bus after the other for as long as it is told. Each is kept busy, is short of memory for a
  * while, rests, is measured, and quits under load. What it finds out it prints: a line "second" for
  * each of them, a line "cycle" for each bus. */
+#include <algorithm>
 #include <cstdio>
 #include <thread>
 #include <vector>
 
 #include <unistd.h>
 
-#include "calibration.hpp"
 #include "meddle.h"
 #include "traffic.hpp"
 
@@ -72,11 +72,11 @@ private:
     std::atomic<int64_t> busy_{0};
 };
 
-/* Threads that act on a bus as long as its workers have been less busy in this second than they are
- * to be. */
+/* Threads that act on a bus whenever its workers have been less busy so far than they are to be. */
 class Load {
 public:
-    Load(Traffic &traffic, uint32_t workers) : traffic_(traffic), share_(traffic, workers)
+    Load(Traffic &traffic, uint32_t workers)
+        : traffic_(traffic), workers_(workers), share_(traffic, workers)
     {
         for (int i = 0; i < outsiders; i++) {
             all_.emplace_back([this] { act(); });
@@ -91,14 +91,15 @@ public:
     void hold(double seconds, const char *as)
     {
         const double end = seconds_now() + seconds;
+        Share second(traffic_, workers_);
         share_.begin();
         while (seconds_now() < end) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
             Watchdog::at("a bus under load");
-            if (share_.since() >= 1) {
-                std::printf("second %.1f %s %.4f %ld\n", seconds_now(), as, share_.get(),
+            if (second.since() >= 1) {
+                std::printf("second %.1f %s %.4f %ld\n", seconds_now(), as, second.get(),
                             resident_kib());
-                share_.begin();
+                second.begin();
             }
         }
     }
@@ -124,42 +125,55 @@ private:
     }
 
     Traffic &traffic_;
+    const uint32_t workers_;
     Share share_;
     std::atomic<bool> over_{false};
     std::vector<std::thread> all_;
 };
 
-/* Threads that have nothing to do go to sleep. */
-void rest()
-{
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-}
+class Median {
+public:
+    void add(Clock::time_point begin) { values_.push_back(seconds_since(begin) * 1e9); }
+    double get()
+    {
+        const auto middle = values_.begin() + static_cast<std::ptrdiff_t>(values_.size() / 2);
+        std::nth_element(values_.begin(), middle, values_.end());
+        return *middle;
+    }
 
-struct Speed {
-    double trip, hand_over; /* ns */
-    double ratio;           /* of what was measured side by side */
+private:
+    std::vector<double> values_;
 };
 
-/* Round trips on a resting bus, and hand-overs without one, in turns; medians of all. */
-Speed measure(Traffic &traffic)
-{
-    Watchdog::at("the measurement of a bus");
-    Calibration calibration;
-    Median trips, hand_overs, ratios;
-    for (int i = 0; i < 200; i++) {
-        double trip = 0, hand_over = 0;
-        for (int k = 0; k < 10; k++) {
-            rest();
-            trip += static_cast<double>(traffic.round_trip()) / 10;
-            rest();
-            hand_over += static_cast<double>(calibration.round_trip()) / 10;
+/* Round trips on a resting bus, and beside them a loop that takes the machine always the same. In
+ * ns, over a whole cycle. */
+class Speed {
+public:
+    Median trips, calibration;
+
+    void measure(Traffic &traffic)
+    {
+        Watchdog::at("the measurement of a bus");
+        for (int i = 0; i < 500; i++) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200)); /* threads go to sleep */
+            Clock::time_point begin = Clock::now();
+            traffic.round_trip();
+            trips.add(begin);
+            begin = Clock::now();
+            calculate();
+            calibration.add(begin);
         }
-        trips.add(trip);
-        hand_overs.add(hand_over);
-        ratios.add(trip / hand_over);
     }
-    return {trips.get(), hand_overs.get(), ratios.get()};
-}
+
+private:
+    static void calculate()
+    {
+        volatile uint32_t number = 1;
+        for (int i = 0; i < 10000; i++) {
+            number = number * 1664525u + 1013904223u;
+        }
+    }
+};
 
 void run_a_bus(Book &book, const Options &options, int number)
 {
@@ -176,18 +190,16 @@ void run_a_bus(Book &book, const Options &options, int number)
         traffic.begin();
         traffic.settle();
         blocks_up = fault_blocks();
-        {
+        for (const char *as : {"busy", "busy", "starved", "busy", "busy"}) {
+            speed.measure(traffic);
             Load load(traffic, options.workers);
-            const double part = (options.cycle - 2) / 10.0;
-            load.hold(4 * part, "busy");
-            fault_starve(starvation);
-            load.hold(2 * part, "starved");
+            fault_starve(as[0] == 's' ? starvation : 0);
+            load.hold((options.cycle - 2) / 5.0, as);
             fault_starve(0);
-            load.hold(4 * part, "busy");
+            load.end();
+            traffic.settle();
         }
-        traffic.settle();
         blocks_resting = fault_blocks();
-        speed = measure(traffic);
         Load load(traffic, options.workers);
         load.hold(0.5, "quitting");
         qor_bus_quit(traffic.bus());
@@ -195,10 +207,10 @@ void run_a_bus(Book &book, const Options &options, int number)
         traffic.end();
     }
     must(!book.full(), "there is room in the book for a cycle");
-    std::printf("cycle %d %.1f %lld %lld %lld %ld %.0f %.0f %.3f %lld %lld %lld\n", number,
+    std::printf("cycle %d %.1f %lld %lld %lld %ld %.0f %.0f %lld %lld %lld\n", number,
                 seconds_now(), static_cast<long long>(blocks_up),
                 static_cast<long long>(blocks_resting), static_cast<long long>(fault_blocks()),
-                resident_kib(), speed.trip, speed.hand_over, speed.ratio,
+                resident_kib(), speed.trips.get(), speed.calibration.get(),
                 static_cast<long long>(value(all->requests) - requests),
                 static_cast<long long>(value(all->ran) - ran),
                 static_cast<long long>(fault_starved() - starved));
