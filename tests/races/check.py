@@ -6,6 +6,8 @@ check.py run [--seed N] [--seconds N] [--combinations N]
                           so many combinations (12) of what is stressed, sanitizer, workers and how many
                           of the library's calls are delayed, drawn by a seed that is printed and that
                           repeats them, so many seconds each (10); then the clocks
+check.py valgrind [--seconds N]  stresses the queues under helgrind and under drd, so many seconds (10) with
+                          each number of workers
 check.py planted [WORD]...  plants the faults of planted/ whose names have one of the words in a copy of
                           the tree: combinations must find each within a minute
 """
@@ -80,6 +82,25 @@ def run(arguments):
     return complaints
 
 
+def valgrind(arguments):
+    """The queues alone: with a whole bus either tool takes too long to tell anything."""
+    complaints = []
+    for tool in ("helgrind", "drd"):
+        for workers in (1, 4):
+            command = ["valgrind", f"--tool={tool}", "-q", "--fair-sched=yes", "--error-exitcode=9",
+                       f"--suppressions={HERE}/{tool}.supp", ROOT / "build/gcc/tests/races/races_queues", "--seed",
+                       str(random.SystemRandom().randrange(1 << 31)), "--workers", str(workers), "--percent", "1",
+                       "--seconds", str(arguments.seconds)]
+            done = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                  stderr=subprocess.STDOUT, text=True, errors="replace")
+            print(f"queues under {tool}, {workers} workers: {done.stdout.strip() if done.returncode == 0 else 'FAILED'}",
+                  flush=True)
+            if done.returncode != 0:
+                print(done.stdout[:8000])
+                complaints.append(f"{tool}, {workers} workers: status {done.returncode}")
+    return complaints
+
+
 def quietly(place, *command):
     """Whether a command succeeds; what it says is shown if it does not."""
     done = subprocess.run(command, cwd=place, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
@@ -148,6 +169,9 @@ def main():
     command.add_argument("--seconds", type=int, default=10)
     command.add_argument("--combinations", type=int, default=12)
     command.set_defaults(call=run)
+    command = commands.add_parser("valgrind")
+    command.add_argument("--seconds", type=int, default=10)
+    command.set_defaults(call=valgrind)
     command = commands.add_parser("planted")
     command.add_argument("words", nargs="*")
     command.set_defaults(call=planted)

@@ -335,7 +335,8 @@ int main(int argc, char **argv)
     Watchdog::watch(nullptr);
     const Clock::time_point begin = Clock::now();
     do {
-        const auto time = std::chrono::milliseconds(20 + dice(100));
+        /* Short ones too: the end is where most can go wrong. */
+        const auto time = std::chrono::milliseconds(dice(4) ? 1 + dice(8) : 20 + dice(100));
         if (dice(2)) {
             Game<Plain>(options.workers).play(time);
         } else {

@@ -10,11 +10,12 @@ thread_local bool Traffic::Turn::inside;
 void *Traffic::ran(void *arg)
 {
     Task &task = *static_cast<Task *>(arg);
-    Turn turn(*latest_, task.module.load(std::memory_order_relaxed));
+    const int32_t module = task.module.load(std::memory_order_relaxed);
+    Turn turn(*latest_, module);
     must(add(task.runs) == 0, "a task runs once");
     add(sums.ran);
     if (dice(4) == 0) {
-        latest_->ask_from(task.module == counted ? plain : task.module.load(), later_topic);
+        latest_->ask_from(module == counted ? plain : module, later_topic);
     }
     return nullptr;
 }
