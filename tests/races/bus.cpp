@@ -64,7 +64,7 @@ int main(int argc, char **argv)
     be_quiet(); /* refusals are many here, and each is counted */
     dice_seed(options.seed);
     fault_delay(options.seed, options.percent);
-    Watchdog::watch(nullptr);
+    Watchdog::watch();
     Book book(16000);
     const Clock::time_point begin = Clock::now();
     run_a_bus(book, options.workers);

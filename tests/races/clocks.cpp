@@ -129,7 +129,7 @@ void time_on_a_bus()
 
 void measure(bool steps)
 {
-    Watchdog::watch(nullptr);
+    Watchdog::watch();
     std::atomic<bool> over{false};
     std::thread stepper([&over, steps] {
         while (steps && !over) {

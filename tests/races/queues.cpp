@@ -332,7 +332,7 @@ int main(int argc, char **argv)
     be_quiet(); /* a queue that quits says so to whoever still asks */
     dice_seed(options.seed);
     fault_delay(options.seed, options.percent);
-    Watchdog::watch(nullptr);
+    Watchdog::watch();
     const Clock::time_point begin = Clock::now();
     do {
         /* Short ones too: the end is where most can go wrong. */

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <thread>
-#include <utility>
 
 #include <unistd.h>
 
@@ -34,18 +33,6 @@ long number(const char *text)
                  "[--cycle N]\n",
                  program);
     std::exit(2);
-}
-
-[[noreturn]] void end_with(const std::function<void()> &tell)
-{
-    std::printf("not so: %s comes to its end within %d s\n", doing.load(std::memory_order_relaxed),
-                static_cast<int>(Watchdog::patience.count()));
-    std::fflush(stdout);
-    if (tell) {
-        tell();
-    }
-    std::fflush(stdout);
-    _exit(1);
 }
 
 } // namespace
@@ -119,15 +106,20 @@ void Watchdog::at(const char *what)
     moves.fetch_add(1, std::memory_order_relaxed);
 }
 
-void Watchdog::watch(std::function<void()> tell)
+void Watchdog::watch()
 {
-    std::thread([tell = std::move(tell)] {
-        for (;;) {
-            const uint32_t before = moves.load(std::memory_order_relaxed);
-            std::this_thread::sleep_for(patience);
-            if (moves.load(std::memory_order_relaxed) == before) {
-                end_with(tell);
+    std::thread([] {
+        uint32_t last = 0;
+        Clock::time_point since = Clock::now();
+        while (Clock::now() - since < patience) {
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            const uint32_t here = moves.load(std::memory_order_relaxed);
+            if (here != last) {
+                last = here;
+                since = Clock::now();
             }
         }
+        must(false, "%s comes to its end within %d s", doing.load(std::memory_order_relaxed),
+             static_cast<int>(patience.count()));
     }).detach();
 }

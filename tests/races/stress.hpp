@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 
 /* How a program is called: --seed N --workers N --percent N --seconds N --cycle N. */
 struct Options {
@@ -42,13 +41,12 @@ inline int64_t add(Count &count, int64_t more = 1)
 /* The library's lines go nowhere from now on. */
 void be_quiet();
 
-/* Tells what the program is at. When it stays at one thing for too long the process ends with a
- * line; tell(), if there is one, says more first. */
+/* Is told what the program is at. When it stays at one thing for too long, must() ends it. */
 class Watchdog {
 public:
     static constexpr std::chrono::seconds patience{20};
     static void at(const char *what);
-    static void watch(std::function<void()> tell);
+    static void watch();
 };
 
 using Clock = std::chrono::steady_clock;

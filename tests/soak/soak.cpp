@@ -225,7 +225,7 @@ int main(int argc, char **argv)
     be_quiet();
     dice_seed(options.seed);
     fault_delay(options.seed, options.percent);
-    Watchdog::watch(nullptr);
+    Watchdog::watch();
     Book book(options.cycle * requests_per_second);
     const Clock::time_point begin = Clock::now();
     for (int number = 0; seconds_since(begin) < options.seconds; number++) {
