@@ -56,6 +56,7 @@ public:
 
 private:
     enum { plain, later, promised, strict, counted, observer, roamer, modules };
+    static constexpr int64_t beats_max = 8; /* periodic timers at a time */
     enum { plain_topic, later_topic, strict_topic, counted_topic, leaf_topic, topics };
 
     /* Touched by a strict module's turns, one at a time. */
@@ -108,6 +109,7 @@ private:
     std::atomic<bool> asking_{true};
     std::atomic<uint64_t> boxes_[8] = {}; /* tokens of requests that are to be completed */
     int64_t starved_ = fault_starved();   /* before it began */
+    Count beating_{0};                    /* periodic timers that have not ended */
     Count open_{0};                       /* requests that have no response yet */
     uint32_t depth_ = 0;
 };

@@ -107,11 +107,12 @@ void Traffic::beat_over(void *arg)
     Beat &beat = *static_cast<Beat *>(arg);
     must(beat.inside == 0, "a periodic timer ends after its run");
     must(add(beat.recycles) == 0, "a periodic timer is recycled once");
+    add(latest_->beating_, -1);
 }
 
 void Traffic::arm()
 {
-    const int64_t number = book_.beats.open();
+    const int64_t number = value(beating_) < beats_max ? book_.beats.open() : -1;
     if (number < 0) {
         return;
     }
@@ -119,9 +120,11 @@ void Traffic::arm()
     Beat &beat = book_.beats[number];
     const int module = owners[dice(3)];
     beat.module.store(module, std::memory_order_relaxed);
+    add(beating_);
     const int32_t session = qor_context_every(context(module), beaten, &beat, beat_over,
                                               beat_unit * static_cast<int32_t>(1 + dice(4)));
     add(beat.taken, session >= 0);
+    add(beating_, session >= 0 ? 0 : -1);
     beat.session.store(session, std::memory_order_relaxed);
 }
 
