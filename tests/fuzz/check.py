@@ -31,6 +31,7 @@ OBJECTS = {
     "time_que": ["src/queues/qor_time_que.cpp", "src/queues/time_index.cpp", "src/queues/key_tree.cpp"],
     "que": ["src/queues/qor_que.cpp", "src/queues/que_waits.cpp"],
     "topics": ["src/bus/qor_topic_core.cpp", "src/bus/qor_topic_epoch.cpp"],
+    "strict": ["src/contract/contract_queue.cpp", "src/contract/contract.cpp", "src/contract/contract_terms.cpp"],
 }
 
 TARGETS = [*OBJECTS, "trace"]  # the last is no program of the library

@@ -14,7 +14,7 @@ thread_local World *world;
 namespace {
 
 std::unordered_map<const void *, size_t> blocks;
-WorldWait *waiting; /* the innermost wait there is */
+WorldWait *waiting; /* the innermost wait there is; each leads to the one around it */
 
 bool spent(int &left)
 {
@@ -108,6 +108,7 @@ extern "C" {
 
 void *__real_malloc(size_t);
 void *__real_calloc(size_t, size_t);
+void *__real_realloc(void *, size_t);
 void __real_free(void *);
 char *__real_strdup(const char *);
 int __real_clock_gettime(clockid_t, struct timespec *);
@@ -154,6 +155,18 @@ void *__wrap_calloc(size_t count, size_t size)
     return memory_ends(count * size) ? nullptr : entered(__real_calloc(count, size), count * size);
 }
 
+void *__wrap_realloc(void *block, size_t size)
+{
+    if (!world) {
+        return __real_realloc(block, size);
+    }
+    if (memory_ends(size)) {
+        return nullptr;
+    }
+    EXPECT(!block || blocks.erase(block) == 1);
+    return entered(__real_realloc(block, size), size);
+}
+
 char *__wrap_strdup(const char *text)
 {
     if (!world) {
@@ -195,13 +208,12 @@ int __wrap_pthread_cond_init(pthread_cond_t *cond, const pthread_condattr_t *att
 static int wait_in_world(pthread_cond_t *cond, pthread_mutex_t *mutex, int64_t until)
 {
     EXPECT(world->while_waiting);
-    WorldWait wait = {cond, until, false, false};
-    WorldWait *outer = waiting;
+    WorldWait wait = {cond, until, false, false, waiting};
     waiting = &wait;
     EXPECT(pthread_mutex_unlock(mutex) == 0);
     world->while_waiting(world->arg, wait);
     EXPECT(pthread_mutex_lock(mutex) == 0);
-    waiting = outer;
+    waiting = wait.outer;
     return wait.timed_out ? ETIMEDOUT : 0;
 }
 
@@ -222,8 +234,8 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex,
 
 static void woken(const pthread_cond_t *cond)
 {
-    if (world && waiting && waiting->cond == cond) {
-        waiting->woken = true;
+    for (WorldWait *wait = world ? waiting : nullptr; wait; wait = wait->outer) {
+        wait->woken = wait->woken || wait->cond == cond;
     }
 }
 

@@ -45,9 +45,10 @@ private:
 /* A wait on a condition, for those who act during it. */
 struct WorldWait {
     const void *cond;
-    int64_t until;  /* ms; INT64_MAX: without limit */
-    bool timed_out; /* set by those who act: the time is over, and it has become that late */
-    bool woken;     /* the condition was signalled since the wait began */
+    int64_t until;    /* ms; INT64_MAX: without limit */
+    bool timed_out;   /* set by those who act: the time is over, and it has become that late */
+    bool woken;       /* the condition was signalled since the wait began */
+    WorldWait *outer; /* the wait in which this one began; NULL: none */
 };
 
 struct World {
