@@ -32,6 +32,7 @@ OBJECTS = {
     "que": ["src/queues/qor_que.cpp", "src/queues/que_waits.cpp"],
     "topics": ["src/bus/qor_topic_core.cpp", "src/bus/qor_topic_epoch.cpp"],
     "strict": ["src/contract/contract_queue.cpp", "src/contract/contract.cpp", "src/contract/contract_terms.cpp"],
+    "bus": ["src/bus/qor_sched_delegate.cpp", "src/bus/qor_sched_register.cpp", "src/bus/message_node.cpp"],
 }
 
 TARGETS = [*OBJECTS, "trace"]  # the last is no program of the library
