@@ -48,8 +48,9 @@ typedef void (*qor_context_every_run_t)(qor_context_t *self, int32_t session, vo
  * qor_context_x_timer_cancel() of a module, the first also of a context attached to the bus, and
  * qor_bus_cancel() look for a periodic timer first, whoever armed it. They end it from any thread,
  * inside its run too, with the result 0: no further run begins. One that a worker has taken up by
- * then goes on to its end, and the worker recycles arg after it; else cancel itself does so before
- * it returns. A timer also ends with the bus, and with a module whose init fails: before its
+ * then goes on to its end, and the worker recycles arg after it; one that waits in the queue of a
+ * strict module has arg recycled in place of its run; else cancel itself recycles it before it
+ * returns. A timer also ends with the bus, and with a module whose init fails: before its
  * uninit, and after a run that is under way. recycle is called with no lock held, on the thread
  * that ends the timer: the canceller, a worker, or the one in qor_bus_loop(), qor_bus_close() or
  * the failed init.
