@@ -12,14 +12,14 @@ import resource
 import subprocess
 import sys
 import tempfile
-import time
 from pathlib import Path
 
 ENDS = "ends"  # stands for a second search: that every run comes to an end
 SETTINGS = {
     "strict_queue": [[ENDS, "-DLIMIT=1"], ["-DLIMIT=2"], ["-DLIMIT=1", "-DQUITS"], ["-DLIMIT=2", "-DQUITS"]],
     "deferred": [[ENDS], ["-DFAILS"]],
-    "que": [[ENDS], ["-DCAPACITY=2"], [ENDS, "-DCAPACITY=2", "-DQUITS"], ["-DCAPACITY=2", "-DDESTROYS"], ["-DWATCHES"]],
+    "que": [[ENDS], ["-DCAPACITY=2"], [ENDS, "-DCAPACITY=2", "-DQUITS"], ["-DCAPACITY=2", "-DDESTROYS"], ["-DWATCHES"],
+            ["-DTAKERS=1", "-DWATCHES", "-DQUITS"]],
     "time_que": [[ENDS, "-DSPURIOUS=0"], ["-DSPURIOUS=0", "-DCAPACITY=3", "-DDELAYS=1", "-DIN_ORDER"],
                  ["-DSPURIOUS=0", "-DDELAYS=1", "-DTAKES_OUT"], ["-DSPURIOUS=0", "-DDESTROYS"]],
     "private_queue": [[ENDS, "-DPOSTS=1"], ["-DPOSTS=2"], ["-DPOSTS=1", "-DCANCELS"],
@@ -38,23 +38,25 @@ LARGE = {
     "end": [["-DQUITS"], ["-DTASK_QUITS"], ["-DTASKS=4"]],
 }
 MEMORY = 4096  # MiB
-PATIENCE = 120  # s
+PATIENCE = 120  # s of CPU time
 DEPTH = 1000000
 LIMITS = ["max search depth too small", "MEMLIM", "memory limit", "out of memory", "Bit statespace", "Hash-Compact",
           "VECTORSZ", "interrupted"]
+STATE = re.compile(r"state +(?P<state>\d+) -.* (?:\S*/)?(?P<file>\w+\.(?:pml|inc)):(?P<line>\d+) => (?P<what>.*)")
+UNREACHED = re.compile(r"(?:\S*/)?(?P<file>\w+\.(?:pml|inc)):(?P<line>\d+), state (?P<state>\d+), (?P<what>.*)")
 REASON = re.compile(r"/\* not reached: \S")
 
 
 class Search:
     """One search of a model, and what pan has said of it."""
 
-    def __init__(self, compiler, model, defines, ends=False):
+    def __init__(self, compiler, model, defines, ends=False, quick=False):
         self.model, self.ends = model, ends
         self.name = " ".join([model.stem, *defines, *([ENDS] if ends else [])])
-        began = time.monotonic()
+        began = seconds()
         with tempfile.TemporaryDirectory() as place:
             def run(*command):
-                return subprocess.run(command, cwd=place, capture_output=True, text=True, timeout=PATIENCE)
+                return subprocess.run(command, cwd=place, capture_output=True, text=True)
 
             def make(*command):
                 done = run(*command)
@@ -62,14 +64,13 @@ class Search:
                     sys.exit(f"{self.name}: {done.stdout}{done.stderr}")
 
             make("spin", "-a", *defines, str(model))
-            make(compiler, "-O2", "-w", "-DNP" if ends else "-DSAFETY", f"-DMEMLIM={MEMORY}", "-o", "pan", "pan.c")
-            self.all = statements(run("./pan", "-d").stdout, r"=> ", model)
-            try:
-                self.told = run("./pan", f"-m{DEPTH}", *(["-l"] if ends else [])).stdout
-            except subprocess.TimeoutExpired:
-                sys.exit(f"{self.name}: not searched within {PATIENCE} s")
-        self.seconds = time.monotonic() - began
-        self.unreached = statements(self.told, r"state \d+, ", model)
+            make(compiler, "-O0" if quick else "-O2", "-w", "-DNP" if ends else "-DSAFETY", f"-DMEMLIM={MEMORY}", "-o", "pan", "pan.c")
+            table = run("./pan", "-d").stdout
+            self.told = run("./pan", f"-m{DEPTH}", *(["-l"] if ends else [])).stdout
+        self.seconds = seconds() - began
+        unreached = {(where, number) for where, number, _ in parts(self.told, UNREACHED)}
+        self.all = {where_what for _, _, where_what in parts(table, STATE)}
+        self.reached = {what for where, number, what in parts(table, STATE) if (where, number) not in unreached}
         errors = re.search(r"errors: (\d+)", self.told)
         count = re.search(r"(\d+) states, stored", self.told)
         memory = re.search(r"([\d.]+)\s+total actual memory usage", self.told)
@@ -84,25 +85,37 @@ class Search:
         return f"{self.name}: {self.count} states, {self.memory:.0f} MB, {self.seconds:.1f} s"
 
 
-def statements(told, before, model):
-    """The lines of the model, or of what it includes, that pan names, each with what stands there."""
-    return set(re.findall(rf"(\w+\.(?:pml|inc)):(\d+),? {before}(.*)$", told, re.M))
+def seconds():
+    """CPU time of the programs that have been run."""
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return used.ru_utime + used.ru_stime
+
+
+def parts(told, form):
+    """What pan says of each process: its name, the number of a state, and what else form finds."""
+    found, process = [], ""
+    for line in told.splitlines():
+        head = re.match(r"(?:unreached in )?(proctype \w+|init)$", line)
+        process = head[1] if head else process
+        state = form.search(line)
+        if state and process:
+            found.append((process, int(state["state"]), (state["file"], int(state["line"]), state["what"])))
+    return found
 
 
 def unexplained(model, searches):
-    """Lines that no search has reached and that do not say why, or that say so and were reached."""
+    """Statements that no search has reached and that do not say why, or that say so and were reached."""
     files = {path.name: path.read_text().splitlines() for path in [model, *model.parent.glob("*.inc")]}
-    reached, missed = set(), set()
-    for search in searches:
-        unreached = {(name, int(line)) for name, line, _ in search.unreached}
-        reached |= {(name, int(line)) for name, line, _ in search.all} - unreached
-        missed |= unreached
+    every = set().union(*(search.all for search in searches))
+    reached = set().union(*(search.reached for search in searches))
     complaints = []
-    for name, line in sorted(missed - reached):
-        if not REASON.search(files[name][line - 1]):
-            complaints.append(f"{name}:{line} is not reached: {files[name][line - 1].strip()}")
-    for name, line in sorted(reached):
-        if REASON.search(files[name][line - 1]):
+    for name, line, what in sorted(every):
+        why = REASON.search(files[name][line - 1])
+        if (name, line, what) not in reached and not why:
+            complaints.append(f"{name}:{line}: {what} is not reached")
+    for name, line in {(name, line) for name, line, _ in every}:
+        states = [state for state in every if state[:2] == (name, line)]
+        if REASON.search(files[name][line - 1]) and all(state in reached for state in states):
             complaints.append(f"{name}:{line} is reached")
     return complaints
 
@@ -126,8 +139,8 @@ def is_missed(compiler, model, guard):
     searches = [(setting, False) for setting in settings] + [(setting, True) for setting in settings if ENDS in setting]
     for setting, ends in searches:
         defines = [word for word in setting if word != ENDS]
-        if Search(compiler, model, [*defines, f"-D{guard}"], ends).wrong:
-            return " ".join(defines + [ENDS] * ends) or "no more"
+        if Search(compiler, model, [*defines, f"-D{guard}"], ends, quick=True).wrong:
+            return " ".join(defines + [ENDS] * ends) or "no setting"
     return None
 
 
@@ -149,6 +162,7 @@ def check(compiler, model, large):
 
 def main(compiler, *rest):
     resource.setrlimit(resource.RLIMIT_AS, (MEMORY << 20, MEMORY << 20))
+    resource.setrlimit(resource.RLIMIT_CPU, (PATIENCE, PATIENCE))  # of each program that is run
     models = [Path(word).resolve() for word in rest if word != "large"]
     return any([check(compiler, model, "large" in rest) for model in models])
 

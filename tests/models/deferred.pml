@@ -4,11 +4,11 @@
  *
  * -DFAILS: the handler returns a negative result.
  * Each of these takes one guard away, and then the model must fail:
- *   NO_WINNER          who ends it does not ask whether it is open
- *   NO_HOLD_OF_HANDLER what ends it hands it on though the handler is inside
- *   NO_HOLD_OF_COPY    a completion lets go of it before it has copied
- *   QUIT_KEEPS_ENDED   a quit leaves one alone that has its result and waits for its handler
- *   RETURN_ENDS_IT     the handler's negative result counts though it is complete */
+ *   NO_WINNER          qor_deferred_complete() does not ask whether the request is open
+ *   NO_HOLD_OF_HANDLER deferral_end_locked() hands it on though the handler is inside
+ *   NO_HOLD_OF_COPY    qor_deferred_complete() lets go of it before it has copied
+ *   QUIT_KEEPS_ENDED   deferred_bus_over() leaves one alone that has its result and waits for its handler
+ *   RETURN_ENDS_IT     deferral_return_locked() counts a negative result though it is complete */
 
 #define OPEN 1
 #define ENDED 2

@@ -14,10 +14,8 @@
  *   TAKER_TELLS_NOBODY   que_wait() does not tell those in que_settle()
  *   REST_TELLS_NOBODY    bus_busy_end() does not tell those in bus_rest_await()
  *   QUIT_TELLS_NOBODY    que_wake_everybody() forgets those in que_settle()
- *   LEFT_WITHOUT_MUTEX   bus_loop_leave() does not take the mutex
  *   WORKERS_NOT_JOINED   bus_loop_serve() does not join the workers
  *   TIMERS_NOT_DISCARDED bus_tasks_discard() discards the task queue alone
- *   POSTED_AFTER_QUIT    qor_que_enque_locked() does not look at quitting
  *   VISITORS_NOT_AWAITED qor_bus_close() does not wait for those who drain
  *   CLOSED_BESIDE_LOOP   qor_bus_close() does not look at looping */
 #include "conditions.inc"
@@ -58,14 +56,9 @@ bool drain_begun, drained, drain_ended;
 
 #define enque(task) \
     if \
-    :: takes_no_more \
-    :: !takes_no_more -> accepted++; tasks!task \
+    :: que_quits \
+    :: !que_quits -> accepted++; tasks!task \
     fi
-#ifdef POSTED_AFTER_QUIT
-#define takes_no_more false
-#else
-#define takes_no_more que_quits
-#endif
 
 inline busy_ends()
 {
@@ -181,11 +174,7 @@ end_timers:
     working == 0;
 #endif
     discard_tasks();
-#ifdef LEFT_WITHOUT_MUTEX
-    looping = false
-#else
     atomic { !bus_locked -> looping = false }
-#endif
 }
 
 /* The timer that is due later falls due. */

@@ -14,7 +14,7 @@ import tempfile
 from collections import deque
 from pathlib import Path
 
-CAPACITY = 2
+CAPACITY, GIVERS = 2, 2
 
 
 class Refused(Exception):
@@ -44,6 +44,7 @@ class Replay:
         self.queue, self.quitting, self.inside = deque(), False, 0
         self.takers, self.givers = Waiters("t"), Waiters("g")
         self.asleep = {}
+        self.given = {}
 
     def next(self):
         entry = self.log[self.at]
@@ -108,6 +109,11 @@ class Replay:
         if what in "GgTt":
             if thread in self.asleep:
                 raise Refused("who calls sleeps")
+            gives = what in "Gg"
+            if value != (self.given.get(thread, thread - GIVERS) + GIVERS if gives else 0):
+                raise Refused(f"node {value} is not the next one of thread {thread}")
+            if gives:
+                self.given[thread] = value
             self.calls += 1
             self.goes_on(thread, (what.lower(), value, what in "gt"))
         elif what == "e":

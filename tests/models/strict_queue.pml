@@ -4,11 +4,11 @@
  *
  * -DLIMIT=1 or 2: tasks at a time. -DDEPTH: places; a poster without one waits for it.
  * Each of these takes one guard away, and then the model must fail:
- *   NO_SLOT_TEST       a post starts a run whatever the number of runs
- *   NO_HAND_ON         a run ends without having looked again under the lock
- *   NO_ORDER_KEY       an arrival goes to the end whatever its key
- *   TIMER_WITHOUT_SLOT a timer's run does not ask whether there is one left
- *   QUIT_WAKES_NOBODY  a poster that waits is not told that the bus quits */
+ *   NO_SLOT_TEST       run_wanted_locked() starts a run whatever the number of runs
+ *   NO_HAND_ON         qor_core_context_loop() gives the lock up between its last look and its end
+ *   NO_ORDER_KEY       time_que_place() gives the end of the list
+ *   TIMER_WITHOUT_SLOT run_enter_locked() lets a timer's run in though there are enough
+ *   QUIT_WAKES_NOBODY  qor_bus_quit() does not wake a poster that waits in arrival_wait() */
 
 #ifndef LIMIT
 #define LIMIT 1
