@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Puts blocking queues under load and writes down, in the order of their lock, what is called, what is
- * answered, and who waits and wakes whom: replay_que FILE CALLS [timed]. replay.py reads it. */
+/* Puts blocking queues under load and writes down, in the order of their lock, what is called, what
+ * is answered, and who waits and wakes whom: replay_que FILE CALLS [timed]. replay.py reads it. */
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "que_waits.hpp"
 #include "qor_que.h"
+#include "que_waits.hpp"
 
 namespace {
 
@@ -21,7 +21,7 @@ constexpr uint32_t capacity = 2;
 constexpr uint32_t round_calls = 20000; /* of each giver, in one queue */
 
 FILE *file;
-qor_que_t *que; /* NULL: nothing is written down */
+qor_que_t *que;                /* NULL: nothing is written down */
 std::vector<uint64_t> entries; /* guarded by the queue's lock */
 std::atomic<uint32_t> recycled;
 std::atomic<uint32_t> taken;
@@ -41,11 +41,11 @@ char cond_name(const pthread_cond_t *cond)
     }
     /* The private block begins with its waits. */
     const que_waits *waits = reinterpret_cast<const que_waits *>(que->priv);
-    return cond == &que->cond              ? 'c'
-           : cond == &waits->takers.cond   ? 't'
-           : cond == &waits->givers.cond   ? 'g'
-           : cond == &waits->settled       ? 's'
-                                           : 0;
+    return cond == &que->cond            ? 'c'
+           : cond == &waits->takers.cond ? 't'
+           : cond == &waits->givers.cond ? 'g'
+           : cond == &waits->settled     ? 's'
+                                         : 0;
 }
 
 } // namespace
