@@ -55,8 +55,7 @@ void check_platform(void)
     check("hal_vsnprintf writes", strcmp(text, "a-7") == 0);
 
     check("a thread takes a name", hal_thread_name_set("plain_c") == 0);
-    check("the kernel has the name",
-          prctl(PR_GET_NAME, text) == 0 && strcmp(text, "plain_c") == 0);
+    check("the kernel has the name", prctl(PR_GET_NAME, text) == 0 && strcmp(text, "plain_c") == 0);
 
     const int64_t before = util_timestamp();
     check("the clock runs", before > 0);
