@@ -12,7 +12,8 @@ if(TARGET qor_bus_static)
   install(TARGETS qor_bus_static EXPORT qor_bus ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
 install(FILES ${_public_headers} ${PROJECT_SOURCE_DIR}/src/hal/linux/qor_hal.h
-  DESTINATION ${_headers})
+  ${PROJECT_SOURCE_DIR}/include/qor.hpp DESTINATION ${_headers})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qor DESTINATION ${_headers})
 
 # Relative to the file itself, so that the installed tree can be moved.
 file(RELATIVE_PATH _to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
