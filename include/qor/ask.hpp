@@ -405,8 +405,8 @@ private:
             return given;
         }
         if (room.size() != payload::room) {
-            print_size(module, Topic::number, "response", room.size(), payload::room);
-            given.ret = -1;
+            given.ret =
+                size_refused(module, Topic::number, "response", msg->response.size, payload::room);
             return given;
         }
         given.value = payload::read(room);

@@ -37,14 +37,15 @@ constexpr char file_tag[] = "qor.hpp";
 /** Bytes of a module's name in its record, the final zero included. */
 constexpr std::size_t name_size = 20;
 
-/** Prints that a call was refused. */
-inline void refuse(const char *module, const char *what)
+/** Prints that a call was refused. As all that prints it is out of the way of what does not. */
+[[gnu::cold, gnu::noinline]] inline void refuse(const char *module, const char *what)
 {
     hal_printf("[%s][err][%s]:%s\n", file_tag, module, what);
 }
 
 /** Prints what an exception has said. */
-inline void print_thrown(const char *module, const char *what, int32_t topic, const char *said)
+[[gnu::cold, gnu::noinline]] inline void print_thrown(const char *module, const char *what,
+                                                      int32_t topic, const char *said)
 {
     if (topic >= 0) {
         hal_printf("[%s][err][%s]:exception in %s, topic %d: %s\n", file_tag, module, what,

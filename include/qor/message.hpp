@@ -100,7 +100,10 @@ template <typename T> struct payload {
     static constexpr std::size_t least = sizeof(T);
     static constexpr std::size_t room = sizeof(T); /**< as a response */
 
-    static constexpr bool fits(std::size_t size) { return size == sizeof(T); }
+    static bool fits(const qor_context_request_t &part)
+    {
+        return part.size == static_cast<int32_t>(sizeof(T)) && part.buf;
+    }
 
     static value read(bytes from)
     {
@@ -127,7 +130,7 @@ template <> struct payload<void> {
     static constexpr std::size_t least = 0;
     static constexpr std::size_t room = 0;
 
-    static constexpr bool fits(std::size_t size) { return size == 0; }
+    static bool fits(const qor_context_request_t &part) { return part.size == 0 || !part.buf; }
     static value read(bytes) { return {}; }
     static filled fresh(mutable_bytes) { return {}; }
     static void write(const filled &, mutable_bytes) {}
@@ -141,7 +144,7 @@ template <> struct payload<bytes> {
     static constexpr bool plain = false;
     static constexpr std::size_t least = 0;
 
-    static constexpr bool fits(std::size_t) { return true; }
+    static bool fits(const qor_context_request_t &part) { return part.size >= 0; }
     static value read(bytes from) { return from; }
     static std::size_t size(const value &from) { return from.size(); }
     static void gather(const value &from, mutable_bytes to)
@@ -162,7 +165,10 @@ template <typename Header, std::size_t Room> struct payload<tailed<Header, Room>
     static constexpr std::size_t least = sizeof(Header);
     static constexpr std::size_t room = sizeof(Header) + Room;
 
-    static constexpr bool fits(std::size_t size) { return size >= sizeof(Header); }
+    static bool fits(const qor_context_request_t &part)
+    {
+        return part.size >= static_cast<int32_t>(sizeof(Header)) && part.buf;
+    }
 
     static value read(bytes from)
     {

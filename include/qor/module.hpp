@@ -541,26 +541,40 @@ private:
 
     static int32_t on_message(qor_context_t *self, qor_context_msg_t *msg)
     {
-        Derived &module = of(self);
         if (msg->type == QOR_CONTEXT_MSG_RESPONSE) {
-            module.asks_.answered(self, *msg);
-            return 0;
+            return on_response(self, *msg);
         }
-        int32_t ret = -1;
-        const bool known =
-            ((msg->topic == Topics::number && (ret = serve<Topics>(module, self, *msg), true)) ||
-             ...);
-        if (!known) {
-            detail::refuse(module.name(), "a message of a topic that it does not handle");
-        }
-        return ret;
+        return serve_one_of<Topics...>(self, *msg);
     }
 
-    template <typename Topic>
-    static int32_t serve(Derived &module, qor_context_t *self, qor_context_msg_t &msg)
+    static int32_t on_response(qor_context_t *self, const qor_context_msg_t &msg)
     {
-        return detail::guarded(module.name(), "handler", Topic::number,
-                               [&] { return served<Topic>(module, self, msg); });
+        of(self).asks_.answered(self, msg);
+        return 0;
+    }
+
+    template <typename... None>
+    static std::enable_if_t<sizeof...(None) == 0, int32_t> serve_one_of(qor_context_t *self,
+                                                                        qor_context_msg_t &)
+    {
+        detail::refuse(self->module->name, "a message of a topic that it does not handle");
+        return -1;
+    }
+
+    template <typename Topic, typename... Others>
+    static int32_t serve_one_of(qor_context_t *self, qor_context_msg_t &msg)
+    {
+        return msg.topic == Topic::number ? serve<Topic>(self, msg)
+                                          : serve_one_of<Others...>(self, msg);
+    }
+
+    /* A function of its own for each topic: what one handler needs on the stack, or for the way of
+     * an exception, costs no other. */
+    template <typename Topic>
+    [[gnu::noinline]] static int32_t serve(qor_context_t *self, qor_context_msg_t &msg)
+    {
+        return detail::guarded(self->module->name, "handler", Topic::number,
+                               [&] { return served<Topic>(of(self), self, msg); });
     }
 
     template <typename Topic>
@@ -568,20 +582,20 @@ private:
     {
         using in = detail::payload<typename Topic::request_type>;
         using out = detail::payload<typename Topic::response_type>;
-        const mutable_bytes room = detail::response_bytes(msg);
-        const std::size_t size = detail::request_bytes(msg).size();
-        if (!in::fits(size)) {
-            detail::print_size(module.name(), Topic::number, "request", size, in::least);
-            return -1;
+        const bool has_room = msg.response.size == static_cast<int32_t>(out::room);
+        if (!in::fits(msg.request)) {
+            return detail::size_refused(self->module->name, Topic::number, "request",
+                                        msg.request.size, in::least);
         }
-        if (room.size() != out::room && !room.empty()) {
-            detail::print_size(module.name(), Topic::number, "response", room.size(), out::room);
-            return -1;
+        if (!has_room && msg.response.size != 0) {
+            return detail::size_refused(self->module->name, Topic::number, "response",
+                                        msg.response.size, out::room);
         }
         const request<Topic> given(self, msg);
         if constexpr (out::none) {
             return detail::result_of([&] { return module.handle(given); });
         } else {
+            const mutable_bytes room = has_room ? detail::response_bytes(msg) : mutable_bytes();
             typename out::filled filled = out::fresh(room);
             const int32_t ret = detail::result_of([&] { return module.handle(given, filled); });
             if (ret >= 0 && !room.empty() && !given.is_deferred()) {

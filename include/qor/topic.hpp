@@ -169,11 +169,13 @@ template <typename Topic> void use_topic()
     (void)&used<Topic>;
 }
 
-inline void print_size(const char *module, int32_t topic, const char *part, std::size_t size,
-                       std::size_t wanted)
+/** Prints that a part of a message has another size than its topic's; gives -1. */
+[[gnu::cold, gnu::noinline]] inline int32_t
+size_refused(const char *module, int32_t topic, const char *part, int32_t size, std::size_t wanted)
 {
     hal_printf("[%s][err][%s]:topic %d: a %s of %d bytes where %d are due\n", file_tag, module,
                static_cast<int>(topic), part, static_cast<int>(size), static_cast<int>(wanted));
+    return -1;
 }
 
 } // namespace detail
