@@ -77,6 +77,7 @@ TEST_F(CppAwait, ATimeOutIsAnAnswer)
 
     EXPECT_TRUE(await([&] { return ends == 1; }));
     EXPECT_EQ(how, qor::outcome::timed_out);
+    in_turn([&] { EXPECT_TRUE(flow.done()); });
 }
 
 TEST_F(CppAwait, DestroyingAWaitingOneCancels)
@@ -139,7 +140,7 @@ TEST_F(CppAwait, AnExceptionIsALine)
     in_turn([&] { flow = throwing(); });
 
     EXPECT_TRUE(await([&] { return alive == 0; }));
-    bus.settle();
+    in_turn([&] { EXPECT_TRUE(flow.done()); });
     EXPECT_EQ(out.count("[qor.hpp][err][flow]:exception in coroutine: no more\n"), 1);
 }
 #endif

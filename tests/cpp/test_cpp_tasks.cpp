@@ -62,7 +62,7 @@ TEST_F(CppTasks, CapturesMayBeOverAligned)
 
 TEST_F(CppTasks, SmallCapturesGoWithTheArgument)
 {
-    const int32_t number = 42;
+    int32_t number = 42;
     static std::atomic<int32_t> got;
     got = 0;
 
