@@ -547,15 +547,17 @@ private:
         return serve_one_of<Topics...>(self, *msg);
     }
 
-    static int32_t on_response(qor_context_t *self, const qor_context_msg_t &msg)
+    /* Not inlined, as what follows: what one kind of message or one topic's handler needs on the
+     * stack, or for the way of an exception, costs no other. */
+    [[gnu::noinline]] static int32_t on_response(qor_context_t *self, const qor_context_msg_t &msg)
     {
         of(self).asks_.answered(self, msg);
         return 0;
     }
 
     template <typename... None>
-    static std::enable_if_t<sizeof...(None) == 0, int32_t> serve_one_of(qor_context_t *self,
-                                                                        qor_context_msg_t &)
+    [[gnu::noinline]] static std::enable_if_t<sizeof...(None) == 0, int32_t>
+    serve_one_of(qor_context_t *self, qor_context_msg_t &)
     {
         detail::refuse(self->module->name, "a message of a topic that it does not handle");
         return -1;
@@ -568,17 +570,8 @@ private:
                                           : serve_one_of<Others...>(self, msg);
     }
 
-    /* A function of its own for each topic: what one handler needs on the stack, or for the way of
-     * an exception, costs no other. */
     template <typename Topic>
     [[gnu::noinline]] static int32_t serve(qor_context_t *self, qor_context_msg_t &msg)
-    {
-        return detail::guarded(self->module->name, "handler", Topic::number,
-                               [&] { return served<Topic>(of(self), self, msg); });
-    }
-
-    template <typename Topic>
-    static int32_t served(Derived &module, qor_context_t *self, qor_context_msg_t &msg)
     {
         using in = detail::payload<typename Topic::request_type>;
         using out = detail::payload<typename Topic::response_type>;
@@ -591,11 +584,23 @@ private:
             return detail::size_refused(self->module->name, Topic::number, "response",
                                         msg.response.size, out::room);
         }
+        return detail::guarded(self->module->name, "handler", Topic::number, [&] {
+            return served<Topic>(of(self), self, msg,
+                                 has_room ? detail::response_bytes(msg) : mutable_bytes());
+        });
+    }
+
+    /* With both sizes right, or no room for a response. */
+    template <typename Topic>
+    static int32_t served(Derived &module, qor_context_t *self, qor_context_msg_t &msg,
+                          mutable_bytes room)
+    {
+        using out = detail::payload<typename Topic::response_type>;
         const request<Topic> given(self, msg);
         if constexpr (out::none) {
+            (void)room;
             return detail::result_of([&] { return module.handle(given); });
         } else {
-            const mutable_bytes room = has_room ? detail::response_bytes(msg) : mutable_bytes();
             typename out::filled filled = out::fresh(room);
             const int32_t ret = detail::result_of([&] { return module.handle(given, filled); });
             if (ret >= 0 && !room.empty() && !given.is_deferred()) {
