@@ -1,15 +1,16 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Lets every call of the library that can fail do so, wherever it is made: sweep.py BUILD [short].
+"""Lets every call of the library that can fail do so, wherever it is made: sweep.py BUILD [short|count].
 
 What can fail is listed in calls.txt. What there is to fail is read from the library's objects: every
 call instruction whose relocation names such a function, and every place that takes its address. The
 scenarios of faults_driver then say which of them they reach, and by which way: a site is a call with
 up to four return addresses. Each site is failed alone and with all that follows, in a process of its
-own, in each scenario that meets it; short: in the first one. Wrong are a sanitizer's complaint, a
-leak, more than PATIENCE seconds, what the driver complains of, a line that is not one, a call that
-failed without a result or a line that says so, and a scenario that does not work without a fault
-afterwards in the same process.
+own, in each scenario that meets it; short: in the first one; count: likewise, for a build that counts
+what is reached, and nothing is judged: SILENT has the ways of optimised code. Wrong are a sanitizer's
+complaint, a leak, more than PATIENCE seconds, what the driver complains of, a line that is not one, a
+call that failed without a result or a line that says so, and a scenario that does not work without a
+fault afterwards in the same process.
 """
 import collections
 import concurrent.futures
@@ -226,8 +227,11 @@ def places(found, library, sites):
     return result
 
 
-def main(build, short):
-    found, library, met, failed, behind, runs, known, complaints = sweep(build, short)
+def main(build, how):
+    found, library, met, failed, behind, runs, known, complaints = sweep(build, how in (["short"], ["count"]))
+    if how == ["count"]:
+        print(f"{runs} faults")
+        return 0
     reached = places(found, library, met.keys() | behind)
     alone, onward = (places(found, library, failed[how]) for how in ("alone", "onward"))
     print(f"{'':30}{'found':>8}{'reached':>9}{'alone':>8}{'onward':>8}{'sites':>8}{'alone':>8}{'onward':>8}")
@@ -257,4 +261,4 @@ def main(build, short):
 
 
 if __name__ == "__main__":
-    sys.exit(main(Path(sys.argv[1]).resolve(), sys.argv[2:] == ["short"]))
+    sys.exit(main(Path(sys.argv[1]).resolve(), sys.argv[2:]))
