@@ -104,10 +104,7 @@ qor_context_task_t *qor_context_task_create(qor_context_t *context, const char *
 {
     qor_context_task_t *_this = util_zalloc<qor_context_task_t>();
     QOR_CHECK(_this, nullptr);
-    if (qor_context_task_init(_this, context, name, ss, func, arg) != 0) {
-        free(_this);
-        return nullptr;
-    }
+    qor_context_task_init(_this, context, name, ss, func, arg);
     return _this;
 }
 
@@ -117,10 +114,7 @@ qor_context_task_t *qor_context_taskx_create(qor_context_t *context, const char 
     QOR_CHECK(context, nullptr);
     qor_context_task_t *_this = util_zalloc<qor_context_task_t>();
     QOR_CHECK(_this, nullptr);
-    if (qor_context_taskx_init(_this, context, name, ss, func, arg) != 0) {
-        free(_this);
-        return nullptr;
-    }
+    qor_context_taskx_init(_this, context, name, ss, func, arg);
     return _this;
 }
 
