@@ -72,13 +72,14 @@ void *qor_impl_context_console(void *arg)
     return reinterpret_cast<void *>(result);
 }
 
-int32_t qor_impl_context_constructor(qor_impl_context_t *_this, qor_context_module_t *module)
+/* The line is one that logs know, though the constructor takes all that is not NULL. */
+qor_context_t *qor_impl_context_constructor(qor_impl_context_t *_this, qor_context_module_t *module)
 {
-    if (!qor_context_constructor(&_this->base, &qor_impl_context_class, module)) {
+    qor_context_t *base = qor_context_constructor(&_this->base, &qor_impl_context_class, module);
+    if (!base) {
         QOR_ERR_SPACED("\"qor_context_constructor\" called failed.");
-        return -1;
     }
-    return 0;
+    return base;
 }
 
 qor_context_t *qor_impl_context_create(qor_context_module_t *module)
@@ -89,12 +90,7 @@ qor_context_t *qor_impl_context_create(qor_context_module_t *module)
         QOR_ERR_SPACED("malloc \"qor_impl_context_t\" failed.");
         return nullptr;
     }
-    if (qor_impl_context_constructor(_this, module) != 0) {
-        QOR_ERR_SPACED("constructor \"qor_impl_context_t\" failed.");
-        free(_this);
-        return nullptr;
-    }
-    return &_this->base;
+    return qor_impl_context_constructor(_this, module);
 }
 
 void qor_impl_context_destroy(qor_context_t *_this)

@@ -137,10 +137,7 @@ qor_context_handler_t qor_core_context_handler = {
 int32_t qor_core_context_constructor(qor_core_context_t *core, qor_context_module_t *module)
 {
     qor_context_t *base = &core->base;
-    if (!qor_context_constructor(base, &qor_core_context_class, module)) {
-        QOR_ERR_SPACED("\"qor_context_constructor\" called failed.");
-        return -1;
-    }
+    qor_context_constructor(base, &qor_core_context_class, module);
     qor_context_core_t *registry = qor_context_core_instance_get();
     core->context = registry ? qor_context_core_create_context(registry, module) : nullptr;
     if (!core->context) {
