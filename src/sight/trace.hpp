@@ -214,22 +214,17 @@ void trace_tell(uint32_t class_, const qor_context_t *context, uint32_t what, in
 inline void trace_tell(uint32_t, const qor_context_t *, uint32_t, int32_t, int32_t) {}
 #endif
 
-/* The class that starts and ends of a kind belong to. */
+/* The class that starts and ends of a message's kind belong to. */
 constexpr uint32_t trace_class(trace_kind kind)
 {
     switch (kind) {
     case trace_handles:
     case trace_responds:
         return QOR_TRACE_REQUESTS;
-    case trace_runs:
-        return QOR_TRACE_TASKS;
     case trace_calls:
         return QOR_TRACE_CALLS;
     case trace_system:
         return QOR_TRACE_SYSTEM;
-    case trace_inits:
-    case trace_registers:
-        return QOR_TRACE_CHANGES;
     default:
         return QOR_TRACE_OBSERVERS;
     }
