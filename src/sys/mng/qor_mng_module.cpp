@@ -64,7 +64,7 @@ void unlink_locked(qor_context_t *context)
     }
 }
 
-int32_t qor_mng_module_init_module_by_pure(qor_mng_module_t *mng, int32_t pure);
+void qor_mng_module_init_module_by_pure(qor_mng_module_t *mng, int32_t pure);
 
 /* A context that has come up joins those that have started. Returns the phase that is to begin now,
  * or -1. Decided under the mutex, so that of several that finish at once exactly one begins it. */
@@ -245,14 +245,10 @@ void manager_create_all(qor_mng_module_t *mng, int32_t pure, const char *func)
     }
 }
 
-int32_t qor_mng_module_init_module_by_pure(qor_mng_module_t *mng, int32_t pure)
+void qor_mng_module_init_module_by_pure(qor_mng_module_t *mng, int32_t pure)
 {
-    if (pure < 0) {
-        return -1;
-    }
     manager_create_all(mng, pure, __func__);
     manager_inits_queue(mng);
-    return 1;
 }
 
 void qor_mng_module_subscribe(qor_context_t *context)
