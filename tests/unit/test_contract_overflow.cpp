@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* What becomes of arrivals that find no place in a module's queue. */
 #include "contract_fixture.hpp"
+#include "inspection.hpp"
 #include "sleeper.hpp"
 
 namespace {
@@ -308,6 +309,34 @@ TEST_F(ContractOverflow, QuitWakesBlockedPosters)
 
     poster.join();
     EXPECT_EQ(session, -1);
+    end();
+}
+
+TEST_F(ContractOverflow, AFailedInitWakesBlockedPosters)
+{
+    server.init = [this](qor_context_t *) {
+        door.pass();
+        return -1;
+    };
+    const auto blocks = [](qor_contract_t &contract) {
+        contract.depth = 1;
+        contract.overflow = QOR_OVERFLOW_BLOCK;
+        contract.wait_time = 60000;
+    };
+    bus_with(terms(blocks), 1); /* its worker is in the init */
+    bus->start();
+    ASSERT_TRUE(door.await(1));
+    Letters task;
+    ASSERT_EQ(run_task(&task), 0);
+    std::atomic<int32_t> posted{0};
+    Thread poster([&] { posted = run_task(&task); });
+    EXPECT_TRUE(await([this] { return Inspection(bus->get()).context("server").blocked == 1; }));
+
+    door.open();
+
+    poster.join();
+    EXPECT_EQ(posted, -1);
+    EXPECT_TRUE(await([&] { return task.text() == "R"; }));
     end();
 }
 

@@ -2,6 +2,7 @@
 /* Periodic timers of modules with a contract. */
 #include "contract_fixture.hpp"
 #include "qor_periodic.h"
+#include "time_que_length.hpp"
 
 namespace {
 
@@ -246,4 +247,30 @@ TEST_F(ContractPeriodic, ItTakesNoPlaceAndIsNoVictim)
     door.open();
     EXPECT_TRUE(await([&] { return beat.runs >= 1; }));
     end();
+}
+
+TEST_F(ContractPeriodic, OneThatTheQueueDoesNotTakeEnds)
+{
+    running_with(strict_terms());
+    qor_time_que_quit(server.core()->que);
+
+    ASSERT_GE(every(beat, 1), 0);
+
+    EXPECT_TRUE(await([this] { return beat.recycled == 1; }));
+    EXPECT_EQ(beat.runs, 0);
+    end();
+    EXPECT_EQ(beat.recycled, 1);
+}
+
+TEST_F(ContractPeriodic, WithoutARunToBeHadItWaitsToTheEnd)
+{
+    running_with(strict_terms());
+    qor_que_quit(bus->get()->que);
+
+    ASSERT_GE(every(beat, 1), 0);
+
+    EXPECT_TRUE(await([this] { return length_of(server.core()->que) == 1; }));
+    EXPECT_EQ(beat.runs, 0);
+    end();
+    EXPECT_EQ(beat.recycled, 1);
 }

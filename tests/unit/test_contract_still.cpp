@@ -1,0 +1,149 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Modules with contracts on a bus that the test drives: its tasks run on a thread that is none of
+ * the library's, and queues quit when the test says so. */
+#include "contract_fixture.hpp"
+#include "still_bus.hpp"
+#include "time_que_length.hpp"
+
+namespace {
+
+class ContractStill : public testing::Test {
+protected:
+    ContractStill()
+    {
+        server.descriptor.refcount = newer.descriptor.refcount = 8;
+        server.reg = [](qor_context_t *c) { qor_context_subscribe(c, 0, nullptr); };
+        server.handle = [this](qor_context_t *, qor_context_msg_t *) {
+            seen.add("s");
+            return 0;
+        };
+    }
+
+    /* Brings the modules up; the named one has the contract. */
+    void up(const qor_contract_t &contract, const char *name = "server")
+    {
+        ASSERT_EQ(qor_bus_contract_set(bus.get(), name, &contract), 0);
+        bus.run_all();
+        ASSERT_TRUE(server.started());
+    }
+
+    /* A task of the server's that writes X; its recycle writes R. */
+    int32_t post(int32_t delay = 0, int32_t async = 0)
+    {
+        qor_context_task_t task = {};
+        qor_context_task_init(
+            &task, server.context(), "task", 9,
+            [](void *letters) -> void * {
+                static_cast<Letters *>(letters)->add("X");
+                return nullptr;
+            },
+            &seen);
+        task.delay = delay;
+        task.async = async;
+        task.recycle = [](void *letters) { static_cast<Letters *>(letters)->add("R"); };
+        return qor_context_handler_post(server.context(), &task);
+    }
+
+    qor_ledger_t ledger() { return ledger_of(bus.get(), "server"); }
+
+    Output output;
+    Letters seen;
+    Module server{"server"}, newer{"newer"}, client{"client"};
+    StillBus bus{{&server, &newer, &client}};
+};
+
+} // namespace
+
+TEST_F(ContractStill, WhatRunsOnAThreadOfTheApplicationsHasRunWhenItBegins)
+{
+    up(terms());
+    ASSERT_EQ(post(), 0);
+    EXPECT_EQ(ledger().waiting, 1U);
+
+    bus.run_all();
+
+    EXPECT_EQ(seen.text(), "XR");
+    EXPECT_EQ(ledger().run, 1U);
+    EXPECT_EQ(ledger().running, 0U);
+    EXPECT_EQ(accounted(ledger()), ledger().accepted);
+}
+
+TEST_F(ContractStill, WhatIsNotDueAtTheStartStaysWaiting)
+{
+    server.init = [this](qor_context_t *) { return post(0) + post(60000); };
+
+    up(strict_terms());
+    bus.run_all();
+
+    EXPECT_EQ(seen.text(), "XR");
+    EXPECT_EQ(ledger().run, 1U);
+    EXPECT_EQ(ledger().delayed, 1U);
+}
+
+TEST_F(ContractStill, AByPassThatTheTaskQueueDoesNotTakeIsRefused)
+{
+    up(terms([](qor_contract_t &contract) {
+        contract.depth = 1;
+        contract.overflow = QOR_OVERFLOW_BYPASS;
+    }));
+    ASSERT_EQ(post(), 0);
+    qor_que_quit(bus.get()->que);
+
+    EXPECT_EQ(post(), -1);
+
+    EXPECT_EQ(ledger().bypassed, 0U);
+    EXPECT_EQ(ledger().refused, 1U);
+    EXPECT_EQ(ledger().accepted, 1U);
+    EXPECT_EQ(seen.text(), "");
+}
+
+TEST_F(ContractStill, APostThatThePrivateQueueDoesNotTakeIsRefused)
+{
+    up(terms());
+    qor_time_que_quit(server.core()->que);
+
+    EXPECT_EQ(post(), -1);
+
+    EXPECT_EQ(ledger().refused, 1U);
+    EXPECT_EQ(ledger().accepted, 0U);
+    EXPECT_EQ(seen.text(), "");
+}
+
+TEST_F(ContractStill, ADelayedTaskThatTheTimerQueueDoesNotTakeIsRefused)
+{
+    up(terms());
+    qor_time_que_quit(bus.get()->time_que);
+
+    EXPECT_EQ(post(60000), -1);
+
+    EXPECT_EQ(ledger().refused, 1U);
+    EXPECT_EQ(ledger().delayed, 0U);
+    EXPECT_EQ(length_of(server.core()->que), 0);
+    EXPECT_EQ(seen.text(), "");
+}
+
+TEST_F(ContractStill, ATaskWithARunOfItsOwnIsRecycledWithTheBus)
+{
+    up(terms());
+    ASSERT_EQ(post(0, /* async */ 1), 0);
+    bus.run_next(); /* the queue's run gives it one */
+    EXPECT_EQ(ledger().waiting, 1U);
+
+    bus.close();
+
+    EXPECT_EQ(seen.text(), "R");
+}
+
+TEST_F(ContractStill, ARequestGoesFromAModuleWithoutOneToTheNewersQueue)
+{
+    up(strict_terms(), "newer");
+    ASSERT_GE(qor_context_req(client.context(), 0, nullptr, 0), 0);
+    qor_context_subscribe(newer.context(), 0, nullptr);
+
+    bus.run_next(); /* the server's run */
+
+    EXPECT_EQ(seen.text(), "");
+    EXPECT_EQ(length_of(server.core()->que), 0);
+    EXPECT_EQ(length_of(newer.core()->que), 1);
+    EXPECT_EQ(ledger_of(bus.get(), "newer").accepted, 1U);
+}
