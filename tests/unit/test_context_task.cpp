@@ -569,3 +569,15 @@ TEST_P(ContextTaskRefuses, WithOneLine)
 
 INSTANTIATE_TEST_SUITE_P(All, ContextTaskRefuses, testing::ValuesIn(refused_cases),
                          case_name<RefusedCase>);
+
+TEST(ContextTask, ANamelessTaskIsNamedAfterAnyAddress)
+{
+    qor_context_task_t task = {};
+    const uintptr_t addresses[] = {0, 1, 0x10, UINTPTR_MAX};
+    for (const uintptr_t address : addresses) {
+        const auto func = reinterpret_cast<qor_context_run_t>(address);
+        ASSERT_EQ(qor_context_task_init(&task, nullptr, nullptr, 1, func, nullptr), 0);
+        EXPECT_EQ(task.name,
+                  address_name(reinterpret_cast<void *>(address)).substr(0, sizeof(task.name) - 1));
+    }
+}

@@ -100,6 +100,9 @@ TEST_F(Trace, ASizeThatDoesNotFitIsNone)
     EXPECT_EQ(qor_trace_size(1, UINT32_MAX, 64), 0u);
     if (sizeof(size_t) == 4) {
         EXPECT_EQ(qor_trace_size(1 << 20, 1, 1 << 10), 0u);
+    } else { /* the rings together; together with the names */
+        EXPECT_EQ(qor_trace_size(UINT32_MAX - 1, 1, 1u << 31), 0u);
+        EXPECT_EQ(qor_trace_size((1u << 29) - 2, UINT32_MAX - 1, 1u << 31), 0u);
     }
 }
 
@@ -542,7 +545,7 @@ TEST_F(Trace, TheChildOfAForkDoesNotWriteIntoSharedMemory)
         RecordedMemory own; /* it may record for itself */
         const bool again = qor_trace_start(bus, &own.config) == 0;
         qor_trace_mark(3, 0);
-        _exit(ended && again && marks(own.recording(), 1) == "3" ? 0 : 1);
+        exit(ended && again && marks(own.recording(), 1) == "3" ? 0 : 1);
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
