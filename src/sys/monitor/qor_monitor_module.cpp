@@ -126,9 +126,7 @@ void watch_warn_locked(qor_time_que_t *que, qor_time_que_node_t *node, char *tex
     hal_snprintf(text, size, "MONITOR: %s, session = %d, timestamp = %lld", task.name, task.session,
                  static_cast<long long>(util_timestamp()));
     qor_time_que_node_update(node, qor_time_que_node_id(node), next_warning);
-    if (qor_time_que_enque_locked(que, node) < 0) {
-        qor_time_que_node_destroy(node, nullptr);
-    }
+    qor_time_que_enque_locked(que, node); /* which cannot have quit since, under the lock */
 }
 
 /* Tells the recorder and the application of a task that was named on a line. */
