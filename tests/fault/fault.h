@@ -29,6 +29,9 @@ typedef enum fault_kind {
 FAULT_API void fault_arm(fault_kind kind, int after);
 /* The same, and every call behind that one fails as well, until the next fault_arm(). */
 FAULT_API void fault_arm_from(fault_kind kind, int after);
+/* The same as fault_arm(), but at that call run(arg) is called first, on the thread that makes it;
+ * the call fails if the result is not 0. */
+FAULT_API void fault_arm_run(fault_kind kind, int after, int (*run)(void *), void *arg);
 /* How many calls the library has made, and how many were made to fail, since fault_arm(). */
 FAULT_API int fault_calls(fault_kind kind);
 FAULT_API int fault_fired(fault_kind kind);
