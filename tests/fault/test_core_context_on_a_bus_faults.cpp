@@ -69,3 +69,17 @@ TEST_F(CoreContextOnABusFaults, ATaskWhoseRunCannotBeScheduledIsRefused)
         EXPECT_EQ(recycled, 0);
     }
 }
+
+TEST_F(CoreContextOnABusFaults, ATaskPastTheQueueWhoseRunCannotBeHadIsRefused)
+{
+    for (int32_t session = 1; session <= 50; session++) {
+        ASSERT_EQ(post(session, 0), 0);
+    }
+    fault_arm(FAULT_ALLOC, 1);
+
+    EXPECT_EQ(post(51, 0), -1);
+
+    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+    EXPECT_EQ(core->que->count, 50);
+    EXPECT_EQ(recycled, 0);
+}

@@ -167,3 +167,42 @@ TEST_F(LoopFaults, OneWorkerWithARecordIsEnough)
     EXPECT_EQ(running.quit(), 0);
     EXPECT_EQ(out.printed(), without_record());
 }
+
+/* Somebody else's: it has no node for its task yet. */
+TEST(LoopFaultsTimer, ThatTheApplicationHasQueuedNeedsMemoryWhenItIsDue)
+{
+    Output out;
+    RunningBus bus(RunningBus::by_start, 1);
+    drop_start_up(bus.get());
+    bus.start();
+    std::atomic<int> runs{0};
+    std::atomic<int> recycled{0};
+    struct Counts {
+        std::atomic<int> &runs, &recycled;
+    } counts = {runs, recycled};
+    const auto arm = [&] {
+        qor_time_que_node_t *node = qor_time_que_node_create(7, 1, sizeof(qor_context_task_t));
+        qor_context_task_t *task = static_cast<qor_context_task_t *>(qor_time_que_node_body(node));
+        qor_context_task_init(
+            task, nullptr, nullptr, 7,
+            [](void *arg) -> void * {
+                static_cast<Counts *>(arg)->runs++;
+                return nullptr;
+            },
+            &counts);
+        task->recycle = [](void *arg) { static_cast<Counts *>(arg)->recycled++; };
+        return qor_time_que_enque(bus.get()->time_que, node);
+    };
+
+    ASSERT_EQ(arm(), 0);
+    EXPECT_TRUE(await([&] { return recycled == 2; })); /* with the task, and with the timer */
+    EXPECT_EQ(runs, 1);
+    ASSERT_EQ(qor_bus_drain(bus.get(), 60000), 0);
+    fault_arm(FAULT_ALLOC, 1); /* the timer's own node is the test's */
+    ASSERT_EQ(arm(), 0);
+
+    EXPECT_TRUE(await([&] { return recycled == 3; }));
+    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+    EXPECT_EQ(runs, 1);
+    fault_arm(FAULT_ALLOC, -1);
+}

@@ -41,6 +41,16 @@ protected:
         return qor_monitor_module.handle_message(own.get(), msg.get());
     }
 
+    /* What a call prints that locks a queue that is not there. */
+    static std::string without_queue(const std::string &call)
+    {
+        std::string lines;
+        for (const std::string &function : {std::string("lock"), call, std::string("unlock")}) {
+            lines += err_line("qor_time_que", "qor_time_que_" + function, "!(_this) == true.");
+        }
+        return lines;
+    }
+
     RecordingContext own;
     qor_sys_monitor_task_t report = {};
     std::unique_ptr<qor_context_msg_t> msg{new qor_context_msg_t};
@@ -96,4 +106,16 @@ TEST_F(MonitorModuleFaults, WatchesThatWereTakenOutAreUsedAgain)
 
     send(10, QOR_SYS_MONITOR_TASK_START);
     EXPECT_EQ(fault_calls(FAULT_ALLOC), 1);
+}
+
+TEST_F(MonitorModuleFaults, WithoutAQueueReportsPrintTheQueuesOwnLines)
+{
+    EXPECT_EQ(send(7, QOR_SYS_MONITOR_TASK_OVER), 0);
+
+    EXPECT_EQ(out.printed(), without_queue("remove_locked") + without_queue("remove_locked"));
+    out.clear();
+
+    EXPECT_EQ(send(7, QOR_SYS_MONITOR_TASK_START), 0);
+
+    EXPECT_EQ(out.printed(), without_queue("enque_locked"));
 }

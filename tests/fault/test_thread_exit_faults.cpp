@@ -172,7 +172,11 @@ TEST_P(ThreadExitEpoch, IsGivenBack)
     };
     RunningBus bus({&asker, &leaver}, 1, 2);
     ASSERT_TRUE(bus.up());
+    qor_context_t *beside = static_cast<qor_context_t *>(qor_context_pub_data_get(asker.context()));
     for (int i = 1; i <= 3; i++) {
+        /* A registration that comes and goes closes the topic's epoch. */
+        qor_context_handler_listen(beside, 0, nullptr);
+        qor_context_handler_unlisten(beside, 0);
         qor_context_x_runx(
             asker.context(),
             [](qor_context_t *c, int32_t, void *) -> void * {

@@ -55,6 +55,19 @@ protected:
 
 } // namespace
 
+TEST_F(DeferredEnds, AHandlerThatLeavesWithoutADeferralIsAnsweredBesideOneWith)
+{
+    be_up(2);
+    const uint64_t open = deferred();
+    serve = [](qor_context_t *, qor_context_msg_t *) -> int32_t { pthread_exit(nullptr); };
+
+    ASSERT_GE(ask("ping", 0), 0);
+
+    EXPECT_EQ(response(), "-1");
+    EXPECT_EQ(complete(open, 1, ""), 0);
+    EXPECT_TRUE(responses.await(2));
+}
+
 TEST_F(DeferredEnds, QuitRefusesTheTokenAndNothingFollows)
 {
     watch_points();

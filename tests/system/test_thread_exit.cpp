@@ -9,6 +9,8 @@
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
 #include "qor_context_msg.h"
+#include "qor_impl_context.h"
+#include "qor_sched_delegate.h"
 #include "running_bus.hpp"
 
 namespace {
@@ -84,6 +86,35 @@ TEST(ThreadExit, ARequestWhoseHandlerLeavesIsAnswered)
 
     EXPECT_TRUE(journal.await(1));
     EXPECT_EQ(journal.text(), "-1");
+}
+
+/* Its queue is the bus's own, and the worker's node the request. */
+TEST(ThreadExit, ARequestToASystemContextWhoseHandlerLeavesIsAnswered)
+{
+    Module asker("asker");
+    Module leaver("leaver");
+    leaver.descriptor.handle_message = [](qor_context_t *, qor_context_msg_t *) -> int32_t {
+        pthread_exit(nullptr);
+    };
+    Journal journal;
+    asker.handle = [&](qor_context_t *, qor_context_msg_t *msg) {
+        journal.add(std::to_string(msg->type == QOR_CONTEXT_MSG_RESPONSE ? msg->ret : 1));
+        return 0;
+    };
+    RunningBus bus({&asker}, 1, 1);
+    ASSERT_TRUE(bus.up());
+    qor_context_t *context = qor_impl_context_class.create(&leaver.descriptor);
+    qor_sched_delegate_create(bus.get(), QOR_BUS_ROLE_USER, context);
+    qor_context_subscribe(context, 0, nullptr);
+
+    for (int i = 0; i < 3; i++) {
+        ASSERT_GE(qor_context_req(asker.context(), 0, nullptr, 0), 0);
+    }
+
+    EXPECT_TRUE(journal.await(3));
+    EXPECT_EQ(journal.text(), "-1 -1 -1");
+    bus.end();
+    qor_context_destroy(context);
 }
 
 TEST(ThreadExit, AnInitThatLeavesHasFailed)

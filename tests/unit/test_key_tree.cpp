@@ -219,3 +219,16 @@ TEST(KeyTree, ThinBlocksAreJoined)
         EXPECT_LE(tree.height(), 2u);
     }
 }
+
+TEST(KeyTree, GrowsToALimitOnly)
+{
+    key_tree tree = {};
+    uint32_t height = 0;
+    while (height < 1000 && key_tree_grow(tree)) {
+        height++;
+    }
+
+    EXPECT_EQ(height, tree.height);
+    EXPECT_LT(height, 1000u);
+    key_tree_free(tree);
+}

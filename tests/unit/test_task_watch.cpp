@@ -174,6 +174,26 @@ TEST_F(TaskWatch, RegistrationsMayChangeWhileTasksAreReported)
     qor_context_destroy(another.context);
 }
 
+/* By whoever built the monitor otherwise: only the module as it is may be served directly. */
+TEST_F(TaskWatch, ReportsBecomeMessagesWhereTheMonitorIsNotAsItWasBuilt)
+{
+    qor_context_t *monitor = monitor_context();
+    qor_context_cls_t other_class = qor_impl_context_class;
+    monitor->cls = &other_class;
+    EXPECT_EQ(watched(), 1);
+    monitor->cls = &qor_impl_context_class;
+
+    const qor_context_module_message_t handler = qor_monitor_module.handle_message;
+    qor_monitor_module.handle_message = [](qor_context_t *, qor_context_msg_t *) {
+        Another::reports++;
+        return 0;
+    };
+    EXPECT_EQ(watched(), 0);
+    EXPECT_EQ(Another::reports, 2);
+    qor_monitor_module.handle_message = handler;
+    EXPECT_EQ(watched(), 1);
+}
+
 TEST_F(TaskWatch, ReportsBecomeMessagesWhereTheMonitorsHandlerIsReplaced)
 {
     const auto own = qor_monitor_module.handle_message;

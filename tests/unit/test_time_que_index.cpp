@@ -318,6 +318,98 @@ TEST(TimeQueIndex, ANodeWhoseDueTimeWasChangedWhileQueuedLeavesForGood)
     EXPECT_EQ(que.names_at(when).substr(1), "ba");
 }
 
+/* The index misses a node under an id that was given to it by hand: among others, and behind all.
+ */
+TEST(TimeQueIndex, ANodeThatComesBehindAChangedOneIsPlacedByAWalk)
+{
+    for (const size_t id : {size_t{8}, size_t{2000}}) {
+        LongQue que;
+        const int64_t when = que.start + 50 * apart + 1;
+        qor_time_que_node_t *first = que.arm(when, 7);
+        first->id = id;
+
+        qor_time_que_node_t *second = que.arm(when, id);
+
+        EXPECT_EQ(first->node.next, &second->node);
+        EXPECT_EQ(qor_time_que_remove(que, id), first);
+        qor_time_que_node_destroy(first, nullptr);
+    }
+}
+
+/* The first of two that are due at once leaves while the second says that it is not. */
+TEST(TimeQueIndex, ANodeThatLostItsDueTimeAndGotItBackLeavesForGood)
+{
+    for (const int64_t minutes : {50, 500}) { /* in the middle, and behind all */
+        LongQue que;
+        const int64_t when = que.start + minutes * apart + 1;
+        qor_time_que_node_t *first = que.arm(when, 7);
+        qor_time_que_node_t *second = que.arm(when, 8);
+        second->when = when + 1;
+        EXPECT_EQ(qor_time_que_remove(que, 7), first);
+        second->when = when;
+
+        EXPECT_EQ(qor_time_que_remove(que, 8), second);
+
+        EXPECT_EQ(qor_time_que_remove(que, 8), nullptr);
+        EXPECT_EQ(que->count, 100);
+        qor_time_que_node_destroy(first, nullptr);
+        qor_time_que_node_destroy(second, nullptr);
+    }
+}
+
+TEST(TimeQueIndex, NodesMayBeAddedBehindALastOneThatWasLinkedByHand)
+{
+    LongQue que;
+    qor_time_que_node_t *last = node_due_at(que.start + 500 * apart, 7);
+    {
+        lock(que);
+        list_add_tail(&last->node, &que->head);
+        que->count++;
+        unlock(que);
+    }
+
+    qor_time_que_node_t *behind = que.arm(last->when + 1, 8);
+
+    EXPECT_EQ(que->head.prev, &behind->node);
+    EXPECT_EQ(last->node.next, &behind->node);
+}
+
+TEST(TimeQueIndex, AFirstNodeThatWasLinkedByHandIsTakenWhenItIsDue)
+{
+    LongQue que;
+    qor_time_que_node_t *due = node_due_at(util_timestamp() - 1, 7);
+    {
+        lock(que);
+        list_add(&due->node, &que->head);
+        que->count++;
+        unlock(que);
+    }
+
+    EXPECT_EQ(qor_time_que_deque(que), due);
+
+    EXPECT_EQ(que->count, 100);
+    qor_time_que_node_destroy(due, nullptr);
+}
+
+TEST(TimeQueIndex, NodesAreKeptForLaterUseUpToALimit)
+{
+    TimeQue que;
+    constexpr int number = 1000;
+    lock(que);
+    for (int i = 0; i < number; i++) {
+        time_que_keep_locked(que, qor_time_que_node_create(1, 0, 1));
+    }
+    int kept = 0;
+    while (qor_time_que_node_t *node = time_que_kept_locked(que)) {
+        qor_time_que_node_destroy(node, nullptr);
+        kept++;
+    }
+    unlock(que);
+
+    EXPECT_GT(kept, 0);
+    EXPECT_LT(kept, number);
+}
+
 /* An heir is taken by its due time; it must not stand for two times. */
 TEST(TimeQueIndex, ADueTimeChangedAndRestoredLeavesNothingBehind)
 {

@@ -489,6 +489,20 @@ TEST_F(TraceEvents, ATaskThatIsRefusedIsDropped)
     EXPECT_EQ(memory.recording().told({event_drop}), "drop/3 client s9 -1\n");
 }
 
+TEST_F(TraceEvents, ATaskThatTheBusRefusesAContextIsDropped)
+{
+    made_up(QOR_TRACE_TASKS);
+    qor_bus_quit(bus->get());
+    qor_context_t *wrapper = &client.core()->base;
+    qor_context_task_t task = {};
+    qor_context_task_init(&task, wrapper, nullptr, 9, nothing, nullptr);
+
+    EXPECT_EQ(qor_context_handler_post(wrapper, &task), -1);
+
+    end();
+    EXPECT_EQ(memory.recording().told({event_drop}), "drop/3 client s9 -1\n");
+}
+
 TEST_F(TraceEvents, WithStacksAloneThereAreNoEventsButWhatThreadsAreInside)
 {
     std::string inside;
