@@ -241,3 +241,27 @@ TEST(StartFaults, AHelperWithoutAnAttributeIsDoneWithout)
     EXPECT_TRUE(asked.started());
     EXPECT_EQ(out.count("[qor_bus][err][qor_bus_loop]:thread attribute failed.\n"), 1);
 }
+
+TEST(StartFaults, AQuitWhileAHelperIsMadeLeavesTheInitAlone)
+{
+    Output out;
+    Module asked("asked");
+    Module asker("asker");
+    asked.reg = subscribe;
+    int inits = 0;
+    asked.init = [&inits](qor_context_t *) { return inits++; };
+    StillBus bus({&asked, &asker});
+    bus.run_next();
+    const auto quit = [](void *stopped) {
+        qor_bus_quit(static_cast<qor_bus_t *>(stopped));
+        return -1;
+    };
+    fault_arm_run(FAULT_ALLOC, 0, quit, bus.get());
+
+    EXPECT_EQ(qor_context_x_req(asker.context(), 0, nullptr, 0), -1);
+
+    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+    fault_arm(FAULT_ALLOC, -1);
+    EXPECT_EQ(inits, 0);
+    EXPECT_FALSE(asked.started());
+}

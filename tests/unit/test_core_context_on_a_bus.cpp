@@ -184,3 +184,27 @@ TEST_F(CoreContextOnABus, ADestroyedContextStaysUntilTheBusIsClosed)
     EXPECT_EQ(cls.loop(wrapper), 0); /* a run that was under way */
     EXPECT_STREQ(qor_context_module_name_get(inner), "gauge");
 }
+
+/* Only a run that a worker has from the bus can give way to others. */
+TEST_F(CoreContextOnABus, ALoopThatIsCalledByHandGoesOnPastItsTurn)
+{
+    struct Chain {
+        qor_context_t *inner;
+        int left;
+
+        static void *next(void *arg)
+        {
+            Chain &self = *static_cast<Chain *>(arg);
+            if (--self.left > 0) {
+                EXPECT_GE(qor_context_run(self.inner, next, arg), 0);
+            }
+            return nullptr;
+        }
+    } chain = {inner, 200};
+    ASSERT_GE(qor_context_run(inner, Chain::next, &chain), 0);
+    EXPECT_GT(qor_que_count(bus->que), 0);
+
+    EXPECT_EQ(cls.loop(wrapper), 0);
+
+    EXPECT_EQ(chain.left, 0);
+}

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "qor_hal.h"
 
+#include <atomic>
 #include <cstdio>
 #include <string>
 #include <type_traits>
@@ -10,6 +11,7 @@
 #include <stdio_ext.h>
 
 #include "output.hpp"
+#include "running_bus.hpp"
 #include "thread.hpp"
 
 static_assert(std::is_same_v<hal_thread_t, pthread_t>);
@@ -128,6 +130,25 @@ TEST(Hal, ThreadNameIsCutAt15Characters)
         EXPECT_EQ(hal_thread_name_set("0123456789abcdefgh"), 0);
         EXPECT_EQ(thread_name(), "0123456789abcde");
     }).join();
+}
+
+/* Of a thread of the library's, which knows what it has named it. */
+TEST(Hal, NoNameIsAnErrorOfAWorkersToo)
+{
+    RunningBus bus(RunningBus::by_start, 1);
+    std::atomic<int> result{1};
+    bus.start();
+    ASSERT_EQ(qor_bus_run(
+                  bus.get(),
+                  [](void *at) -> void * {
+                      *static_cast<std::atomic<int> *>(at) = hal_thread_name_set(nullptr);
+                      return nullptr;
+                  },
+                  &result, nullptr),
+              0);
+
+    EXPECT_EQ(qor_bus_drain(bus.get(), 60000), 0);
+    EXPECT_EQ(result, -1);
 }
 
 TEST(Hal, ThreadNameIsTheCallingThreads)

@@ -3,6 +3,7 @@
 #include "contract_fixture.hpp"
 #include "inspection.hpp"
 #include "recording.hpp"
+#include "still_bus.hpp"
 
 namespace {
 
@@ -200,4 +201,21 @@ TEST_F(InspectThreads, TheTextNamesWhatTheyAreInside)
                         at(1)),
               std::string::npos)
         << text;
+}
+
+TEST(InspectOneThread, MayEndTheInspection)
+{
+    StillBus bus(StillBus::bare);
+    RecordedMemory memory(QOR_TRACE_ALL);
+    ASSERT_EQ(qor_trace_start(bus.get(), &memory.config), 0);
+    qor_trace_mark(1, 0); /* gives this thread a lane */
+    int threads = 0;
+
+    const int32_t result = inspect(bus.get(), [&](int32_t kind, const void *) {
+        threads += kind == QOR_INFO_THREAD;
+        return kind == QOR_INFO_THREAD ? 5 : 0;
+    });
+
+    EXPECT_EQ(result, 5);
+    EXPECT_EQ(threads, 1);
 }

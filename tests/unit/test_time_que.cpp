@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include "await.hpp"
 #include "case_name.hpp"
 #include "output.hpp"
 #include "que_holder.hpp"
+#include "sleeper.hpp"
 #include "thread.hpp"
 
 namespace {
@@ -859,4 +861,26 @@ TEST(TimeQue, DestroyingANullNodeIsReported)
 
     EXPECT_EQ(out.printed(), line("qor_time_que_node_destroy", "!(node) == true."));
     EXPECT_EQ(recycled, "");
+}
+
+TEST(TimeQue, ANodeThatIsDueInMonthsDoesNotKeepATakerFromAnother)
+{
+    TimeQue que;
+    qor_time_que_node_t *far = qor_time_que_node_create(1, 0, 0);
+    far->when += int64_t{100} * 24 * 60 * 60 * 1000;
+    ASSERT_EQ(qor_time_que_enque(que, far), 0);
+    std::atomic<qor_time_que_node_t *> taken{nullptr};
+    Sleeper sleeper;
+    Thread taker([&] {
+        sleeper.here();
+        taken = qor_time_que_deque_block(que, -1);
+    });
+    EXPECT_TRUE(await([&] { return sleeper.sleeps(); }));
+    qor_time_que_node_t *due = qor_time_que_node_create(2, 0, 0);
+
+    EXPECT_EQ(qor_time_que_enque(que, due), 0);
+
+    taker.join();
+    EXPECT_EQ(taken, due);
+    qor_time_que_node_destroy(due, nullptr);
 }
