@@ -75,7 +75,7 @@ int32_t admission_bypass_post_locked(admission &post)
         bus_task_of(post.timer)->delay = post.delay;
         return bus_timer_node_post(post.bus, post.timer);
     }
-    if (post.message && !que_front_of(post.node)->spare) {
+    if (post.message) { /* never asynchronous: its own node will do for the run */
         if (post.run) {
             post.core->priv->loop = post.run; /* made for the queue that is full */
         }
