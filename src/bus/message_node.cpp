@@ -60,8 +60,7 @@ qor_time_que_node_t *message_node_for_response()
 
 void message_node_release()
 {
-    const thread_record *record = thread_record_get();
-    if (record && record->request) {
+    if (thread_record_get()->request) { /* only a thread with a record defers */
         qor_time_que_node_destroy(message_node_for_response(), nullptr);
     }
 }
