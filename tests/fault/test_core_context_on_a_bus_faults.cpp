@@ -11,6 +11,7 @@
 #include "qor_context_handler.h"
 #include "qor_context_task.h"
 #include "qor_sched_delegate.h"
+#include "recording.hpp"
 
 namespace {
 
@@ -82,4 +83,17 @@ TEST_F(CoreContextOnABusFaults, ATaskPastTheQueueWhoseRunCannotBeHadIsRefused)
     EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
     EXPECT_EQ(core->que->count, 50);
     EXPECT_EQ(recycled, 0);
+}
+
+TEST_F(CoreContextOnABusFaults, ATaskWithoutMemoryIsNotRecordedAsDropped)
+{
+    RecordedMemory memory(QOR_TRACE_ALL);
+    ASSERT_EQ(qor_trace_start(bus, &memory.config), 0);
+    qor_trace_mark(1, 0); /* gives this thread a lane */
+    fault_arm(FAULT_ALLOC, 0);
+
+    EXPECT_EQ(post(7, 0), -1);
+
+    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+    EXPECT_EQ(memory.recording().told({event_drop}), "");
 }

@@ -13,6 +13,7 @@
 
 #include "fault.h"
 #include "output.hpp"
+#include "pool.hpp"
 #include "qor_bus.h"
 #include "qor_context.h"
 #include "qor_context_handler.h"
@@ -242,26 +243,53 @@ TEST(StartFaults, AHelperWithoutAnAttributeIsDoneWithout)
     EXPECT_EQ(out.count("[qor_bus][err][qor_bus_loop]:thread attribute failed.\n"), 1);
 }
 
+/* Whether there was memory for the helper or not. */
 TEST(StartFaults, AQuitWhileAHelperIsMadeLeavesTheInitAlone)
 {
-    Output out;
-    Module asked("asked");
-    Module asker("asker");
-    asked.reg = subscribe;
-    int inits = 0;
-    asked.init = [&inits](qor_context_t *) { return inits++; };
+    for (const bool memory : {false, true}) {
+        Output out;
+        Module asked("asked");
+        Module asker("asker");
+        asked.reg = subscribe;
+        int inits = 0;
+        asked.init = [&inits](qor_context_t *) { return inits++; };
+        StillBus bus({&asked, &asker});
+        bus.run_next();
+        struct Quit {
+            qor_bus_t *bus;
+            int result;
+        } quit = {bus.get(), memory ? 0 : -1};
+        const auto at_once = [](void *arg) {
+            qor_bus_quit(static_cast<Quit *>(arg)->bus);
+            return static_cast<Quit *>(arg)->result;
+        };
+        fault_arm_run(FAULT_ALLOC, 0, at_once, &quit);
+
+        EXPECT_EQ(qor_context_x_req(asker.context(), 0, nullptr, 0), -1);
+
+        EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+        fault_arm(FAULT_ALLOC, -1);
+        EXPECT_EQ(inits, 0);
+        EXPECT_FALSE(asked.started());
+    }
+}
+
+TEST_F(StartFaultsPair, WithoutAHelperAPoolsThreadBeginsTheInit)
+{
     StillBus bus({&asked, &asker});
     bus.run_next();
-    const auto quit = [](void *stopped) {
-        qor_bus_quit(static_cast<qor_bus_t *>(stopped));
-        return -1;
+    fault_arm(FAULT_THREAD, -1);
+    std::atomic<int32_t> result{1};
+    Job job;
+    job.body = [&] {
+        fault_arm(FAULT_THREAD, 0);
+        result = ask(asker.context());
     };
-    fault_arm_run(FAULT_ALLOC, 0, quit, bus.get());
+    Pool pool(1, 1);
 
-    EXPECT_EQ(qor_context_x_req(asker.context(), 0, nullptr, 0), -1);
+    ASSERT_GE(job.post(pool), 0);
 
-    EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
-    fault_arm(FAULT_ALLOC, -1);
-    EXPECT_EQ(inits, 0);
-    EXPECT_FALSE(asked.started());
+    EXPECT_TRUE(await([&] { return result <= 0; }));
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(asked.started());
 }

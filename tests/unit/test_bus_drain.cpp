@@ -2,6 +2,7 @@
 /* Waiting until a bus has nothing left to do. */
 #include "qor_bus.h"
 
+#include <atomic>
 #include <cstdint>
 
 #include <gtest/gtest.h>
@@ -80,4 +81,29 @@ TEST_F(Bus, DrainBeforeTheLoopHasSomethingToWaitFor)
 
     EXPECT_EQ(qor_bus_drain(bus, 0), -1);
     EXPECT_EQ(qor_bus_drain(bus, 20), -1);
+}
+
+TEST(BusDrain, MayBeATasksOfAnotherBus)
+{
+    RunningBus drained(RunningBus::by_start, 1);
+    RunningBus bus(RunningBus::by_start, 1);
+    drained.start();
+    bus.start();
+    struct Drain {
+        qor_bus_t *bus;
+        std::atomic<int32_t> result;
+    } drain = {drained.get(), {1}};
+
+    ASSERT_EQ(qor_bus_run(
+                  bus.get(),
+                  [](void *arg) -> void * {
+                      Drain &asked = *static_cast<Drain *>(arg);
+                      asked.result = qor_bus_drain(asked.bus, 60000);
+                      return nullptr;
+                  },
+                  &drain, nullptr),
+              0);
+
+    EXPECT_TRUE(await([&] { return drain.result <= 0; }));
+    EXPECT_EQ(drain.result, 0);
 }

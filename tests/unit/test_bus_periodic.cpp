@@ -93,3 +93,25 @@ TEST_F(BusPeriodic, EndsWhenItsRunIsNotTheWorkersAnyMore)
     qor_que_node_destroy(run, nullptr);
     qor_que_node_destroy(other, nullptr);
 }
+
+TEST_F(BusPeriodic, ThatIsMonthsLateCatchesUpInSeveralRuns)
+{
+    ASSERT_TRUE(bus_periodic_start(timer));
+    qor_time_que_node_t *node = due();
+    node->when -= int64_t{2} * UINT32_MAX;
+    bus_periodic_due(node);
+    qor_que_node_t *run = qor_que_node_type(bus.take());
+    thread_record record = {};
+    record.running = run;
+    ASSERT_EQ(thread_record_set(&record), 0);
+    uint32_t missed = 0;
+
+    EXPECT_TRUE(bus_periodic_begin(timer, &missed));
+
+    EXPECT_EQ(missed, UINT32_MAX);
+    EXPECT_LT(node->when, util_timestamp() - INT32_MAX);
+    qor_bus_quit(bus.get());
+    bus_periodic_over(timer);
+    thread_record_set(nullptr);
+    EXPECT_EQ(recycled, 1);
+}

@@ -134,6 +134,21 @@ TEST_F(ContractStill, ATaskWithARunOfItsOwnIsRecycledWithTheBus)
     EXPECT_EQ(seen.text(), "R");
 }
 
+TEST_F(ContractStill, ARequestWhoseSubscriberHasGoneIsAnsweredAllTheSame)
+{
+    client.handle = [this](qor_context_t *, qor_context_msg_t *msg) {
+        seen.add(std::to_string(msg->ret));
+        return 0;
+    };
+    up(terms());
+    ASSERT_GE(qor_context_req(client.context(), 0, nullptr, 0), 0);
+    qor_context_unsubscribe(server.context(), 0);
+
+    bus.run_all();
+
+    EXPECT_EQ(seen.text(), "-1");
+}
+
 TEST_F(ContractStill, ARequestGoesFromAModuleWithoutOneToTheNewersQueue)
 {
     up(strict_terms(), "newer");

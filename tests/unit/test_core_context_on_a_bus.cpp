@@ -2,6 +2,9 @@
 /* The private queue of a user context that is attached to a bus. */
 #include "qor_core_context.h"
 
+#include <atomic>
+#include <utility>
+
 #include <gtest/gtest.h>
 
 #include "await.hpp"
@@ -12,7 +15,9 @@
 #include "qor_context_task.h"
 #include "qor_que.h"
 #include "qor_sched_delegate.h"
+#include "running_bus.hpp"
 #include "sleeper.hpp"
+#include "still_bus.hpp"
 #include "thread.hpp"
 
 namespace {
@@ -207,4 +212,63 @@ TEST_F(CoreContextOnABus, ALoopThatIsCalledByHandGoesOnPastItsTurn)
     EXPECT_EQ(cls.loop(wrapper), 0);
 
     EXPECT_EQ(chain.left, 0);
+}
+
+TEST_F(CoreContextOnABus, NorDoesOneThatAnotherTaskCalls)
+{
+    RunningBus running({&module}, 1, 1);
+    ASSERT_TRUE(running.up());
+    struct Chain {
+        qor_context_t *context;
+        std::atomic<int> left;
+
+        static void *next(void *arg)
+        {
+            Chain &self = *static_cast<Chain *>(arg);
+            if (--self.left > 0) {
+                EXPECT_GE(qor_context_run(self.context, next, arg), 0);
+            }
+            return nullptr;
+        }
+        static void *loop(void *arg)
+        {
+            Chain &self = *static_cast<Chain *>(arg);
+            EXPECT_GE(qor_context_run(self.context, next, arg), 0);
+            EXPECT_EQ(cls.loop(&qor_core_context_type(static_cast<qor_context_t *>(
+                                                          qor_context_pub_data_get(self.context)))
+                                    ->base),
+                      0);
+            EXPECT_EQ(self.left, 0);
+            return nullptr;
+        }
+    } chain = {module.context(), {200}};
+    ASSERT_EQ(qor_bus_run(running.get(), Chain::loop, &chain, nullptr), 0);
+
+    EXPECT_EQ(qor_bus_drain(running.get(), 60000), 0);
+
+    EXPECT_EQ(chain.left, 0);
+}
+
+TEST_F(CoreContextOnABus, WithoutATimerQueueTasksAreCancelledAllTheSame)
+{
+    qor_time_que_t *timers = std::exchange(bus->time_que, nullptr);
+    ASSERT_EQ(post(7), 0);
+
+    EXPECT_EQ(qor_context_timer_cancel(inner, 7), 0);
+
+    bus->time_que = timers;
+    to_recycle = 1;
+}
+
+TEST_F(CoreContextOnABus, WithoutATimerQueueAnInitMayFail)
+{
+    Module failing("failing");
+    failing.init = [](qor_context_t *) { return -1; };
+    StillBus still({&failing});
+    qor_time_que_t *timers = std::exchange(still.get()->time_que, nullptr);
+
+    still.run_all();
+
+    still.get()->time_que = timers;
+    EXPECT_EQ(out.count("context init failed."), 1);
 }

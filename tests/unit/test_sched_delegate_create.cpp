@@ -6,6 +6,7 @@
 
 #include "actor.hpp"
 #include "await.hpp"
+#include "leak.hpp"
 #include "output.hpp"
 #include "qor_topic_core.h"
 #include "sched_delegate_fixture.hpp"
@@ -155,4 +156,16 @@ TEST_F(SchedDelegate, RegistrationsUnderWayEndWithTheDelegate)
         ASSERT_TRUE(list_empty(&left.listener_head));
         ASSERT_TRUE(list_empty(&left.filter_head));
     }
+}
+
+TEST_F(SchedDelegate, CreateWithoutABusAttachesToNone)
+{
+    const PrescribedLeak unlisted; /* its record goes with its bus */
+    Actor actor(journal, "new");
+
+    qor_sched_delegate_t *delegate = actor.attach(nullptr, QOR_BUS_ROLE_USER);
+
+    ASSERT_NE(delegate, nullptr);
+    EXPECT_EQ(delegate->bus, nullptr);
+    EXPECT_EQ(out.printed(), "");
 }

@@ -174,6 +174,15 @@ TEST_F(TaskWatch, RegistrationsMayChangeWhileTasksAreReported)
     qor_context_destroy(another.context);
 }
 
+TEST_F(TaskWatch, NobodyIsToldWhileTheMonitorIsUnsubscribed)
+{
+    qor_context_unsubscribe(monitor_context(), QOR_SYS_MONITOR_TASK);
+    EXPECT_EQ(watched(), 0);
+    qor_context_subscribe(monitor_context(), QOR_SYS_MONITOR_TASK, nullptr);
+
+    EXPECT_EQ(watched(), 1);
+}
+
 /* By whoever built the monitor otherwise: only the module as it is may be served directly. */
 TEST_F(TaskWatch, ReportsBecomeMessagesWhereTheMonitorIsNotAsItWasBuilt)
 {

@@ -5,15 +5,25 @@
 #include <gtest/gtest.h>
 
 #include "hal_sync.hpp"
+#include "output.hpp"
 #include "qor_inspect.h"
+#include "qor_sched_delegate.h"
 #include "recording.hpp"
 #include "still_bus.hpp"
+#include "thread.hpp"
+#include "trace_context.hpp"
 
 namespace {
 
 constexpr trace_note task_begins = {trace_what(trace_start, trace_runs), 7, -1, trace_from_any,
                                     nullptr};
 constexpr trace_note task_ends = {trace_what(trace_end, trace_runs), 7, 0, trace_from_any, nullptr};
+
+/* The start of something else in the same session. */
+trace_note begins(trace_type type, uint32_t detail, uint32_t who = 0, int32_t session = 7)
+{
+    return {trace_what(type, detail, who), session, -1, trace_from_any, nullptr};
+}
 
 const trace_lane *lane_mine()
 {
@@ -108,4 +118,94 @@ TEST_F(TraceLane, OneThatIsWrittenAllTheTimeIsInsideNothing)
 
     EXPECT_EQ(copy.tid, 5u);
     EXPECT_EQ(copy.depth, 0u);
+}
+
+TEST_F(TraceLane, ThreadsThatShareOneAreInsideNobody)
+{
+    memory.config.lanes = 1;
+    start();
+    qor_trace_mark(1, 0); /* takes the only one */
+    Thread([] {
+        trace_lane_note({trace_what(trace_request, 0, 2), 7, 3, /* from */ 5, nullptr});
+        trace_lane_note({trace_what(trace_request, 0, 2), 7, 3, /* from */ 0, nullptr});
+    }).join();
+
+    EXPECT_EQ(memory.recording().told({event_from, event_request}),
+              "from 5 s7 3\nrequest 2 s7 3\nrequest 2 s7 3\n");
+    EXPECT_EQ(memory.recording().lanes_lacking(), 1u);
+}
+
+TEST_F(TraceLane, IsLeftAsItIsWhenItsThreadOutlivesTheRecording)
+{
+    start();
+    Thread([this] {
+        trace_lane_begin(task_begins, QOR_TRACE_TASKS);
+        qor_trace_stop();
+    }).join();
+
+    EXPECT_EQ(memory.recording().depth(1), 1u);
+}
+
+TEST_F(TraceLane, IsLeftAsItIsWhenItsThreadOutlivesTheNextRecordingsStart)
+{
+    RecordedMemory next(QOR_TRACE_ALL);
+    start();
+    Thread([&] {
+        trace_lane_begin(task_begins, QOR_TRACE_TASKS);
+        qor_trace_stop();
+        EXPECT_EQ(qor_trace_start(bus.get(), &next.config), 0);
+    }).join();
+
+    EXPECT_EQ(memory.recording().depth(1), 1u);
+    EXPECT_EQ(next.recording().lanes_taken(), 0u);
+}
+
+TEST_F(TraceLane, AStalledTaskIsFoundInWhatAWorkerHasTakenFromAQueue)
+{
+    start();
+    qor_info_inside_t found = {};
+    const auto look = [&] {
+        found = {};
+        found.age_ms = -1;
+        trace_stalled(bus.get(), 7, found);
+        return found.age_ms >= 0 ? found.kind : -1;
+    };
+    trace_lane_begin(begins(trace_start, trace_calls), 0);
+    trace_lane_begin(begins(trace_wait, trace_waits_start), 0);
+    EXPECT_EQ(look(), -1);
+
+    trace_lane_begin(begins(trace_start, trace_handles, 0, 8), 0);
+    trace_lane_begin(begins(trace_start, trace_responds, /* beyond the names */ 999), 0);
+    trace_lane_begin(begins(trace_start, trace_runs), 0); /* of the same age */
+    EXPECT_EQ(look(), QOR_INSIDE_RESPONSE);
+    EXPECT_EQ(std::string(found.name), "");
+    trace_lane_begin(begins(trace_start, trace_runs, 0, 9), 0); /* deeper than is kept */
+    EXPECT_EQ(look(), QOR_INSIDE_RESPONSE);
+}
+
+TEST_F(TraceLane, ATaskIsFoundAsWell)
+{
+    start();
+    trace_lane_begin(task_begins, QOR_TRACE_TASKS);
+    qor_info_inside_t found = {};
+    found.age_ms = -1;
+
+    trace_stalled(bus.get(), 7, found);
+
+    EXPECT_EQ(found.kind, QOR_INSIDE_TASK);
+}
+
+TEST_F(TraceLane, NobodyIsNumberNought)
+{
+    EXPECT_EQ(trace_who(nullptr), 0u);
+}
+
+TEST_F(TraceLane, ADelegateWithoutAContextIsNotNamed)
+{
+    start();
+    Output out;
+
+    qor_sched_delegate_create(bus.get(), QOR_BUS_ROLE_USER, nullptr);
+
+    EXPECT_EQ(memory.recording().name(1), "1");
 }
