@@ -10,6 +10,7 @@
 #include "actor.hpp"
 #include "await.hpp"
 #include "deferring.hpp"
+#include "inspection.hpp"
 #include "leak.hpp"
 #include "pool.hpp"
 #include "qor_contract.h"
@@ -55,17 +56,86 @@ protected:
 
 } // namespace
 
+/* Nor does an inspection show them. */
+TEST_F(DeferredEnds, TheOpenOnesOfAnotherBusStayOpen)
+{
+    struct Other : Deferring {
+        void TestBody() override {}
+        using Deferring::be_up, Deferring::bus, Deferring::deferred, Deferring::response;
+    } other;
+    be_up();
+    other.be_up();
+    const uint64_t mine = deferred();
+    const uint64_t theirs = other.deferred();
+    EXPECT_EQ(Inspection(bus->get()).requests.size(), 1u);
+    const auto at_the_request = [](int32_t kind, const void *) {
+        return kind == QOR_INFO_REQUEST ? 5 : 0;
+    };
+    EXPECT_EQ(inspect(bus->get(), at_the_request), 5);
+
+    bus->end();
+
+    EXPECT_EQ(complete(mine, 1, ""), -1);
+    EXPECT_EQ(complete(theirs, 1, "pong"), 0);
+    EXPECT_EQ(other.response(), "1 pong");
+}
+
+/* Which have their own numbers; the limit's timer is known by more than that. */
+TEST_F(DeferredEnds, TimersOfTheSameNumberStay)
+{
+    serve = [this](qor_context_t *c, qor_context_msg_t *msg) { return defer(c, msg, far); };
+    be_up();
+    const uint64_t open = deferred();
+    const int32_t serial = static_cast<int32_t>(open >> 32);
+    qor_context_task_t run = {};
+    qor_context_task_t runx = {};
+    qor_context_task_init(
+        &run, nullptr, nullptr, serial, [](void *arg) { return arg; }, nullptr);
+    qor_context_taskx_init(
+        &runx, client.context(), nullptr, serial,
+        [](qor_context_t *, int32_t, void *arg) { return arg; }, nullptr);
+    run.delay = runx.delay = far / 2;
+    ASSERT_GE(qor_bus_timer_post(bus->get(), &run), 0);
+    ASSERT_GE(qor_bus_timer_post(bus->get(), &runx), 0);
+    EXPECT_EQ(length_of(bus->get()->time_que), 3);
+
+    EXPECT_EQ(complete(open, 1, ""), 0);
+
+    EXPECT_EQ(length_of(bus->get()->time_que), 2);
+}
+
+TEST_F(DeferredEnds, ARequestWithoutPayloadHasNone)
+{
+    be_up();
+    token = 0;
+    ASSERT_GE(qor_context_req(client.context(), topic, nullptr, 0), 0);
+    ASSERT_TRUE(await([this] { return token != 0; }));
+    rest();
+    char byte = 'x';
+
+    EXPECT_EQ(qor_deferred_request(token, &byte, 1), 0);
+
+    EXPECT_EQ(byte, 'x');
+    EXPECT_EQ(complete(token, 1, "p"), -1);
+    EXPECT_EQ(complete(token, 1, ""), 0);
+    EXPECT_EQ(response(), "1");
+}
+
 TEST_F(DeferredEnds, AHandlerThatLeavesWithoutADeferralIsAnsweredBesideOneWith)
 {
     be_up(2);
+    const uint64_t first = deferred();
     const uint64_t open = deferred();
+    EXPECT_EQ(complete(first, 1, ""), 0); /* its place in the table is free */
+    EXPECT_TRUE(responses.await(1));
     serve = [](qor_context_t *, qor_context_msg_t *) -> int32_t { pthread_exit(nullptr); };
 
     ASSERT_GE(ask("ping", 0), 0);
 
-    EXPECT_EQ(response(), "-1");
-    EXPECT_EQ(complete(open, 1, ""), 0);
     EXPECT_TRUE(responses.await(2));
+    EXPECT_EQ(complete(open, 1, ""), 0);
+    EXPECT_TRUE(responses.await(3));
+    EXPECT_EQ(responses.text(), "1 -1 1");
 }
 
 TEST_F(DeferredEnds, QuitRefusesTheTokenAndNothingFollows)

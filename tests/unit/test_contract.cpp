@@ -255,3 +255,21 @@ TEST_F(Contract, AReservedResultIsTheModulesOwnWithoutOne)
     EXPECT_TRUE(await([&] { return ret == QOR_RET_EXPIRED; }));
     end();
 }
+
+TEST_F(ContractTerms, ALedgerHasWholeCountersAndNoUnknownOnes)
+{
+    const qor_contract_t contract = terms();
+    ASSERT_EQ(qor_bus_contract_set(bus(), "module", &contract), 0);
+    qor_ledger_t ledger = {};
+    for (const size_t size : {sizeof(ledger) + sizeof(ledger.run), sizeof(ledger) - 1}) {
+        output.clear();
+        ledger.size = static_cast<uint32_t>(size);
+        EXPECT_EQ(qor_bus_ledger(bus(), "module", &ledger), -1);
+        EXPECT_EQ(output.printed(), err_line("qor_contract", "qor_bus_ledger", "size: not known."));
+    }
+    output.clear();
+    ledger.size = sizeof(ledger);
+    EXPECT_EQ(qor_bus_ledger(bus(), "nobody", &ledger), -1);
+    EXPECT_EQ(output.printed(),
+              err_line("qor_contract", "qor_bus_ledger", "name: no contract for \"nobody\"."));
+}

@@ -68,6 +68,25 @@ TEST_F(ContractStill, WhatRunsOnAThreadOfTheApplicationsHasRunWhenItBegins)
     EXPECT_EQ(accounted(ledger()), ledger().accepted);
 }
 
+TEST_F(ContractStill, ALoopThatIsCalledByHandRunsNothingBeforeTheStartNorBesideEnoughRuns)
+{
+    server.descriptor.refcount = 1;
+    const auto loop = [this] { EXPECT_EQ(qor_core_context_class.loop(&server.core()->base), 0); };
+    server.init = [&](qor_context_t *) {
+        EXPECT_EQ(post(), 0);
+        loop();
+        EXPECT_EQ(seen.text(), "");
+        return 0;
+    };
+    up(strict_terms()); /* its run is the first thing that it has queued then */
+    EXPECT_EQ(post(), 0);
+
+    loop();
+
+    EXPECT_EQ(seen.text(), "");
+    EXPECT_EQ(ledger().waiting, 2U);
+}
+
 TEST_F(ContractStill, WhatIsNotDueAtTheStartStaysWaiting)
 {
     server.init = [this](qor_context_t *) { return post(0) + post(60000); };
@@ -95,6 +114,19 @@ TEST_F(ContractStill, AByPassThatTheTaskQueueDoesNotTakeIsRefused)
     EXPECT_EQ(ledger().refused, 1U);
     EXPECT_EQ(ledger().accepted, 1U);
     EXPECT_EQ(seen.text(), "");
+}
+
+TEST_F(ContractStill, ATaskWhoseRunTheTaskQueueDoesNotTakeWaitsForTheEnd)
+{
+    up(terms());
+    qor_que_quit(bus.get()->que);
+
+    EXPECT_EQ(post(), 0);
+
+    EXPECT_EQ(ledger().waiting, 1U);
+    EXPECT_EQ(server.core()->refcount, 0);
+    bus.close();
+    EXPECT_EQ(seen.text(), "R");
 }
 
 TEST_F(ContractStill, APostThatThePrivateQueueDoesNotTakeIsRefused)

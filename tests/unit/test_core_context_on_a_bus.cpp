@@ -272,3 +272,20 @@ TEST_F(CoreContextOnABus, WithoutATimerQueueAnInitMayFail)
     still.get()->time_que = timers;
     EXPECT_EQ(out.count("context init failed."), 1);
 }
+
+TEST_F(CoreContextOnABus, AnAsynchronousTaskThatTheTaskQueueDoesNotTakeIsRecycled)
+{
+    qor_context_task_t task = {};
+    qor_context_task_init(
+        &task, inner, "t", 7, [](void *arg) { return arg; }, nullptr);
+    task.async = 1;
+    task.recycle = [](void *) { recycled++; };
+    ASSERT_EQ(qor_context_handler_post(inner, &task), 0);
+    qor_que_quit(bus->que);
+
+    EXPECT_EQ(cls.loop(wrapper), 0);
+
+    EXPECT_EQ(core->que->count, 0);
+    to_recycle = 1;
+    EXPECT_EQ(recycled, 1);
+}

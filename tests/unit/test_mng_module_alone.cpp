@@ -47,6 +47,7 @@ TEST_F(MngModuleAlone, TakesAModuleDownWhoseInitFails)
 
     run_init();
 
+    qor_context_destroy(a.context()); /* which stays when the wrapper goes */
     EXPECT_EQ(called, "a.reg a.init a.unreg a.uninit ");
     EXPECT_EQ(out.count("context init failed."), 1);
 }

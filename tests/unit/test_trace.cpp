@@ -602,6 +602,16 @@ TEST_F(TracedModules, AreNamedWithRoleFlagsLimitAndDepth)
     EXPECT_EQ(naming(done, "qor_mng_module"), "1 0 65535 0");
 }
 
+TEST_F(TracedModules, OneThatIsNotStrictKeepsItsOwnLimit)
+{
+    RecordedMemory memory;
+    const qor_contract_t contract = terms([](qor_contract_t &of) { of.depth = 7; });
+    server.descriptor.refcount = 3;
+    record(memory, &contract);
+    end();
+    EXPECT_EQ(naming(memory.recording(), "server"), "0 4 3 7");
+}
+
 TEST_F(TracedModules, ContextsThatAreThereAlreadyAreNamed)
 {
     StillBus still({&server});

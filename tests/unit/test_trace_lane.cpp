@@ -138,7 +138,7 @@ TEST_F(TraceLane, ThreadsThatShareOneAreInsideNobody)
 TEST_F(TraceLane, IsLeftAsItIsWhenItsThreadOutlivesTheRecording)
 {
     start();
-    Thread([this] {
+    Thread([] {
         trace_lane_begin(task_begins, QOR_TRACE_TASKS);
         qor_trace_stop();
     }).join();
