@@ -5,13 +5,20 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
 
+inline std::chrono::seconds test_patience_set()
+{
+    const char *seconds = std::getenv("QOR_TESTS_PATIENCE");
+    return std::chrono::seconds(seconds ? std::atoi(seconds) : 60);
+}
+
 /* How long to wait for what other threads bring about. A test that passes never waits that long; a
- * machine with much to do may need a good part of it. */
-constexpr std::chrono::seconds test_patience(60);
+ * machine with much to do may need a good part of it. Less where many tests are to fail. */
+inline const std::chrono::seconds test_patience = test_patience_set();
 
 /* The line of a test that waits. As a default argument it is the line of the call. */
 struct Where {
