@@ -30,6 +30,7 @@ HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
 SOURCES = ["src/queues/*.cpp", "src/user/*.cpp", "src/bus/qor_sched_*.cpp", "src/bus/qor_topic_*.cpp",
            "src/pool/*.cpp", "src/maps/*.cpp"]
+NEAREST = 5  # programs, which are run however long they take
 WANTED = 0.95  # of those that are not equivalent, killed
 UNCOUNTED = ("not compiled", "same code", "code of another")
 
@@ -181,9 +182,13 @@ class Run:
         source = str(ROOT / site.file)
         if not changed.compile(source, text):
             return "killed", "the build"
-        for program in self.reach.programs(source, site):
+        spent = 0.0
+        for place_in_line, program in enumerate(self.reach.programs(source, site)):
             if program not in build.programs:
                 continue
+            spent += self.reach.usual[program]
+            if place_in_line >= NEAREST and spent > self.options.seconds:
+                break
             verdict, test = judge(changed, program, self.reach.usual[program])
             if verdict != "passed":
                 return verdict, f"{program} {test}".strip()
@@ -236,6 +241,7 @@ def main():
     parser.add_argument("--count", type=int, default=570, help="how many mutants, those that count")
     parser.add_argument("--resume", type=lambda name: Path(name).resolve(), help="file of results, gone on with if there")
     parser.add_argument("--again", action="store_true", help="runs what has survived once more")
+    parser.add_argument("--seconds", type=float, default=1e9, help="the nearest programs only, that together take so long")
     parser.add_argument("--races", action="store_true", help="what concerns several threads is also run in build/tsan")
     parser.add_argument("--jobs", type=int, default=2)
     return Run(parser.parse_args()).run()

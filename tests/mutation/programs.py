@@ -11,8 +11,8 @@ from pathlib import Path
 
 # The tests' own patience, and how long a program may take beyond some times its usual. What a test
 # waits for in vain it is to say itself; only what does not get as far as that hangs.
-PATIENCE = 8       # s
-HANGS_AFTER = 25   # s
+PATIENCE = 5       # s
+HANGS_AFTER = 15   # s
 TIMES_USUAL = 2
 SHORT = 5           # s; a program that usually takes less and hangs gets no second chance
 MOST_WRITTEN = 256  # MB in a file
@@ -108,7 +108,8 @@ class Changed:
             return 1, "not linked"
         if library:
             path = self.build.place / "tests" / program
-        words = ["prlimit", f"--fsize={MOST_WRITTEN << 20}", str(path), "--gtest_fail_fast", *arguments]
+        words = ["timeout", "--signal=KILL", str(2 * patience),  # if this here is ended meanwhile
+                 "prlimit", f"--fsize={MOST_WRITTEN << 20}", str(path), "--gtest_fail_fast", *arguments]
         settings = dict(os.environ, LD_LIBRARY_PATH=str(self.place), QOR_TESTS_PATIENCE=str(PATIENCE),
                         ASAN_OPTIONS=f"hard_rss_limit_mb={MOST_HELD}", TSAN_OPTIONS="halt_on_error=1",
                         **environment)
