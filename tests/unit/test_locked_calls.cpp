@@ -214,8 +214,7 @@ const Step steps[] = {
     {"Stop", PAUSE, qor_core_context_lifecycle_stop},
 };
 
-INSTANTIATE_TEST_SUITE_P(All, LockedLifecycle, testing::ValuesIn(steps),
-                         case_name<Step>);
+INSTANTIATE_TEST_SUITE_P(All, LockedLifecycle, testing::ValuesIn(steps), case_name<Step>);
 
 /* A kind of registration: how it is made and ended, in the table and by a context, and the mutexes.
  */
@@ -307,7 +306,6 @@ const Kind kinds[] = {
      qor_context_handler_unfilter, &qor_sched_delegate_t::filter_mutex},
 };
 
-INSTANTIATE_TEST_SUITE_P(All, LockedTopic, testing::ValuesIn(kinds),
-                         case_name<Kind>);
+INSTANTIATE_TEST_SUITE_P(All, LockedTopic, testing::ValuesIn(kinds), case_name<Kind>);
 
 } // namespace
