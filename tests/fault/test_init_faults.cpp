@@ -3,10 +3,12 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "actor.hpp"
 #include "fault.h"
 #include "output.hpp"
 #include "qor_bus.h"
@@ -15,7 +17,9 @@
 #include "qor_core_context.h"
 #include "qor_impl_context.h"
 #include "qor_mng_module.h"
+#include "qor_que.h"
 #include "qor_sched_delegate.h"
+#include "qor_thread_pool.h"
 #include "qor_topic_core.h"
 #include "recording_context.hpp"
 #include "still_bus.hpp"
@@ -243,4 +247,52 @@ TEST(InitFaults, TheRegistryOfTheProcessIsTriedAgain)
     EXPECT_EQ(qor_context_core_instance_get(), &default_core);
 
     EXPECT_TRUE(make_user_context());
+}
+
+/* A bus with a context on it, so that it has delegates, and with registrations. */
+static bool make_delegate()
+{
+    Output out;
+    StillBus bus{StillBus::bare};
+    Journal journal;
+    Actor actor(journal, "actor");
+    actor.attach(bus.get(), QOR_BUS_ROLE_USER);
+    EXPECT_EQ(qor_context_handler_subscribe(actor.get(), 0, nullptr), 0);
+    bus.close();
+    return true;
+}
+
+static bool make_que()
+{
+    qor_que_destroy(qor_que_create(1, nullptr));
+    return true;
+}
+
+static bool make_pool()
+{
+    Output out;
+    qor_thread_pool_destroy(qor_thread_pool_create(1, 1, 1, 128 * 1024, -1, 1));
+    return true;
+}
+
+TEST(InitFaults, WhatIsReleasedLeavesNoLockBehind)
+{
+    const std::pair<const char *, Make> makes[] = {
+        {"bus", make_bus},
+        {"timed queue", make_time_que},
+        {"queue", make_que},
+        {"topics", make_table},
+        {"delegate", make_delegate},
+        {"pool", make_pool},
+        {"user context", make_user_context},
+    };
+    for (const auto &[name, make] : makes) {
+        SCOPED_TRACE(name);
+        make(); /* what is made once for all */
+        const int locks = fault_locks();
+
+        EXPECT_TRUE(make());
+
+        EXPECT_EQ(fault_locks(), locks);
+    }
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "await.hpp"
+#include "door.hpp"
 #include "module.hpp"
 #include "output.hpp"
 #include "qor_bus.h"
@@ -125,6 +126,53 @@ TEST_P(Fairness, ARunThatGivesWayKeepsItsSlot)
 }
 
 INSTANTIATE_TEST_SUITE_P(Workers, Fairness, testing::Values(1u, 2u));
+
+/* With one worker: how many tasks of one module's run go before a task of another's. */
+TEST(FairnessOfATurn, ARunTakesSeveralTasksAndNotMoreThanItsShare)
+{
+    constexpr long share = 64; /* with the one that is held up */
+    Output out;
+    Busy one("one");
+    Module other("other");
+    RunningBus bus({&one.module, &other}, 1, 1u);
+    ASSERT_TRUE(bus.up());
+    struct Look {
+        static void *run(void *arg)
+        {
+            Look &look = *static_cast<Look *>(arg);
+            look.seen = look.one.runs.load();
+            return nullptr;
+        }
+        Busy &one;
+        std::atomic<long> seen;
+    };
+    long most = 0;
+
+    for (int i = 0; i < 300 && most < share - 1; i++) {
+        Door door;
+        Look look{one, {-1}};
+        one.runs = 0;
+        ASSERT_GE(qor_context_run(
+                      one.module.context(),
+                      [](void *arg) -> void * {
+                          static_cast<Door *>(arg)->pass();
+                          return nullptr;
+                      },
+                      &door),
+                  0);
+        ASSERT_TRUE(door.await(1));
+        ASSERT_GE(qor_context_run(other.context(), Look::run, &look), 0);
+        one.begin();
+        door.open();
+        ASSERT_TRUE(await([&] { return look.seen >= 0; }));
+        most = std::max(most, look.seen.load());
+        one.goes_on = false;
+        ASSERT_EQ(qor_bus_drain(bus.get(), 60000), 0);
+    }
+
+    EXPECT_GT(most, 1);
+    EXPECT_LT(most, share);
+}
 
 /* Each argument is recycled once, whether its task ran, waited behind a run that had given way, or
  * was refused while one did. */

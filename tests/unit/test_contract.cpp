@@ -272,4 +272,73 @@ TEST_F(ContractTerms, ALedgerHasWholeCountersAndNoUnknownOnes)
     EXPECT_EQ(qor_bus_ledger(bus(), "nobody", &ledger), -1);
     EXPECT_EQ(output.printed(),
               err_line("qor_contract", "qor_bus_ledger", "name: no contract for \"nobody\"."));
+
+/* Everything that a module's queue takes: tasks, timers, and of each one with a run of its own. */
+class ContractLedger : public Contract {
+protected:
+    void post_each_kind(int32_t delay)
+    {
+        for (const int32_t async : {1, 0}) {
+            qor_context_task_t task = {};
+            qor_context_task_init(&task, server.context(), nullptr, 7, pass, this);
+            task.async = async;
+            task.delay = delay;
+            EXPECT_GE(qor_context_handler_post(server.context(), &task), 0);
+        }
+    }
+
+    static void *pass(void *arg)
+    {
+        static_cast<ContractLedger *>(arg)->door.pass();
+        return nullptr;
+    }
+
+    /* Whether nothing that was accepted is on its way any more. */
+    bool is_closed()
+    {
+        const qor_ledger_t now = ledger();
+        return now.running + now.waiting + now.delayed == 0 && now.accepted == accounted(now);
+    }
+};
+
+TEST_F(ContractLedger, WhatAFailedInitLeavesIsDiscarded)
+{
+    server.init = [this](qor_context_t *) {
+        post_each_kind(0);
+        post_each_kind(3600 * 1000);
+        return -1;
+    };
+    bus_with(terms());
+    door.open();
+
+    bus->start();
+
+    ASSERT_TRUE(await([this] { return ledger().accepted == 4 && is_closed(); }));
+    EXPECT_EQ(ledger().run + ledger().discarded, 4u); /* one may have begun before */
+}
+
+TEST_F(ContractLedger, ARunOfItsOwnThatNeverComesIsDiscarded)
+{
+    Door before;
+    running_with(terms(), 1);
+    ASSERT_GE(qor_context_run(
+                  client.context(),
+                  [](void *arg) -> void * {
+                      static_cast<Door *>(arg)->pass();
+                      return nullptr;
+                  },
+                  &before),
+              0);
+    ASSERT_TRUE(before.await(1));
+    post_each_kind(0);
+    before.open();
+    ASSERT_TRUE(door.await(1)); /* the task; the run waits behind the only worker */
+
+    qor_bus_quit(bus->get());
+    door.open();
+    bus->returned();
+
+    EXPECT_EQ(ledger().run, 1u);
+    EXPECT_EQ(ledger().discarded, 1u);
+    EXPECT_TRUE(is_closed());
 }
