@@ -80,6 +80,21 @@ TEST(ThreadPoolFaults, CreateWithoutMemoryForTheQueueIsReported)
                                  pool_line("qor_thread_pool_init", "create que failed."));
 }
 
+TEST(ThreadPoolFaults, InitReturnsMinusOneWithoutMemory)
+{
+    for (int failure = 0; failure < 3; failure++) { /* queue, private block, threads */
+        Output out;
+        qor_thread_pool_t pool;
+        fault_arm(FAULT_ALLOC, failure);
+
+        EXPECT_EQ(qor_thread_pool_init(&pool, 1, 1, -1, 128 * 1024, -1, 60000), -1);
+
+        EXPECT_EQ(fault_fired(FAULT_ALLOC), 1);
+        EXPECT_EQ(fault_live(), 0);
+    }
+    fault_arm(FAULT_ALLOC, -1);
+}
+
 TEST(ThreadPoolFaults, CreateReportsWhicheverAllocationFailsAndKeepsNothing)
 {
     int failures = 0;

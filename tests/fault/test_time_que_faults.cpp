@@ -244,6 +244,36 @@ TEST(TimeQueFaults, ANodeChangedWhileQueuedCostsTheIndex)
     }
 }
 
+/* What the index holds shows what it costs when it is lost: nothing, until it is made anew. */
+TEST(TimeQueFaults, NoChangeThroughTheQueueCostsTheIndex)
+{
+    std::mt19937 random(1234);
+    for (const unsigned times : {3u, 40u, 1000000u}) {
+        for (const unsigned ids : {1u, 5u, 1000000u}) {
+            SCOPED_TRACE(testing::Message() << times << " times, " << ids << " ids");
+            Supply supply(5000, times, ids);
+            TimeQue que;
+            fault_arm(FAULT_ALLOC, -1);
+            enque(que, supply, 0, 5000);
+            const int blocks = fault_live();
+            EXPECT_GT(blocks, 100); /* of 64 slots at most, in two trees */
+            for (int i = 0; i < 3000; i++) {
+                const qor_time_que_node_t *wanted = supply.nodes[random() % 5000];
+                qor_time_que_node_t *node = qor_time_que_remove(que, wanted->id);
+                ASSERT_TRUE(node);
+                ASSERT_GT(fault_live(), 0) << "after removal " << i;
+                if (i % 3 == 0) {
+                    node->when = supply.nodes[random() % 5000]->when + (i % 2);
+                }
+                ASSERT_EQ(qor_time_que_enque(que, node), 0);
+                ASSERT_GT(fault_live(), 0) << "after node " << i;
+            }
+            remove_all_but(que, 0);
+            EXPECT_EQ(fault_live(), 0);
+        }
+    }
+}
+
 TEST(TimeQueFaults, AQuitGivesTheIndexBack)
 {
     TimeQue que;

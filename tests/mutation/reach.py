@@ -1,14 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """Which test programs come to which lines of a source, and how long each takes: kept beside the build."""
 import concurrent.futures
-import hashlib
 import json
 import os
 import re
 import shutil
 import subprocess
 import tempfile
-import threading
 from pathlib import Path
 
 from programs import INSIDE, Changed, usual_time
@@ -16,11 +14,8 @@ from programs import INSIDE, Changed, usual_time
 PASSED_OVER = {"test_idle"}  # sleeps longer than a minute
 
 
-def digest(build, sources):
-    told = hashlib.sha256()
-    for path in [*sources, *(build.place / "tests" / name for name in build.programs)]:
-        told.update(f"{path} {os.stat(path).st_mtime_ns} {os.stat(path).st_size}".encode())
-    return told.hexdigest()
+def stamp(path):
+    return f"{os.stat(path).st_mtime_ns} {os.stat(path).st_size}"
 
 
 def lines_of(place, gcda, gcno, name):
@@ -45,23 +40,30 @@ class Reach:
 
     def __init__(self, build, sources):
         kept = build.place / "mutation_reach.json"
-        now = digest(build, sources)
+        stamps = {name: stamp(build.place / "tests" / name) for name in build.programs if name not in PASSED_OVER}
+        library = {source: stamp(source) for source in sources}
         told = json.loads(kept.read_text()) if kept.exists() else {}
-        if told.get("digest") != now:
-            told = {"digest": now, **self.measure(build, sources)}
+        if told.get("library") != library:
+            told = {"library": library, "programs": {}}
+        programs = told["programs"]
+        for name in set(programs) - set(stamps):
+            del programs[name]
+        changed = [name for name, now in stamps.items() if programs.get(name, {}).get("stamp") != now]
+        if changed:
+            for name, found in self.measure(build, sources, changed).items():
+                programs[name] = {"stamp": stamps[name], **found}
             kept.write_text(json.dumps(told))
-        self.usual = told["usual"]
-        self.failed = told["failed"]
-        self.lines = {source: {program: set(lines) for program, lines in by.items()}
-                      for source, by in told["lines"].items()}
-        self.known = {source: set(lines) for source, lines in told["known"].items()}
+        self.usual = {name: found["usual"] for name, found in programs.items() if found["usual"] is not None}
+        self.failed = sorted(set(programs) - set(self.usual))
+        self.lines = {source: {name: set(found["lines"][source]) for name, found in programs.items()}
+                      for source in sources}
+        self.known = {source: set().union(*(found["known"][source] for found in programs.values()))
+                      for source in sources}
 
     @staticmethod
-    def measure(build, sources):
-        usual, failed = {}, []
-        lines = {source: {} for source in sources}
-        known = {source: set() for source in sources}
-        lock = threading.Lock()
+    def measure(build, sources, programs):
+        found = {name: {"usual": None, "lines": {source: [] for source in sources},
+                        "known": {source: [] for source in sources}} for name in programs}
         with tempfile.TemporaryDirectory() as place:
             base = Path(place)
             measured = Changed(build, base, ["--coverage"])
@@ -78,25 +80,18 @@ class Reach:
                 mine.objects, mine.made = measured.objects, set(measured.made)
                 for library in measured.made:
                     (mine.place / library).symlink_to(base / library)
-                took = usual_time(mine, program, GCOV_PREFIX=str(counts))
-                with lock:
-                    if took is None:
-                        failed.append(program)
-                    else:
-                        usual[program] = took
+                found[program]["usual"] = usual_time(mine, program, GCOV_PREFIX=str(counts))
                 for source in sources:
                     name = Path(source).name
                     for gcda in counts.rglob(f"{name}.gcda"):
                         reached, has = lines_of(gcda.parent, gcda, base / f"{name}.gcno", name)
-                        with lock:
-                            lines[source][program] = sorted(reached)
-                            known[source] |= has
+                        found[program]["lines"][source] = sorted(reached)
+                        found[program]["known"][source] = sorted(has)
                 shutil.rmtree(counts, ignore_errors=True)
 
             with concurrent.futures.ThreadPoolExecutor(2) as pool:
-                list(pool.map(one, [name for name in build.programs if name not in PASSED_OVER]))
-        return {"usual": usual, "failed": sorted(failed), "lines": lines,
-                "known": {source: sorted(has) for source, has in known.items()}}
+                list(pool.map(one, programs))
+        return found
 
     def programs(self, source, site):
         """Those that come to the site, the nearest and fastest first."""

@@ -293,6 +293,14 @@ TEST_P(LockedTopic, TheOwnRegistrationsOfAContextWait)
     expect_to_wait(delegate->*kind.own_mutex, [&] { EXPECT_EQ(kind.leave(a.get(), 0), 0); });
 }
 
+TEST_P(LockedTopic, TheEndOfAContextsRegistrationsWaits)
+{
+    const Kind &kind = GetParam();
+    qor_sched_delegate_t *delegate = a.delegate();
+    ASSERT_EQ(kind.enter(a.get(), 0, nullptr), 0);
+    expect_to_wait(delegate->*kind.own_mutex, [&] { qor_sched_delegate_destroy(delegate); });
+}
+
 const Kind kinds[] = {
     {"Subscribe", qor_topic_core_subscribe, qor_topic_core_unsubscribe,
      qor_topic_core_unsubscribe_by_node, qor_topic_core_subscriber_node_next,

@@ -531,3 +531,23 @@ TEST(TimeQueIndex, ANodeTakenOutByHandIsNotFound)
     EXPECT_EQ(qor_time_que_remove(que, 7), nullptr);
     que->count = 100;
 }
+
+/* To the millisecond, and by arrival within one. */
+TEST(TimeQueIndex, AQueueInOrderPutsEachNodeBehindThoseOfItsTime)
+{
+    TimeQue que;
+    time_que_in_order(que);
+    const int64_t start = util_timestamp() + apart;
+    std::string names;
+    for (const int later : {6, 5, 6, 5, 7, 5, 8, 6}) {
+        const char name = static_cast<char>('a' + que->count);
+        ASSERT_EQ(qor_time_que_enque(que, node_due_at(start + later, static_cast<size_t>(name))),
+                  0);
+    }
+
+    for (list_head *link = que->head.next; link != &que->head; link = link->next) {
+        names += static_cast<char>(reinterpret_cast<qor_time_que_node_t *>(link)->id);
+    }
+
+    EXPECT_EQ(names, "bdfacheg");
+}
