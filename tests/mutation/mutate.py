@@ -13,7 +13,6 @@ import collections
 import concurrent.futures
 import hashlib
 import json
-import random
 import re
 import subprocess
 import sys
@@ -30,7 +29,6 @@ HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
 SOURCES = ["src/queues/*.cpp", "src/user/*.cpp", "src/bus/qor_sched_*.cpp", "src/bus/qor_topic_*.cpp",
            "src/pool/*.cpp", "src/maps/*.cpp"]
-NEAREST = 5  # programs, which are run however long they take
 WANTED = 0.95  # of those that are not equivalent, killed
 UNCOUNTED = ("not compiled", "same code", "code of another")
 
@@ -56,12 +54,18 @@ class Equivalents:
 
 
 class Drawn:
-    """The mutants in the order in which they are drawn, a source after the other."""
+    """The mutants of each source in the order in which they are drawn.
+
+    What is next is decided by each mutant's own text, so that a changed line changes its place alone.
+    """
 
     def __init__(self, seed, sites):
-        self.left = {file: list(found) for file, found in sites.items()}
-        for file, found in self.left.items():
-            random.Random(f"{seed} {file}").shuffle(found)
+        self.left = {file: sorted(found, key=lambda site: self.lot(seed, site)) for file, found in sites.items()}
+
+    @staticmethod
+    def lot(seed, site):
+        told = "\n".join([str(seed), site.file, site.function, site.kind, site.before, site.after])
+        return hashlib.sha256(told.encode()).hexdigest(), site.start
 
     def next_of(self, file):
         return self.left[file].pop(0) if self.left[file] else None
@@ -182,12 +186,14 @@ class Run:
         source = str(ROOT / site.file)
         if not changed.compile(source, text):
             return "killed", "the build"
+        near, far = self.reach.programs(source, site)
         spent = 0.0
-        for place_in_line, program in enumerate(self.reach.programs(source, site)):
+        for program in near + far:
             if program not in build.programs:
                 continue
-            spent += self.reach.usual[program]
-            if place_in_line >= NEAREST and spent > self.options.seconds:
+            if program in far:
+                spent += self.reach.usual[program]
+            if spent > self.options.seconds:
                 break
             verdict, test = judge(changed, program, self.reach.usual[program])
             if verdict != "passed":
@@ -241,7 +247,7 @@ def main():
     parser.add_argument("--count", type=int, default=570, help="how many mutants, those that count")
     parser.add_argument("--resume", type=lambda name: Path(name).resolve(), help="file of results, gone on with if there")
     parser.add_argument("--again", action="store_true", help="runs what has survived once more")
-    parser.add_argument("--seconds", type=float, default=1e9, help="the nearest programs only, that together take so long")
+    parser.add_argument("--seconds", type=float, default=1e9, help="of a source's own tests all, of others so many s at most")
     parser.add_argument("--races", action="store_true", help="what concerns several threads is also run in build/tsan")
     parser.add_argument("--jobs", type=int, default=2)
     return Run(parser.parse_args()).run()

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Which test programs come to which lines of a source, and how long each takes: kept beside the build."""
 import concurrent.futures
+import fnmatch
 import json
 import os
 import re
@@ -13,9 +14,29 @@ from programs import INSIDE, Changed, usual_time
 
 PASSED_OVER = {"test_idle"}  # sleeps longer than a minute
 
+# Beside the tests that the list of the sources names, for all sources and for some.
+ALSO = {
+    "": ["test_locked_calls", "test_init_faults"],
+    "queues/key_tree.cpp": ["test_time_que*"],
+    "queues/time_index.cpp": ["test_time_que*"],
+    "user/qor_core_context_tasks.cpp": ["test_contract*", "test_fairness"],
+    "user/user_admission.cpp": ["test_core_context_*", "test_contract*"],
+    "user/user_init.cpp": ["test_failed_init*"],
+    "user/user_run.cpp": ["test_contract*"],
+}
+
 
 def stamp(path):
     return f"{os.stat(path).st_mtime_ns} {os.stat(path).st_size}"
+
+
+def own_programs(root, source):
+    """The tests of a source, as the sources' list names them, those of its failing calls, and what ALSO has."""
+    name = str(Path(source).relative_to(root / "src"))
+    row = next(line for line in (root / "src/README.md").read_text().splitlines() if f"`{name}`" in line)
+    named = re.findall(r"`(test_[\w*]+)\.cpp`", row)
+    faults = [f"{test.rstrip('_*')}_faults" for test in named]
+    return [*named, *faults, *ALSO[""], *ALSO.get(name, [])]
 
 
 def lines_of(place, gcda, gcno, name):
@@ -60,6 +81,8 @@ class Reach:
         self.known = {source: set().union(*(found["known"][source] for found in programs.values()))
                       for source in sources}
 
+        self.own = {source: own_programs(build.place.parents[1], source) for source in sources}
+
     @staticmethod
     def measure(build, sources, programs):
         found = {name: {"usual": None, "lines": {source: [] for source in sources},
@@ -94,10 +117,14 @@ class Reach:
         return found
 
     def programs(self, source, site):
-        """Those that come to the site, the nearest and fastest first."""
+        """Those that come to the site: the source's own, and then the others, the fastest first that come
+        to much of it."""
         wanted = {site.line} if site.line in self.known[source] else set(range(site.first, site.last + 1))
         by = self.lines[source]
         found = [program for program, lines in by.items() if program in self.usual and lines & wanted]
         if not site.function:
             found = [program for program, lines in by.items() if program in self.usual and lines]
-        return sorted(found, key=lambda program: (self.usual[program] + 0.2) / len(by[program]))
+        near = [program for program in found if any(fnmatch.fnmatch(program, name) for name in self.own[source])]
+        far = set(found) - set(near)
+        return (sorted(near, key=self.usual.get),
+                sorted(far, key=lambda program: (self.usual[program] + 0.2) / len(by[program])))

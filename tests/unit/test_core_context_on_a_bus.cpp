@@ -138,6 +138,21 @@ TEST_F(CoreContextOnABus, NothingIsAcceptedOnceTheBusQuits)
     EXPECT_EQ(out.count("create a timer failed, source:gauge, task:"), 2);
 }
 
+TEST_F(CoreContextOnABus, NorPastAFullQueue)
+{
+    to_recycle = 50;
+    for (int32_t session = 0; session < to_recycle; session++) {
+        ASSERT_EQ(post(session), 0);
+    }
+    qor_bus_quit(bus);
+
+    EXPECT_EQ(post(60), -1);
+    EXPECT_EQ(post(61, 60000), -1);
+
+    EXPECT_EQ(core->que->count, 50);
+    EXPECT_EQ(out.count("create a timer failed, source:gauge, task:"), 2);
+}
+
 TEST_F(CoreContextOnABus, ATaskTakenBeforeTheBusRefusesItsRunIsNoError)
 {
     Sleeper sleeper;
