@@ -3,6 +3,7 @@
 #include "contract_fixture.hpp"
 #include "inspection.hpp"
 #include "sleeper.hpp"
+#include "thread_call.hpp"
 
 namespace {
 
@@ -230,17 +231,16 @@ TEST_F(ContractOverflow, BlockedPostersGoOnInTheOrderOfTheirArrival)
 {
     held_with(strict_terms(1, QOR_OVERFLOW_BLOCK, 60000));
     ASSERT_GE(ask(1), 0);
-    std::vector<Thread> posters;
+    std::vector<ThreadCall> posters;
     for (int i = 2; i < 10; i++) {
-        posters.emplace_back([this, i] { EXPECT_GE(ask(i), 0); });
-        const int64_t since = util_timestamp();
-        ASSERT_TRUE(await([&] { return util_timestamp() > since + 10; }));
+        posters.emplace_back([this, i] { return ask(i); });
+        ASSERT_TRUE(posters.back().waits());
     }
 
     door.open();
 
-    for (Thread &poster : posters) {
-        poster.join();
+    for (ThreadCall &poster : posters) {
+        EXPECT_GE(poster.get(), 0);
     }
     ASSERT_TRUE(settles());
     EXPECT_EQ(seen.text(), "abcdefghij");
