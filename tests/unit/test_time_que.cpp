@@ -13,6 +13,7 @@
 #include "que_holder.hpp"
 #include "sleeper.hpp"
 #include "thread.hpp"
+#include "thread_call.hpp"
 
 namespace {
 
@@ -883,4 +884,21 @@ TEST(TimeQue, ANodeThatIsDueInMonthsDoesNotKeepATakerFromAnother)
     taker.join();
     EXPECT_EQ(taken, due);
     qor_time_que_node_destroy(due, nullptr);
+}
+
+TEST(TimeQue, WhoGivesUpLeavesTheOtherTakersWakeAlone)
+{
+    TimeQue que;
+    std::string name;
+    ThreadCall taker([&] {
+        name = free_and_name(qor_time_que_deque_block(que, -1));
+        return int32_t{0};
+    });
+    ASSERT_TRUE(taker.waits());
+    EXPECT_EQ(qor_time_que_deque_block(que, 10), nullptr);
+
+    EXPECT_EQ(qor_time_que_enque(que, new_time_node('a', 0)), 0);
+
+    EXPECT_EQ(taker.get(), 0);
+    EXPECT_EQ(name, "a");
 }
