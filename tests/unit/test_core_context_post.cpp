@@ -250,8 +250,10 @@ TEST_F(CoreContext, ADelayedFiftyFirstTaskGoesToTheBusAsATimer)
     }
 
     EXPECT_EQ(post(task("late", 51, 700)), 0);
+    EXPECT_EQ(post(task("soon", 52, 1)), 0);
 
-    ASSERT_EQ(behind.posted.size(), 2u);
+    ASSERT_EQ(behind.posted.size(), 3u);
+    EXPECT_EQ(behind.posted[2].delay, 1);
     EXPECT_EQ(behind.posted[1].session, 51);
     EXPECT_EQ(behind.posted[1].delay, 700);
     EXPECT_EQ(core->que->count, 50);

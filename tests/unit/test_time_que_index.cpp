@@ -551,3 +551,20 @@ TEST(TimeQueIndex, AQueueInOrderPutsEachNodeBehindThoseOfItsTime)
 
     EXPECT_EQ(names, "bdfacheg");
 }
+
+/* Nodes out of use: so many are kept for the next, the others are freed. */
+TEST(TimeQueKept, AreThirtyTwoHoweverOftenTheyAreTaken)
+{
+    TimeQue que;
+    for (int round = 0; round < 3; round++) {
+        for (int i = 0; i < 40; i++) {
+            time_que_keep_locked(que, new_time_node('k', 0));
+        }
+        int kept = 0;
+        while (qor_time_que_node_t *node = time_que_kept_locked(que)) {
+            qor_time_que_node_destroy(node, nullptr);
+            kept++;
+        }
+        EXPECT_EQ(kept, 32);
+    }
+}
