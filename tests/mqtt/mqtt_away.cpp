@@ -110,9 +110,12 @@ TEST_F(MqttAway, AfterEachConnectAllFiltersAreSubscribedAnew)
 TEST_F(MqttAway, ASubscriptionThatIsRefusedMakesALine)
 {
     broker.port();
-    std::ofstream(broker.folder() / "acl") << "topic readwrite good\n";
+    std::ofstream(broker.folder() / "rights.json")
+        << "{\"defaultACLAccess\": {\"publishClientSend\": true, \"publishClientReceive\": true, "
+           "\"subscribe\": false, \"unsubscribe\": true}}";
     routes = {route("denied", QOR_MQTT_IN, TAKEN, "bad/#")};
-    start_connected("allow_anonymous true\nacl_file " + (broker.folder() / "acl") + "\n");
+    start_connected("allow_anonymous true\nplugin " QOR_BROKER_RIGHTS "\nplugin_opt_config_file " +
+                    (broker.folder() / "rights.json") + "\n");
 
     EXPECT_TRUE(output.await("route \"denied\": the broker refuses the subscription: "));
 }

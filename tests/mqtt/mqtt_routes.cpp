@@ -276,6 +276,7 @@ TEST_F(MqttRoutes, ARequestThatCameInGoesOutOnOtherRoutesOnly)
     EXPECT_EQ(peer.payloads(), "x x y y");
     EXPECT_EQ(peer.got()[1].topic, "on");
     EXPECT_EQ(peer.got()[1].hop, "1");
+    ASSERT_TRUE(taken.await(2));
     EXPECT_EQ(taken.text(), "x y");
 }
 
@@ -308,6 +309,7 @@ TEST_F(MqttRoutes, TwoBridgesThatMirrorATopicEachTakeAMessageOnce)
     ASSERT_TRUE(answers.await(2));
     ASSERT_TRUE(peer.await_count(2));
 
+    ASSERT_TRUE(taken.await(2));
     EXPECT_EQ(taken.text(), "x y");
     EXPECT_EQ(answers.text(), "x y");
     EXPECT_EQ(peer.payloads(), "x y");

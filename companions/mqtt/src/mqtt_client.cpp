@@ -58,6 +58,7 @@ const char *options_set(struct mosquitto *client, const qor_mqtt_config_t &terms
 {
     if (mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5) != 0 ||
         mosquitto_int_option(client, MOSQ_OPT_SEND_MAXIMUM, terms.inflight) != 0 ||
+        mosquitto_int_option(client, MOSQ_OPT_RECEIVE_MAXIMUM, terms.inflight) != 0 ||
         mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1) != 0) {
         return "inflight";
     }

@@ -242,7 +242,7 @@ bool thread_await(mqtt_bridge *bridge)
 {
     struct timespec until;
     mqtt_lock lock(bridge->mutex);
-    util_timespec(bridge->close_by + farewell + handshake, &until);
+    util_timespec(bridge->close_by + farewell, &until);
     int result = 0;
     while (!bridge->thread_over && result != ETIMEDOUT) {
         result = pthread_cond_timedwait(&bridge->ended, &bridge->mutex, &until);

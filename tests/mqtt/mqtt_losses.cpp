@@ -1,0 +1,140 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Numbered messages while connections are cut and the broker is ended and started. */
+#include "bridged.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+
+namespace {
+
+/* What becomes of numbered messages: one bridge sends them out, another takes them in again. Each
+ * arrival is ticked off by its number. */
+class MqttLosses : public Bridged {
+protected:
+    enum { MANY = 10000 };
+
+    MqttLosses()
+    {
+        taker.handle = [](qor_context_t *, qor_context_msg_t *) { return 0; };
+        asker.reg = [](qor_context_t *c) { qor_context_subscribe(c, ASKED, nullptr); };
+        asker.handle = [this](qor_context_t *, qor_context_msg_t *msg) {
+            if (msg->type == QOR_CONTEXT_MSG_REQUEST) {
+                arrived(std::stoi(text_of(msg->request)));
+            }
+            return 0;
+        };
+    }
+
+    void arrived(int number)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        doubles += seen[static_cast<size_t>(number)]++ > 0;
+        different += seen[static_cast<size_t>(number)] == 1;
+    }
+
+    /* Both bridges have kept sessions, and room for all. */
+    void bridges_to(int out_port, int in_port)
+    {
+        config.clean_start = 0;
+        config.session_expiry = 600;
+        config.depth = config.out_messages = config.in_messages = MANY;
+        config.out_bytes = config.in_bytes = 64 << 20;
+        config.connect_time = 2000;
+        bridge_to(out_port, route("out", QOR_MQTT_OUT, TAKEN, "numbered"), "sender");
+        bridge_to(in_port, route("in", QOR_MQTT_IN, ASKED, "numbered"), "receiver");
+    }
+
+    /* Requests from..to go to the bus, none faster than the bridge takes them. */
+    void number(int from, int to)
+    {
+        for (int i = from; i < to; i++) {
+            ask(TAKEN, std::to_string(i), 0);
+            if (i % 100 == 99) {
+                ASSERT_TRUE(
+                    await([&] { return status(0).accepted + 500 > static_cast<uint64_t>(i); }));
+            }
+        }
+        ASSERT_TRUE(await([&] { return status(0).accepted == static_cast<uint64_t>(to); }));
+    }
+
+    int missing()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return MANY - different;
+    }
+
+    void expect_all()
+    {
+        EXPECT_TRUE(await([this] { return missing() == 0; })) << missing() << " are missing";
+        EXPECT_TRUE(await([this] { return status(0).acknowledged == MANY; }));
+        EXPECT_EQ(status(0).unseen, 0u);
+        EXPECT_EQ(status(1).in_dropped, 0u);
+        RecordProperty("doubles", doubles);
+        RecordProperty("doubles_handed", static_cast<int>(status(1).in) - MANY);
+        RecordProperty("connects", static_cast<int>(status(0).connects + status(1).connects));
+    }
+
+    std::mutex mutex;
+    std::vector<int> seen = std::vector<int>(MANY);
+    int different = 0, doubles = 0;
+
+private:
+    void bridge_to(int port, const qor_mqtt_route_t &only, const char *name)
+    {
+        config.name = config.client_id = name;
+        config.port = port;
+        config.routes = &only;
+        config.route_count = 1;
+        bridges.push_back(qor_mqtt_module_create(&config));
+        ASSERT_TRUE(bridges.back());
+    }
+};
+
+const char kept[] = "allow_anonymous true\nmax_queued_messages 0\npersistence true\n";
+
+TEST_F(MqttLosses, NoneIsLostWhenConnectionsAreCut)
+{
+    constexpr int cuts = 30;
+    const int port = free_port();
+    const std::string cuts_path = broker.folder() / "cuts";
+    Program proxy;
+    broker.start(kept);
+    proxy.start({"python3", QOR_PROXY, std::to_string(port), std::to_string(broker.port()), "1",
+                 std::to_string(cuts), "40000"},
+                cuts_path);
+    ASSERT_TRUE(await([&] { return somebody_listens(port); }));
+    bridges_to(port, port);
+    start();
+    ASSERT_TRUE(connected(1));
+
+    number(0, MANY);
+    expect_all();
+
+    const std::string lines = text_of(cuts_path);
+    EXPECT_GE(std::count(lines.begin(), lines.end(), '\n'), cuts); /* the last may take both */
+    end();
+}
+
+TEST_F(MqttLosses, NoneIsLostWhenTheBrokerIsEndedAndStarted)
+{
+    const std::string lines =
+        kept + std::string("persistence_location ") + (broker.folder() / "") + "\n";
+    broker.start(lines);
+    bridges_to(broker.port(), broker.port());
+    start();
+    ASSERT_TRUE(connected(0) && connected(1));
+
+    for (int part = 0; part < 4; part++) {
+        number(part * MANY / 4, (part + 1) * MANY / 4);
+        if (part < 3) {
+            broker.stop(SIGTERM);
+            broker.start(lines);
+        }
+    }
+
+    expect_all();
+    end();
+}
+
+} // namespace
