@@ -58,7 +58,6 @@ const char *options_set(struct mosquitto *client, const qor_mqtt_config_t &terms
 {
     if (mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5) != 0 ||
         mosquitto_int_option(client, MOSQ_OPT_SEND_MAXIMUM, terms.inflight) != 0 ||
-        mosquitto_int_option(client, MOSQ_OPT_RECEIVE_MAXIMUM, terms.inflight) != 0 ||
         mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1) != 0) {
         return "inflight";
     }
@@ -281,6 +280,9 @@ int mqtt_client_connect(mqtt_bridge *bridge, bool again)
     if (again) {
         return mosquitto_reconnect(bridge->link.client);
     }
+    /* What comes without an acknowledgement comes twice when the connection is cut. */
+    mosquitto_property_add_int16(&properties, MQTT_PROP_RECEIVE_MAXIMUM,
+                                 static_cast<uint16_t>(terms.inflight));
     if (terms.session_expiry) {
         mosquitto_property_add_int32(&properties, MQTT_PROP_SESSION_EXPIRY_INTERVAL,
                                      terms.session_expiry);

@@ -133,11 +133,13 @@ void connection_keep(mqtt_bridge *bridge)
     const qor_mqtt_config_t &terms = bridge->config.terms;
     const int64_t greeted_by = util_timestamp() + terms.connect_time;
     int result = MOSQ_ERR_SUCCESS;
+    bool greeted = false;
     while (result == MOSQ_ERR_SUCCESS && mosquitto_socket(bridge->link.client) >= 0) {
         result = connection_turn(bridge);
         if (bridge->link.greeted) {
+            greeted = true;
             bridge->link.pause = terms.reconnect_min;
-        } else if (util_timestamp() >= greeted_by) {
+        } else if (!greeted && util_timestamp() >= greeted_by) {
             MQTT_WRN("\"%s\": %s, port %d, does not answer.", terms.name, terms.host, terms.port);
             return;
         }
@@ -145,6 +147,10 @@ void connection_keep(mqtt_bridge *bridge)
             connection_leave(bridge);
             break;
         }
+    }
+    if (!greeted && result != MOSQ_ERR_SUCCESS && result != MOSQ_ERR_CONN_REFUSED) {
+        MQTT_INF("\"%s\": a connection to %s, port %d, does not come about: %s", terms.name,
+                 terms.host, terms.port, mosquitto_strerror(result));
     }
     mqtt_client_lost(bridge, result);
 }
