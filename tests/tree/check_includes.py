@@ -41,7 +41,18 @@ UPWARDS = {
     ("trace_thread.cpp", "qor_inspect.h"),
     ("trace_stall.cpp", "qor_inspect.h"),
 }
-RANK = {name: rank for rank, names in enumerate(RANKS) for name in names.split()}
+# The bridge has ranks of its own; below them stand the bus's public headers, and nothing else of it.
+MQTT_RANKS = [
+    "mqtt_base qor_mqtt",                                     # 0 language, interface
+    "mqtt_topic mqtt_config mqtt_outbox",                     # 1 what needs no other
+    "mqtt_inbox mqtt_calls",                                  # 2 what knows routes
+    "mqtt_properties mqtt_routed",                            # 3 what knows arrivals
+    "mqtt_bridge",                                            # 4 the record that both sides share
+    "mqtt_arrivals mqtt_outward mqtt_client mqtt_link",       # 5 the sides
+    "mqtt_module",                                            # 6 the module
+]
+MQTT_UPWARDS = {("mqtt_bridge.cpp", "mqtt_link.hpp"), ("mqtt_bridge.cpp", "mqtt_outward.hpp")}
+RANK = {name: rank for ranks in (RANKS, MQTT_RANKS) for rank, names in enumerate(ranks) for name in names.split()}
 
 
 def stem(name):
@@ -53,7 +64,7 @@ def complaint(includer, included):
     """Why one file may not include another, or None."""
     source = includer.endswith(".cpp")
     of, to = stem(includer), stem(included)
-    if (includer, included) in UPWARDS or of == to and (source or included.endswith(".h")):
+    if (includer, included) in UPWARDS | MQTT_UPWARDS or of == to and (source or included.endswith(".h")):
         return None
     if includer.endswith(".h") and included.endswith(".hpp"):
         return "a public header includes an internal one"
@@ -63,6 +74,25 @@ def complaint(includer, included):
     if RANK[to] == RANK[of] and not inward and (of, to) not in SIDEWAYS:
         return "two headers of one rank"
     return None
+
+
+def mqtt_complaints(root):
+    """The same for the bridge."""
+    outside = {p.name for p in (root / "include").glob("*.h")} | {"qor_hal.h"}
+    ranked = {name for names in MQTT_RANKS for name in names.split()}
+    for path in sorted((root / "companions/mqtt").rglob("*.[hc]*")):
+        if path.suffix not in {".h", ".hpp", ".cpp"}:
+            continue
+        if stem(path.name) not in ranked:
+            yield f"{path.name}: has no rank"
+            continue
+        for included in re.findall(r'^\s*#\s*include\s*"([^"]+)"', path.read_text(), re.M):
+            if included in outside:
+                continue
+            if stem(included) not in ranked:
+                yield f"{path.name}: {included} is neither the bridge's nor public"
+            elif why := complaint(path.name, included):
+                yield f"{path.name} includes {included}: {why}"
 
 
 def main(root):
@@ -84,6 +114,7 @@ def main(root):
     complaints += [f"{a} no longer includes {b}: drop the exception" for a, b in UPWARDS - found if a in names]
     public = {n for n in names if n.endswith(".h")} - {"qor.h", "qor_names_open.h", "qor_names_close.h"}
     complaints += [f"qor.h does not include {n}" for n in public if ("qor.h", n) not in found]
+    complaints += mqtt_complaints(root)
     print("\n".join(sorted(complaints)) or f"{len(found)} edges, all downwards")
     return len(complaints) > 0
 

@@ -5,7 +5,6 @@
 
 #include <mqtt_protocol.h>
 
-#include "mqtt_link.hpp"
 #include "mqtt_outward.hpp"
 #include "mqtt_properties.hpp"
 #include "mqtt_topic.hpp"

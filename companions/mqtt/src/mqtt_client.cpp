@@ -8,7 +8,6 @@
 #include <sys/random.h>
 
 #include "mqtt_arrivals.hpp"
-#include "mqtt_topic.hpp"
 
 namespace {
 
