@@ -41,7 +41,10 @@ protected:
         config.depth = config.out_messages = config.in_messages = MANY;
         config.out_bytes = config.in_bytes = 64 << 20;
         config.connect_time = 2000;
-        bridge_to(out_port, route("out", QOR_MQTT_OUT, TAKEN, "numbered"), "sender");
+        qor_mqtt_route_t out = route("out", QOR_MQTT_OUT, TAKEN, "numbered");
+        out.encode = sent_encode;
+        out.arg = &sent;
+        bridge_to(out_port, out, "sender");
         bridge_to(in_port, route("in", QOR_MQTT_IN, ASKED, "numbered"), "receiver");
     }
 
@@ -75,6 +78,8 @@ protected:
         RecordProperty("connects", static_cast<int>(status(0).connects + status(1).connects));
     }
 
+    qor_mqtt_encode_t sent_encode = nullptr; /* for the sender */
+    std::vector<int> sent;                   /* what that has written, in order */
     std::mutex mutex;
     std::vector<int> seen = std::vector<int>(MANY);
     int different = 0, doubles = 0;
@@ -134,6 +139,84 @@ TEST_F(MqttLosses, NoneIsLostWhenTheBrokerIsEndedAndStarted)
     }
 
     expect_all();
+    end();
+}
+
+/* A killed broker may lose what it has acknowledged, but never what it has not: that is sent again.
+ */
+TEST_F(MqttLosses, AKilledBrokerLosesOnlyWhatItHasAcknowledged)
+{
+    constexpr int part = 500, kills = 3;
+    const std::string lines = kept +
+                              std::string("autosave_on_changes true\nautosave_interval 1\n") +
+                              "persistence_location " + (broker.folder() / "") + "\n";
+    const auto receive = [this](const std::vector<std::string> &more) {
+        Program receiver;
+        std::vector<std::string> words = {"mosquitto_sub",
+                                          "-V",
+                                          "5",
+                                          "-h",
+                                          "127.0.0.1",
+                                          "-p",
+                                          std::to_string(broker.port()),
+                                          "-i",
+                                          "away",
+                                          "-c",
+                                          "-x",
+                                          "600",
+                                          "-q",
+                                          "1",
+                                          "-t",
+                                          "numbered"};
+        words.insert(words.end(), more.begin(), more.end());
+        receiver.start(words, broker.folder() / "received");
+        receiver.wait();
+    };
+    broker.start(lines);
+    receive({"-E"}); /* its session is there from now on */
+    sent_encode = [](void *arg, const qor_mqtt_part_t *message, void *buf, int32_t) {
+        std::memcpy(buf, message->data, static_cast<size_t>(message->size));
+        static_cast<std::vector<int> *>(arg)->push_back(std::stoi(std::string(
+            static_cast<const char *>(message->data), static_cast<size_t>(message->size))));
+        return message->size;
+    };
+    bridges_to(broker.port(), broker.port());
+    qor_mqtt_module_destroy(bridges.back());
+    bridges.pop_back();
+    start();
+    ASSERT_TRUE(connected(0));
+
+    uint64_t acknowledged = 0;
+    for (int kill = 0; kill < kills; kill++) {
+        for (int i = kill * part; i < (kill + 1) * part; i++) {
+            ask(TAKEN, std::to_string(i), 0);
+        }
+        ASSERT_TRUE(await(
+            [&] { return status().acknowledged > static_cast<uint64_t>(kill * part + part / 2); }));
+        broker.stop(SIGKILL);
+        ASSERT_TRUE(await([&] { return status().connected == 0; }));
+        acknowledged = status().acknowledged;
+        broker.start(lines);
+        ASSERT_TRUE(await(
+            [&] { return status().acknowledged == static_cast<uint64_t>((kill + 1) * part); }));
+    }
+    receive({"-W", "3"});
+
+    std::vector<int> times(part * kills);
+    std::stringstream received(text_of(broker.folder() / "received"));
+    for (int number; received >> number;) {
+        times[static_cast<size_t>(number)]++;
+    }
+    /* They are acknowledged in the order in which they were encoded. */
+    int lost = 0;
+    for (size_t i = 0; i < sent.size(); i++) {
+        const bool there = times[static_cast<size_t>(sent[i])] > 0;
+        lost += !there;
+        EXPECT_TRUE(there || i < acknowledged) << "number " << sent[i];
+    }
+    EXPECT_EQ(sent.size(), static_cast<size_t>(part * kills));
+    fprintf(stderr, "killed %d times: %d of %d acknowledged messages lost\n", kills, lost,
+            part * kills);
     end();
 }
 
