@@ -36,21 +36,23 @@ UNCOUNTED = ("not compiled", "same code", "code of another")
 class Equivalents:
     """Changes that nobody can notice, each with its reason, in the file of that name.
 
-    A paragraph each: source and function, the lines as they are after "- ", the changed after "+ ",
-    and the reason, indented.
+    A paragraph each: source and function; after "| " the line above, if the function has several such;
+    the lines as they are after "- ", the changed after "+ "; and the reason, indented.
     """
 
     def __init__(self):
-        self.reasons = {}
+        self.reasons = []
         text = (HERE / "equivalents").read_text()
         for part in re.findall(r"(?:^[^#\n].*\n)+", text, re.M):
-            found = re.fullmatch(r"(\S+) (\S*)\n- (.*)\n\+ (.*)((?:\n  \S.*)+)\n", part)
+            found = re.fullmatch(r"(\S+) (\S*)\n(?:\| (.*)\n)?- (.*)\n\+ (.*)((?:\n  \S.*)+)\n", part)
             if not found:
                 sys.exit(f"equivalents: not understood:\n{part}")
-            self.reasons[found.group(1, 2, 3, 4)] = " ".join(found[5].split())
+            self.reasons.append((found.group(1, 2, 4, 5), found[3], " ".join(found[6].split())))
 
     def of(self, site):
-        return self.reasons.get((site.file, site.function, site.before, site.after.strip()))
+        change = (site.file, site.function, site.before, site.after.strip())
+        return next((reason for told, above, reason in self.reasons
+                     if told == change and above in (None, site.above)), None)
 
 
 class Drawn:

@@ -46,6 +46,7 @@ class Site:
     text: str
     before: str  # the changed lines as they are, in one
     after: str
+    above: str   # the line above them
     shared: bool  # it concerns locks, waking or atomic operations
 
     def key(self):
@@ -110,7 +111,8 @@ class Source:
         to_line = self.bytes.find(b"\n", end)
         before = " ".join(self.at(from_line, to_line).split())
         after = " ".join((self.at(from_line, start) + text + self.at(end, to_line)).split())
-        site = Site(self.file, self.function, *self.lines, line, kind, start, end, text, before, after,
+        above = self.at(self.bytes.rfind(b"\n", 0, max(from_line - 1, 0)) + 1, max(from_line - 1, 0)).strip()
+        site = Site(self.file, self.function, *self.lines, line, kind, start, end, text, before, after, above,
                     bool(SHARED.search(before)))
         self.sites.setdefault((start, end, text), site)
 
