@@ -64,7 +64,6 @@ for script in "$root"/tools/dev/*; do
 done
 hands_on ctest test
 hands_on ctest valgrind
-hands_on gcovr coverage
 refused help format
 refused no-such-command
 refused lib.sh

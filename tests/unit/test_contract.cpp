@@ -272,6 +272,7 @@ TEST_F(ContractTerms, ALedgerHasWholeCountersAndNoUnknownOnes)
     EXPECT_EQ(qor_bus_ledger(bus(), "nobody", &ledger), -1);
     EXPECT_EQ(output.printed(),
               err_line("qor_contract", "qor_bus_ledger", "name: no contract for \"nobody\"."));
+}
 
 /* Everything that a module's queue takes: tasks, timers, and of each one with a run of its own. */
 class ContractLedger : public Contract {
