@@ -30,7 +30,7 @@ def tests():
 
 def licence():
     """Each file names its licence at the top; LICENSE is the Apache licence, version 2.0."""
-    folders = ("include", "src", "tests", "examples", "bench", "cmake", "tools")
+    folders = ("include", "src", "companions", "tests", "examples", "bench", "cmake", "tools")
     for path in files(*folders, kinds=CODE | SCRIPTS) + [ROOT / "CMakeLists.txt", ROOT / "dev"]:
         if "SPDX-License-" "Identifier: Apache-2.0" not in "".join(path.read_text().splitlines(True)[:4]):
             yield f"{short(path)}: no SPDX line at the top"
@@ -112,7 +112,7 @@ def hello():
 
 def links():
     """What a page links to is there."""
-    for page in [*ROOT.glob("*.md"), *files("docs", "src", "examples", "bench", "packaging", kinds={".md"})]:
+    for page in [*ROOT.glob("*.md"), *files("docs", "src", "companions", "examples", "bench", "packaging", kinds={".md"})]:
         for target in re.findall(r"\]\(([^)#:]+)\)", page.read_text()):
             if not (page.parent / target).exists():
                 yield f"{short(page)}: {target} does not exist"
