@@ -16,7 +16,11 @@ namespace {
 
 class MngModuleAlone : public MngModule {
 protected:
-    ~MngModuleAlone() override { mng_module_close(own.get()); }
+    ~MngModuleAlone() override
+    {
+        mng_module_close(own.get());
+        qor_context_destroy(a.context()); /* which stays when the wrapper goes */
+    }
 
     void begin() { ASSERT_EQ(qor_mng_module.init(own.get(), table.data()), 0); }
 
@@ -47,7 +51,6 @@ TEST_F(MngModuleAlone, TakesAModuleDownWhoseInitFails)
 
     run_init();
 
-    qor_context_destroy(a.context()); /* which stays when the wrapper goes */
     EXPECT_EQ(called, "a.reg a.init a.unreg a.uninit ");
     EXPECT_EQ(out.count("context init failed."), 1);
 }
