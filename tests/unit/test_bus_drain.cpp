@@ -88,6 +88,7 @@ TEST(BusDrain, MayBeATasksOfAnotherBus)
     RunningBus drained(RunningBus::by_start, 1);
     RunningBus bus(RunningBus::by_start, 1);
     drained.start();
+    ASSERT_EQ(qor_bus_drain(drained.get(), 60000), 0); /* two buses must not start at once */
     bus.start();
     struct Drain {
         qor_bus_t *bus;

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 #include "qor_hal.h"
 
-#include <atomic>
 #include <cstdio>
 #include <string>
 #include <type_traits>
@@ -11,7 +10,6 @@
 #include <stdio_ext.h>
 
 #include "output.hpp"
-#include "running_bus.hpp"
 #include "thread.hpp"
 
 static_assert(std::is_same_v<hal_thread_t, pthread_t>);
@@ -133,24 +131,6 @@ TEST(Hal, ThreadNameIsCutAt15Characters)
 }
 
 /* Of a thread of the library's, which knows what it has named it. */
-TEST(Hal, NoNameIsAnErrorOfAWorkersToo)
-{
-    RunningBus bus(RunningBus::by_start, 1);
-    std::atomic<int> result{1};
-    bus.start();
-    ASSERT_EQ(qor_bus_run(
-                  bus.get(),
-                  [](void *at) -> void * {
-                      *static_cast<std::atomic<int> *>(at) = hal_thread_name_set(nullptr);
-                      return nullptr;
-                  },
-                  &result, nullptr),
-              0);
-
-    EXPECT_EQ(qor_bus_drain(bus.get(), 60000), 0);
-    EXPECT_EQ(result, -1);
-}
-
 TEST(Hal, ThreadNameIsTheCallingThreads)
 {
     const std::string before = thread_name();

@@ -129,11 +129,13 @@ template <typename Q> void expect_quit_to_wait_between_nodes(Q *que, void (*quit
 {
     static hal_thread_mutex_t *mutex;
     static std::atomic<int> releases;
+    static std::atomic<bool> held;
     mutex = &que->mutex;
     releases = 0;
+    held = false;
     que->recycle = [](void *) {
-        if (++releases == 1) { /* given back by the test */
-            hal_lock(*mutex);
+        if (++releases == 1) {
+            EXPECT_TRUE(await([] { return held.load(); }));
         }
     };
     ThreadCall caller([=] {
@@ -142,6 +144,8 @@ template <typename Q> void expect_quit_to_wait_between_nodes(Q *que, void (*quit
     });
 
     ASSERT_TRUE(await([] { return releases == 1; }));
+    hal_lock(*mutex);
+    held = true;
     EXPECT_TRUE(caller.waits());
     EXPECT_EQ(releases, 1);
     pthread_mutex_unlock(mutex);
