@@ -103,7 +103,8 @@ class Library:
                 # The linker makes hidden functions local ones, of no source.
                 where = source if field[4] == "LOCAL" and (source, field[7]) in private else None
                 self.functions.append((begin, begin + int(field[2], 0), where, field[7]))
-        self.functions.sort(key=lambda function: function[:2])
+        # Of a function's names the one that it has inside, as in the objects.
+        self.functions.sort(key=lambda function: (*function[:2], not function[3].startswith("qor_")))
 
     def place(self, address):
         for begin, end, source, name in self.functions:
