@@ -15,9 +15,9 @@ namespace {
 
 constexpr char file_tag[] = "qor_bus";
 
-/* Whether the loop and every worker wait, nothing is due, no helper runs an init and no request is
- * deferred. The only place but the expiry of a timer that holds both queues' locks, the timer
- * queue's first. */
+/* Whether the loop and every worker wait, nothing is due, no helper runs an init, no request is
+ * deferred, and no quit has begun: what one throws away would look like done. The only place but
+ * the expiry of a timer that holds both queues' locks, the timer queue's first. */
 bool bus_is_settled(qor_bus_t *bus)
 {
     hal_scoped_lock timers(bus->time_que->mutex);
@@ -26,7 +26,7 @@ bool bus_is_settled(qor_bus_t *bus)
     }
     hal_scoped_lock tasks(bus->que->mutex);
     /* Last: an init is counted before its task can be found begun by a worker. */
-    return que_is_settled_locked(bus->que, hal_load(bus->priv->workers)) &&
+    return !bus->que->quitting && que_is_settled_locked(bus->que, hal_load(bus->priv->workers)) &&
            hal_load(bus->priv->busy) == 0;
 }
 
@@ -84,7 +84,7 @@ int32_t qor_bus_drain(qor_bus_t *_this, int32_t wait_time)
     trace_span waits(QOR_TRACE_CHANGES, nullptr, trace_what(trace_wait, trace_waits_drain), 0,
                      wait_time);
     const int64_t deadline = que_deadline(wait_time);
-    while (!bus_stopping(_this)) {
+    while (!hal_load(_this->que->quitting)) { /* the first thing that a quit does */
         if (bus_is_settled(_this)) {
             return 0;
         }

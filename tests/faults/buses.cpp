@@ -364,16 +364,30 @@ void quit_under_load()
     ledger.balances("each task is released");
 }
 
-/* Tasks that end their threads. */
+uint32_t workers_of(qor_bus_t *bus)
+{
+    uint32_t workers = 0;
+    const auto see = [](void *arg, int32_t kind, const void *record) -> int32_t {
+        if (kind == QOR_INFO_BUS) {
+            *static_cast<uint32_t *>(arg) = static_cast<const qor_info_bus_t *>(record)->workers;
+        }
+        return 0;
+    };
+    must(qor_bus_inspect(bus, see, &workers) == 0, "a bus can be inspected");
+    return workers;
+}
+
+/* Tasks that end their threads, while one is left should they not be replaced: a bus without
+ * workers keeps its tasks until it ends. */
 void threads_end()
 {
     Pair pair;
     Ledger ledger;
     Bus bus({&pair.asker, &pair.answerer}, [](qor_bus_t *made) {
-        qor_bus_thread_num_set(made, 3); /* one stays, when neither of the others is replaced */
+        qor_bus_thread_num_set(made, 3);
         qor_bus_priority_set(made, 1);
     });
-    if (bus.up()) {
+    if (bus.up() && workers_of(bus.get()) == 3) {
         got(qor_context_run(
                 pair.asker.context(), [](void *) -> void * { pthread_exit(nullptr); }, nullptr) >=
             0);
@@ -415,7 +429,7 @@ void recorder()
                      "a recording is copied");
             }
             const auto see = [](void *, int32_t, const void *) -> int32_t { return 0; };
-            must(qor_bus_inspect(bus.get(), see, nullptr) == 0, "a bus can be inspected");
+            must(qor_bus_inspect(bus.get(), see, nullptr) == 0, "a recorded bus can be inspected");
             got(qor_bus_dump(
                     bus.get(), [](void *, const char *) {}, nullptr) == 0);
             bus.settle();

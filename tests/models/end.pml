@@ -11,6 +11,7 @@
  *   WORKERS_NOT_ASKED    que_is_settled_locked() looks at the list alone
  *   DUE_NOT_ASKED        time_que_is_settled_locked() does not ask what is due
  *   BUSY_NOT_ASKED       bus_is_settled() does not look at busy
+ *   QUIT_NOT_ASKED       bus_is_settled() does not ask whether a quit has begun
  *   TAKER_TELLS_NOBODY   que_wait() does not tell those in que_settle()
  *   REST_TELLS_NOBODY    bus_busy_end() does not tell those in bus_rest_await()
  *   QUIT_TELLS_NOBODY    que_wake_everybody() forgets those in que_settle()
@@ -232,17 +233,21 @@ end_without:
 #else
 #define loop_settled (loop_waits && due == 0)
 #endif
+#ifdef QUIT_NOT_ASKED
+#define goes_on true
+#else
+#define goes_on (!que_quits)
+#endif
 #ifdef BUSY_NOT_ASKED
 #define all_rest true
 #else
 #define all_rest (busy == 0)
 #endif
 
-/* The drain is over: everything that was accepted has been done, but what is due later, or what a quit
- * that began after the drain had asked for it has thrown away. */
+/* The drain is over: everything that was accepted has been done, but what is due later. */
 #define is_drained \
     drained = true; \
-    assert(accepted == done + later + discarded && !open && (que_quits || discarded == 0))
+    assert(accepted == done + later && !open && discarded == 0)
 
 /* que_settle(), and bus_rest_await() that is like it. */
 inline settle(cond, is_settled, ends)
@@ -259,14 +264,14 @@ proctype drainer()
 {
     atomic { !bus_locked -> assert(!freed); visitors++; drain_begun = true };
     do
-    :: stopping -> break
+    :: que_quits -> break
     :: else ->
 #ifdef ONE_LOCK_AT_A_TIME
         if
         :: loop_settled ->
             atomic {
                 if
-                :: workers_settled && all_rest -> is_drained
+                :: goes_on && workers_settled && all_rest -> is_drained
                 :: else
                 fi
             }
@@ -275,7 +280,7 @@ proctype drainer()
 #else
         atomic {
             if
-            :: loop_settled && workers_settled && all_rest -> is_drained
+            :: loop_settled && goes_on && workers_settled && all_rest -> is_drained
             :: else
             fi
         };

@@ -11,6 +11,7 @@
 #include "await.hpp"
 #include "bus_fixture.hpp"
 #include "door.hpp"
+#include "hal_sync.hpp"
 #include "thread.hpp"
 
 TEST_F(BusLoop, DrainWaitsForTasksAndForThoseThatTheyPost)
@@ -71,6 +72,18 @@ TEST_F(BusLoop, DrainEndsWithQuit)
 
     qor_bus_quit(bus);
     draining.join();
+
+    EXPECT_EQ(qor_bus_drain(bus, -1), -1);
+}
+
+/* What the quit throws away would look like done: here it has come as far as its first step, and
+ * has woken nobody yet. */
+TEST_F(BusLoop, DrainBesideAQuitThatHasBegunIsNone)
+{
+    ASSERT_EQ(qor_bus_drain(bus, 60000), 0);
+    pthread_mutex_lock(&bus->que->mutex);
+    hal_store(bus->que->quitting, 1);
+    pthread_mutex_unlock(&bus->que->mutex);
 
     EXPECT_EQ(qor_bus_drain(bus, -1), -1);
 }
