@@ -3,12 +3,13 @@
 """Runs the fuzzers that are built in build/fuzz, and fuzz_trace.py.
 
 check.py run [SECONDS]      replays each corpus, says how much of its object that reaches, and goes on
-                            from it for so many seconds (10)
+                            from it for so many seconds (10), as many at once as there are processors
 check.py planted [WORD]...  plants the faults of planted/ whose names have one of the words in a copy
                             of the tree: each must be found within a minute, from no corpus
 check.py corpus TARGET DIRECTORY  makes a target's corpus of the inputs found in a directory and those
                             that it has
 """
+import concurrent.futures
 import json
 import os
 import re
@@ -91,7 +92,7 @@ def run_one(name, seconds):
     return enough
 
 
-def run_trace(seconds):
+def run_trace(_, seconds):
     good = True
     for arguments in (("replay",), ("run", str(seconds))):
         status, said = trace(ROOT, *arguments)
@@ -101,8 +102,9 @@ def run_trace(seconds):
 
 
 def run(seconds="10"):
-    complaints = [f"{name}: failed" for name in OBJECTS if not run_one(name, int(seconds))]
-    return complaints + ([] if run_trace(int(seconds)) else ["trace: failed"])
+    with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
+        good = pool.map(lambda name: (run_one if name in OBJECTS else run_trace)(name, int(seconds)), TARGETS)
+    return [f"{name}: failed" for name, one in zip(TARGETS, good) if not one]
 
 
 def quietly(place, *command):

@@ -5,13 +5,15 @@
 check.py run [--seed N] [--seconds N] [--combinations N]
                           so many combinations (12) of what is stressed, sanitizer, workers and how many
                           of the library's calls are delayed, drawn by a seed that is printed and that
-                          repeats them, so many seconds each (10); then the clocks
+                          repeats them, so many seconds each (10), as many at once as there are processors; and the
+                          clocks
 check.py valgrind [--seconds N]  stresses the queues under helgrind and under drd, so many seconds (10) with
                           each number of workers
 check.py planted [WORD]...  plants the faults of planted/ whose names have one of the words in a copy of
                           the tree: combinations must find each within a minute
 """
 import argparse
+import concurrent.futures
 import os
 import random
 import re
@@ -72,8 +74,9 @@ def run(arguments):
     dice = random.Random(seed)
     combinations = draw(dice, arguments.combinations)
     clocks = [("clocks", sanitizer, 2, 10, dice.randrange(1 << 31)) for sanitizer in SANITIZERS]
-    for combination in combinations + clocks:
-        status, said = stress(ROOT, combination, arguments.seconds)
+    with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
+        outcomes = pool.map(lambda one: stress(ROOT, one, arguments.seconds), combinations + clocks)
+    for combination, (status, said) in zip(combinations + clocks, outcomes):
         print(f"{titled(combination)}: {said.strip() if status == 0 else 'FAILED'}", flush=True)
         if status != 0:
             print(said)
