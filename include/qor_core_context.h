@@ -25,6 +25,7 @@ typedef enum {
 } E_QOR_USER_CONTEXT_LIFECYCLE_T;
 
 #ifndef QOR_NO_COMMON_NAMES
+/** The same by its second name. */
 typedef E_QOR_USER_CONTEXT_LIFECYCLE_T qor_user_context_lifecycle_t;
 #endif
 

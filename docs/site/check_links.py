@@ -36,8 +36,10 @@ def main(folder):
                 complaints.append(f"{name}: no {target}")
             elif anchor and target.endswith((".html", "")) and anchor not in pages[target or name].anchors:
                 complaints.append(f"{name}: no {anchor} in {target or name}")
+    sidebar = re.findall(r'"([^"]+?\.html)[#"]', (folder / "navtreedata.js").read_text())
+    complaints += [f"the sidebar: no {target}" for target in sidebar if not (folder / target).exists()]
     print("\n".join(sorted(set(complaints))) or f"{len(pages)} pages, {outside} links out of the site")
-    return not pages or len(complaints) > 0
+    return not sidebar or len(complaints) > 0
 
 
 if __name__ == "__main__":

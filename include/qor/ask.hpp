@@ -29,9 +29,9 @@ enum class outcome {
 
 /** What a request has come to. */
 template <typename Topic> struct answer {
-    using payload = detail::payload<typename Topic::response_type>;
+    using payload = detail::payload<typename Topic::response_type>; /**< of the response */
 
-    outcome how = outcome::refused;
+    outcome how = outcome::refused;  /**< what brought the end */
     int32_t ret = -1;                /**< the handler's result; -1 unless there was a response */
     int32_t session = -1;            /**< what ask() has returned */
     typename payload::value value{}; /**< with a result of 0 or more; a tail of it is valid while

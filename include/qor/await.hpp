@@ -113,8 +113,13 @@ public:
         }
     };
 
+    /** None. */
     flow() = default;
+
+    /** Takes over a coroutine. */
     flow(flow &&other) noexcept : own_(std::exchange(other.own_, {})) {}
+
+    /** Changes places with another. */
     flow &operator=(flow &&other) noexcept
     {
         std::swap(own_, other.own_);

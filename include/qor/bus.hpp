@@ -31,17 +31,22 @@ QOR_BEGIN_NAMESPACE
  */
 class module_ref {
 public:
+    /** An object. */
     module_ref(module_base &module) // NOLINT: a module is one
         : descriptor_(&module.descriptor()), object_(&module)
     {
     }
 
+    /** A descriptor. */
     module_ref(qor_context_module_t &descriptor) // NOLINT: and so is a descriptor
         : descriptor_(&descriptor), object_(nullptr)
     {
     }
 
+    /** The record for the bus. */
     qor_context_module_t *descriptor() const { return descriptor_; }
+
+    /** The object; NULL for a descriptor of the C interface. */
     module_base *object() const { return object_; }
 
 private:
@@ -88,7 +93,10 @@ public:
     }
 #endif
 
+    /** Takes over a bus, and leaves an empty one. */
     bus(bus &&) = default;
+
+    /** Ends the bus that is here, as the destructor does, and takes over another. */
     bus &operator=(bus &&other)
     {
         end();

@@ -116,6 +116,7 @@ constexpr int32_t milliseconds_of(const std::chrono::duration<Rep, Period> &time
  */
 class name {
 public:
+    /** A literal with its final zero. */
     template <std::size_t Size>
     constexpr name(const char (&text)[Size]) // NOLINT: a literal is a name
         : text_(text), size_(Size)

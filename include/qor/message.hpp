@@ -21,8 +21,8 @@ QOR_BEGIN_NAMESPACE
  */
 template <typename Byte> class basic_bytes {
 public:
-    using value_type = std::remove_cv_t<Byte>;
-    using iterator = Byte *;
+    using value_type = std::remove_cv_t<Byte>; /**< of one byte, which may be written */
+    using iterator = Byte *;                   /**< a plain pointer */
 
     /** No bytes. */
     constexpr basic_bytes() = default;
@@ -37,12 +37,30 @@ public:
     {
     }
 
+    /**
+     * @name As of any contiguous range
+     * @{
+     */
+
+    /** The first byte. */
     constexpr Byte *data() const { return data_; }
+
+    /** How many there are. */
     constexpr std::size_t size() const { return size_; }
+
+    /** Whether there are none. */
     constexpr bool empty() const { return size_ == 0; }
+
+    /** The first byte. */
     constexpr Byte *begin() const { return data_; }
+
+    /** Behind the last byte. */
     constexpr Byte *end() const { return data_ + size_; }
+
+    /** The byte at a place, which is less than size(). */
     constexpr Byte &operator[](std::size_t place) const { return data_[place]; }
+
+    /** @} */
 
     /** The bytes from a place on, which is at most size(). */
     constexpr basic_bytes from(std::size_t place) const { return {data_ + place, size_ - place}; }
@@ -52,7 +70,10 @@ private:
     std::size_t size_ = 0;
 };
 
+/** Bytes to be read. */
 using bytes = basic_bytes<const std::byte>;
+
+/** Bytes to be written. */
 using mutable_bytes = basic_bytes<std::byte>;
 
 /** The bytes of a text, without a final zero, or of any memory. */
@@ -68,14 +89,14 @@ inline bytes bytes_of(const void *data, std::size_t size)
  * bytes, all of which the asker gets: how many of them mean something is for the header to say.
  */
 template <typename Header, std::size_t Room = 0> struct tailed {
-    Header header{};
-    bytes tail;
+    Header header{}; /**< a copy */
+    bytes tail;      /**< somebody else's bytes, behind the header */
 };
 
 /** A response of that kind as the handler fills it. */
 template <typename Header> struct tailed_reply {
-    Header header{};
-    mutable_bytes tail;
+    Header header{};    /**< sent when the handler has returned */
+    mutable_bytes tail; /**< the message's own room, zeroed */
 };
 
 /** Nothing, where a payload is void. */

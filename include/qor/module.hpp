@@ -263,6 +263,7 @@ public:
     void use(bool is_used) { users_.fetch_add(is_used ? 1 : -1, std::memory_order_acq_rel); }
 
 protected:
+    /** For module: copies the record, and makes the contract strict. */
     explicit module_base(const qor_context_module_t &descriptor)
         : descriptor_(descriptor), asks_(descriptor_.name)
     {
@@ -281,9 +282,9 @@ protected:
         return self;
     }
 
-    std::atomic<qor_context_t *> context_{nullptr};
-    qor_context_module_t descriptor_;
-    detail::ask_table asks_;
+    std::atomic<qor_context_t *> context_{nullptr}; /**< NULL while on no bus */
+    qor_context_module_t descriptor_;               /**< what the bus is given */
+    detail::ask_table asks_;                        /**< requests that wait for their end */
 
 private:
     int32_t no_memory() const

@@ -42,15 +42,22 @@ constexpr const char *text_of(failure what)
 /** A value or an error. */
 template <typename T> class result {
 public:
+    /** A value. */
     result(T &&value) : value_(std::move(value)) {} // NOLINT: a value is a result
-    result(failure what) : error_(what) {}          // NOLINT: and so is an error
+
+    /** An error. */
+    result(failure what) : error_(what) {} // NOLINT: and so is an error
 
     /** Whether there is a value. */
     explicit operator bool() const { return value_.has_value(); }
 
     /** The value, which has to be there. */
     T &operator*() & { return *value_; }
+
+    /** The same, of a result that ends here. */
     T &&operator*() && { return std::move(*value_); }
+
+    /** A member of the value. */
     T *operator->() { return &*value_; }
 
     /** Why there is none; failure::none if there is one. */

@@ -133,9 +133,9 @@ QOR_BEGIN_NAMESPACE
 template <int32_t Number, typename Request = void, typename Response = void> struct topic {
     static_assert(Number >= 0, "topics are counted from 0");
 
-    using request_type = Request;
-    using response_type = Response;
-    static constexpr int32_t number = Number;
+    using request_type = Request;             /**< of the request's payload */
+    using response_type = Response;           /**< of the response's */
+    static constexpr int32_t number = Number; /**< the topic's on the bus */
 };
 
 /**
@@ -188,7 +188,7 @@ template <typename Topic> class request {
     using payload = detail::payload<typename Topic::request_type>;
 
 public:
-    using value_type = typename payload::value;
+    using value_type = typename payload::value; /**< the payload as a value */
 
     /** For the interface itself: the size has been looked at. */
     request(qor_context_t *self, qor_context_msg_t &msg)
@@ -198,6 +198,8 @@ public:
 
     /** The payload. */
     const value_type &operator*() const { return value_; }
+
+    /** A member of the payload. */
     const value_type *operator->() const { return &value_; }
 
     /** Its bytes as they came; listeners and filters see those of the request that goes on. */
@@ -230,8 +232,10 @@ public:
     /** For the interface itself: whether the response comes later. */
     bool is_deferred() const { return is_deferred_; }
 
-    /** The context and message, for calls of the C interface. */
+    /** The context, for calls of the C interface. */
     qor_context_t *context() const { return self_; }
+
+    /** The message, for calls of the C interface. */
     qor_context_msg_t *message() const { return &msg_; }
 
 private:
