@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# What 'cmake --install' lays out: library, headers, pkg-config file, CMake package.
+# What 'cmake --install' lays out: library, headers, pkg-config file, CMake package, manual pages.
 include(CMakePackageConfigHelpers)
 
 set(_headers ${CMAKE_INSTALL_INCLUDEDIR}/qor_bus)
@@ -27,3 +27,22 @@ configure_package_config_file(cmake/qor_bus-config.cmake.in qor_bus-config.cmake
 write_basic_package_version_file(qor_bus-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/qor_bus-config.cmake
   ${PROJECT_BINARY_DIR}/qor_bus-config-version.cmake DESTINATION ${_package})
+
+# A page for each name that a page has: those without one of their own refer to it.
+file(GLOB _pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.[37])
+foreach(_page IN LISTS _pages)
+  get_filename_component(_title ${_page} NAME)
+  string(REGEX MATCH "[37]$" _section ${_title})
+  file(STRINGS ${_page} _names REGEX "^\\.Nm ")
+  list(TRANSFORM _names REPLACE "^\\.Nm ([^ ]+).*" "\\1.${_section}")
+  list(REMOVE_ITEM _names ${_title})
+  foreach(_name IN LISTS _names)
+    file(GENERATE OUTPUT man/${_name} CONTENT ".so man${_section}/${_title}\n")
+    list(APPEND _pages ${PROJECT_BINARY_DIR}/man/${_name})
+  endforeach()
+endforeach()
+foreach(_section IN ITEMS 3 7)
+  set(_of_section ${_pages})
+  list(FILTER _of_section INCLUDE REGEX "[.]${_section}$")
+  install(FILES ${_of_section} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${_section} COMPONENT doc)
+endforeach()

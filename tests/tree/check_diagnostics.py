@@ -4,14 +4,14 @@
 ROOT.
 
 A line is a format as check_printed_names.py lists them, or a sentence that one of those prints with
-"%s". In the page <...> stands for what is filled in.
+"%s"; of the C++ interface it is a format, or what that is refused with. In the page <...> stands for what is filled in.
 """
 import re
 import subprocess
 import sys
 from pathlib import Path
 
-FILLED = r"%l*[a-z]"
+FILLED = r"%(?:\.\*)?l*[a-z]"
 
 
 def formats(root):
@@ -29,13 +29,22 @@ def sentences(root):
         yield from re.findall(r'"(MONITOR: [^"]*)"', code)
 
 
+def refusals(root):
+    """What the headers of the C++ interface print."""
+    for path in (root / "include/qor").glob("*.hpp"):
+        code = re.sub(r"/\*.*?\*/", "", path.read_text(), flags=re.S)
+        yield from re.findall(r'hal_printf\("\[%s\]\[err\]\[%s\]:([^"]* [^"]*)"', code)
+        yield from re.findall(r'refuse\([^"]*?"([^"]+)"\)', code)
+        yield from re.findall(r'case failure::(?!none)\w+:\s*return "([^"]+)";', code)
+
+
 def plain(text):
     """As it is printed, but for what is filled in."""
     return re.sub(FILLED, "<x>", text.replace(r"\n", "").replace(r"\"", '"'))
 
 
 def main(root):
-    printed = {plain(text) for text in (*formats(root), *sentences(root))}
+    printed = {plain(text) for text in (*formats(root), *sentences(root), *refusals(root))}
     printed = {text for text in printed if text != "<x>" and " " in text and not text.startswith(" ")}
     page = (root / "docs/diagnostics.md").read_text().replace(r"\|", "|")
     rows = [row for row in page.splitlines() if row.startswith("| `")]

@@ -116,7 +116,7 @@ def yocto():
     if source.resolve() != ROOT.resolve() or classes != ["cmake", "externalsrc"]:
         yield f"{RECIPE}: does not build {ROOT} with CMake"
     default = ["usr/lib/lib*.so.*", "usr/include/*", "usr/lib/lib*.so", "usr/lib/cmake/*",
-               "usr/lib/pkgconfig/*", "usr/lib/*.a"]
+               "usr/lib/pkgconfig/*", "usr/lib/*.a", "usr/share/man/*"]
     for name in installed()[1]:
         if not any(fnmatch(name, p) for p in default):
             yield f"{RECIPE}: no package takes {name}"
