@@ -4,10 +4,12 @@
 COMPILER PAGE...
 
 A C block is compiled, and linked when it has a main function; the first line of one that is used by
-name is a comment "NAME.c: ...". A sh block runs in the folder of the page's files; the library of BUILD
-is installed in place of /opt/qor. A text block behind a sh block is what that prints, one behind a
-program what the program prints. Times are masked. Every other block has a comment "<!-- shown only: WHY
--->" before it; all pages together have at most ten of those.
+name is a comment "NAME.c: ...". A sh block runs in the folder of the page's files, where examples is that
+of the tree; the library of BUILD is installed in place of /opt/qor. A text block behind a sh block is what that prints, one behind a
+program what the program prints. Times are masked. A block behind a comment "<!-- from: FILE -->" is an
+excerpt of that file of the tree, where "..." alone on a line stands for lines that are left out. Every
+other block has a comment "<!-- shown only: WHY -->" before it; all pages together have at most ten of
+those.
 """
 import os
 import re
@@ -18,7 +20,8 @@ from pathlib import Path
 
 FLAGS = "-std=c11 -D_POSIX_C_SOURCE=200809L -Wall -Wextra -Werror -Wno-unused-function"
 LIMIT = 10
-BLOCK = re.compile(r"(<!-- shown only: .+? -->\n+)?^```(\w*)\n(.*?)^```$", re.M | re.S)
+BLOCK = re.compile(r"(?:<!-- (shown only|from): ([^>]+?) -->\n+)?^```(\w*)\n(.*?)^```$", re.M | re.S)
+TREE = Path(__file__).resolve().parents[2]
 
 
 def masked(text):
@@ -32,6 +35,7 @@ class Page:
         self.prefix, self.folder = prefix, Path(folder)
         self.compiler = compiler
         self.printed, self.program, self.complaints, self.shown_only = None, None, [], 0
+        (self.folder / "examples").symlink_to(TREE / "examples")
 
     def run(self, script):
         environment = {**os.environ, "PKG_CONFIG_PATH": f"{self.prefix}/lib/pkgconfig"}
@@ -62,8 +66,15 @@ class Page:
             self.complaints.append(f"printed is\n{self.printed}and the page says\n{text}")
         self.printed = None
 
-    def block(self, marker, kind, text):
-        if marker:
+    def excerpt(self, path, text):
+        parts = re.split(r"^\s*\.\.\.\n", text, flags=re.M)
+        if not re.search(".*".join(map(re.escape, parts)), (TREE / path).read_text(), re.S):
+            self.complaints.append(f"{path} has no such lines:\n{text}")
+
+    def block(self, marker, about, kind, text):
+        if marker == "from":
+            self.excerpt(about, text)
+        elif marker:
             self.shown_only += 1
         elif kind == "c":
             self.c_block(text)
