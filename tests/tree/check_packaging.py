@@ -11,6 +11,7 @@ import re
 import subprocess
 import sys
 import tempfile
+from email.utils import parsedate_to_datetime
 from fnmatch import fnmatch
 from pathlib import Path
 
@@ -81,6 +82,26 @@ def version():
         yield f"{RECIPE}: not {wanted}"
     if buildroot("LIBQOR_BUS_VERSION") != [wanted]:
         yield f"buildroot: not {wanted}"
+
+
+def release():
+    """The newest heading has a day, which is the Debian package's; the archive and a tag have the version."""
+    wanted = re.search(r"project\(qor_bus VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text())[1]
+    heading = re.search(r"^## .*$", (ROOT / "CHANGELOG.md").read_text(), re.M)[0]
+    entry = (PACKAGING / "debian/changelog").read_text()
+    day = re.fullmatch(rf"## {re.escape(wanted)} \((\d{{4}}-\d\d-\d\d)\)", heading)
+    trailer = re.search(r"^ -- .*>  (.*)$", entry, re.M)[1]
+    if not day or parsedate_to_datetime(trailer).date().isoformat() != day[1]:
+        yield f"{heading} in CHANGELOG.md, {trailer} in debian/changelog: not a version and one day"
+    name = run("bash", "-c", f"cd '{ROOT}' && . tools/dev/release.sh && release_name").strip()
+    if name != f"libqor_bus-{wanted}":
+        yield f"the archive is called {name}"
+    if not (ROOT / ".git").exists():
+        print("no version control here, and so no tag")
+        return
+    for tag in run("git", "-C", ROOT, "tag", "--points-at", "HEAD").split():
+        if re.match(r"v?\d", tag) and tag != f"v{wanted}":
+            yield f"tag {tag}: not v{wanted}"
 
 
 def licence():
