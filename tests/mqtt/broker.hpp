@@ -82,10 +82,12 @@ public:
         return status;
     }
 
+    void tell(int signal) const { EXPECT_EQ(kill(pid_, signal), 0); }
+
     void end(int signal)
     {
         if (pid_ > 0) {
-            kill(pid_, signal);
+            tell(signal);
             wait();
         }
     }
