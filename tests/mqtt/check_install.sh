@@ -17,6 +17,10 @@ rm -rf "$folder"
 export LD_LIBRARY_PATH="$folder/prefix/lib"
 "$folder/cmake/consumer"
 
+"$cmake" -S "$consumer/../../../examples/fleet" -B "$folder/fleet" \
+  -DCMAKE_C_COMPILER="$compiler" -DCMAKE_PREFIX_PATH="$folder/prefix"
+"$cmake" --build "$folder/fleet"
+
 export PKG_CONFIG_PATH="$folder/prefix/lib/pkgconfig"
 # What pkg-config prints is quoted for a shell to read again.
 eval "\"\$compiler\" -std=c11 -Wall -Wextra -Wpedantic -Werror \"\$consumer/consumer.c\" \
