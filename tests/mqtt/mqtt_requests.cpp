@@ -363,4 +363,51 @@ TEST_F(MqttRequests, AnAnswerWhoseResultIsNoNumberIsAFailure)
     EXPECT_EQ(answers.text(), "-1:x");
 }
 
+/* An answer is decoded inside of libmosquitto's callback, and a decode function that takes its time
+ * looks meanwhile for what the broker has of the bridge. */
+class MqttAcknowledged : public MqttRequests, public ::testing::WithParamInterface<int> {
+protected:
+    bool acknowledged() const
+    {
+        return broker.log().find(GetParam() == 2
+                                     ? "Received PUBCOMP from looker"
+                                     : "Received PUBACK from looker") != std::string::npos;
+    }
+
+    static int32_t look(void *self, const qor_mqtt_message_t *, void *, int32_t)
+    {
+        MqttAcknowledged *test = static_cast<MqttAcknowledged *>(self);
+        const int64_t begin = hal_timestamp();
+        while (!test->before && hal_timestamp() < begin + 1000) {
+            test->before = test->acknowledged();
+        }
+        return 0;
+    }
+
+    bool before = false; /* the decode function has returned */
+};
+
+TEST_P(MqttAcknowledged, WhenItsCallbackReturnsAndAtOnceThen)
+{
+    call();
+    routes[0].decode = look;
+    routes[0].arg = this;
+    config.client_id = "looker";
+    start_connected();
+    Peer peer(broker.port(), "far");
+    ask(ASKED, "a");
+    ASSERT_TRUE(peer.await_count(1));
+    const Got got = peer.got()[0];
+
+    peer.send(got.response_topic, "x", "", got.correlation, "", false, "", GetParam());
+    ASSERT_TRUE(answers.await(1));
+    const int64_t answered = hal_timestamp();
+    EXPECT_FALSE(before);
+
+    EXPECT_TRUE(await([this] { return acknowledged(); }));
+    EXPECT_LT(hal_timestamp() - answered, 1000 * config.keep_alive / 4);
+}
+
+INSTANTIATE_TEST_SUITE_P(Quality, MqttAcknowledged, ::testing::Values(1, 2));
+
 } // namespace
