@@ -281,6 +281,44 @@ TEST_F(MqttRequests, ASynchronousCallEndsAtItsTime)
     EXPECT_EQ(status().uncalled, 1u);
 }
 
+TEST_F(MqttRequests, ASynchronousCallEndsWhenTheBusQuits)
+{
+    std::string answer;
+    call();
+    start_connected();
+    Peer peer(broker.port(), "far");
+    Thread caller([&] { answer = ask_now("abc"); });
+    ASSERT_TRUE(peer.await_count(1));
+    const int64_t begin = hal_timestamp();
+
+    quit();
+    caller.join();
+
+    EXPECT_LT(hal_timestamp() - begin, routes[0].wait_time / 3);
+    EXPECT_EQ(answer, "-1:");
+    EXPECT_EQ(status().uncalled, 1u);
+}
+
+TEST_F(MqttRequests, AWorkerThatWaitsInACallDoesNotHoldTheEnd)
+{
+    std::string answer;
+    call();
+    taker.handle = [&](qor_context_t *, qor_context_msg_t *) {
+        answer = ask_now("abc");
+        return 0;
+    };
+    start_connected();
+    Peer peer(broker.port(), "far");
+    ask(TAKEN, "x");
+    ASSERT_TRUE(peer.await_count(1));
+    const int64_t begin = hal_timestamp();
+
+    end();
+
+    EXPECT_LT(hal_timestamp() - begin, routes[0].wait_time / 3);
+    EXPECT_EQ(answer, "-1:");
+}
+
 TEST_F(MqttRequests, WithoutAConnectionACallFailsAtOnce)
 {
     call();

@@ -2,7 +2,6 @@
 /* What the bus shows to out routes and asks of call routes. */
 #include "mqtt_outward.hpp"
 
-#include <errno.h>
 #include <mqtt_protocol.h>
 #include <pthread.h>
 
@@ -10,6 +9,8 @@
 #include "mqtt_properties.hpp"
 
 namespace {
+
+constexpr int64_t look_again = 50; /* for who waits: whether the bus quits, ms */
 
 /* A payload: a part as it is, or written by the route's encode into a buffer. */
 struct outward_payload {
@@ -143,22 +144,23 @@ bool call_send(mqtt_bridge *bridge, mqtt_call *call, const outward_payload &payl
     return true;
 }
 
-/* Waits until the call is over or its time is: the handler's result. */
+/* Waits until the call is over, its time is, or the bus quits, whose loop would wait for a worker
+ * in here: the handler's result. */
 int32_t call_wait(mqtt_bridge *bridge, mqtt_call *call, qor_context_msg_t *msg)
 {
-    struct timespec until;
-    int result = 0;
-    util_timespec(call->deadline, &until);
     mqtt_lock lock(bridge->mutex);
     while (!call->over) {
-        /* Who has taken it out of the table is about to end it. */
-        if (result == ETIMEDOUT && mqtt_calls_take(bridge->calls, call->number)) {
+        struct timespec until;
+        const int64_t now = util_timestamp();
+        const bool ends = now >= call->deadline || qor_bus_quitting(bridge->bus) == 1;
+        if (ends && mqtt_calls_take(bridge->calls, call->number)) {
             bridge->status.uncalled++;
             return -1;
         }
-        result = result == ETIMEDOUT
-                     ? pthread_cond_wait(&bridge->calls.over, &bridge->mutex)
-                     : pthread_cond_timedwait(&bridge->calls.over, &bridge->mutex, &until);
+        /* Who has taken it out of the table is about to end it. */
+        const int64_t soon = now + look_again;
+        util_timespec(ends || soon < call->deadline ? soon : call->deadline, &until);
+        pthread_cond_timedwait(&bridge->calls.over, &bridge->mutex, &until);
     }
     if (call->counts && msg->response.buf) {
         memcpy(msg->response.buf, mqtt_call_buf(call), static_cast<size_t>(call->size));
