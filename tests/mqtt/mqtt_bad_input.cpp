@@ -71,4 +71,75 @@ TEST_F(MqttBadInput, EveryMessageIsAccountedForAndTheBridgeGoesOn)
     EXPECT_GT(status().in_skipped, 0u);
 }
 
+/* A client that speaks for itself: libmosquitto's own fall over what it is to send. */
+class RawClient {
+public:
+    explicit RawClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        char greeting[5] = "";
+        struct sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+        /* version 5, a clean start, no properties */
+        packet('\x10', text("MQTT") + std::string("\x05\x02\0\x3c\0", 5) + text("raw"));
+        EXPECT_EQ(recv(fd_, greeting, sizeof(greeting), MSG_WAITALL), 5);
+        EXPECT_EQ(greeting[0], '\x20');
+        EXPECT_EQ(greeting[3], '\0') << "refused";
+    }
+    ~RawClient() { close(fd_); }
+    RawClient(const RawClient &) = delete;
+    RawClient &operator=(const RawClient &) = delete;
+
+    void publish(const std::string &topic, const std::string &properties)
+    {
+        packet('\x30', text(topic) + static_cast<char>(properties.size()) + properties + "payload");
+    }
+
+    /* As in a packet: its length, then the text. */
+    static std::string text(const std::string &text)
+    {
+        return std::string(1, '\0') + static_cast<char>(text.size()) + text;
+    }
+
+private:
+    void packet(char kind, const std::string &rest) const
+    {
+        const std::string whole = kind + std::string(1, static_cast<char>(rest.size())) + rest;
+        EXPECT_EQ(send(fd_, whole.data(), whole.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(whole.size()));
+    }
+
+    int fd_;
+};
+
+/* libmosquitto has no text at all for an empty one, and its way to copy one ends the process. */
+TEST_F(MqttBadInput, EmptyPropertiesAreTakenAsTheyAre)
+{
+    const std::string nothing = RawClient::text("");
+    const char content_type = '\x03', response_topic = '\x08', correlation = '\x09',
+               user_property = '\x26';
+    routes = {route("in", QOR_MQTT_IN, TAKEN, "in"), route("serve", QOR_MQTT_SERVE, TAKEN, "ask")};
+    start_connected();
+    RawClient client(broker.port());
+
+    client.publish("in", user_property + nothing + nothing);
+    client.publish("in", user_property + RawClient::text("qor-hop") + nothing);
+    client.publish("in", content_type + nothing);
+    client.publish("ask", correlation + nothing);
+    client.publish("in", "");
+
+    ASSERT_TRUE(taken.await(4));
+    EXPECT_EQ(status().in, 5u);
+    EXPECT_EQ(status().in_skipped, 1u); /* a number of bridges that is none */
+    EXPECT_EQ(status().unanswerable, 1u);
+    client.publish("ask", response_topic + nothing); /* which the broker may refuse */
+    EXPECT_TRUE(await([this] {
+        return status().unanswerable == 2 ||
+               broker.log().find("Client raw disconnected") != std::string::npos;
+    }));
+    EXPECT_EQ(status().connects, 1u);
+}
+
 } // namespace

@@ -102,6 +102,19 @@ TEST_F(MqttRoutes, AMessageBecomesARequest)
     EXPECT_EQ(status().in, 2u);
 }
 
+TEST_F(MqttRoutes, ASharedSubscriptionTakesMessagesOfItsFilter)
+{
+    routes = {route("shared", QOR_MQTT_IN, TAKEN, "$share/group/in/+")};
+    start_connected();
+    Peer peer(broker.port());
+
+    peer.send("in/a", "one");
+
+    ASSERT_TRUE(taken.await(1));
+    EXPECT_EQ(taken.text(), "one");
+    EXPECT_EQ(status().in, 1u);
+}
+
 TEST_F(MqttRoutes, DecodeSeesTopicAndProperties)
 {
     routes = {route("taken", QOR_MQTT_IN, TAKEN, "in/#")};

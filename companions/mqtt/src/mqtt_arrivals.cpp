@@ -58,7 +58,7 @@ mqtt_arrival *arrival_take_in(mqtt_bridge *bridge, const mqtt_route *route,
 {
     mqtt_arrival *arrival = mqtt_arrival_make(route, seen);
     mosquitto_property *copy = nullptr;
-    if (!arrival || (properties && mosquitto_property_copy_all(&copy, properties) != 0)) {
+    if (!arrival || mqtt_properties_copy(copy, properties) < 0) {
         free(arrival);
         return nullptr;
     }
@@ -66,7 +66,7 @@ mqtt_arrival *arrival_take_in(mqtt_bridge *bridge, const mqtt_route *route,
     arrival->message.properties = copy;
     arrival->hops = mqtt_property_number(copy, mqtt_hop_name, 0);
     if (route->terms.direction == QOR_MQTT_SERVE) {
-        arrival->answer = mqtt_property_return(copy);
+        arrival->answer = mqtt_property_return(properties);
         if (!arrival->answer) {
             mqtt_bridge_count(bridge, bridge->status.unanswerable);
         }

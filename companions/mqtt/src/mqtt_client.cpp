@@ -8,6 +8,7 @@
 #include <sys/random.h>
 
 #include "mqtt_arrivals.hpp"
+#include "mqtt_topic.hpp"
 
 namespace {
 
@@ -107,7 +108,7 @@ int subscription_options(const mqtt_route &route)
     if (route.terms.direction == QOR_MQTT_SERVE) {
         return MQTT_SUB_OPT_SEND_RETAIN_NEVER; /* who asked is gone */
     }
-    const bool shared = strncmp(route.topic, "$share/", 7) == 0; /* these cannot be without */
+    const bool shared = mqtt_filter_shared(route.topic); /* these cannot be without */
     return (route.terms.skip_retained ? MQTT_SUB_OPT_SEND_RETAIN_NEVER : 0) |
            (route.terms.local || shared ? 0 : MQTT_SUB_OPT_NO_LOCAL);
 }

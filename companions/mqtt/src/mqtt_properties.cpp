@@ -41,6 +41,28 @@ int32_t mqtt_property_number(const mosquitto_property *properties, const char *n
     return right ? static_cast<int32_t>(number) : INT32_MIN;
 }
 
+/* libmosquitto's own way to copy properties ends the process at a text that came empty. */
+int32_t mqtt_properties_copy(mosquitto_property *&copy, const mosquitto_property *properties)
+{
+    char *name = nullptr, *value = nullptr;
+    const mosquitto_property *at = properties;
+    for (bool next = false; at; next = true) {
+        at = mosquitto_property_read_string_pair(at, MQTT_PROP_USER_PROPERTY, &name, &value, next);
+        const bool added =
+            !at || (name && value &&
+                    mosquitto_property_add_string_pair(&copy, MQTT_PROP_USER_PROPERTY, name,
+                                                       value) == MOSQ_ERR_SUCCESS);
+        free(name);
+        free(value);
+        name = value = nullptr;
+        if (!added) {
+            mosquitto_property_free_all(&copy);
+            return -1;
+        }
+    }
+    return 0;
+}
+
 mqtt_return *mqtt_property_return(const mosquitto_property *properties)
 {
     char *topic = nullptr;

@@ -15,6 +15,10 @@ char *mqtt_property_text(const mosquitto_property *properties, const char *name)
 int32_t mqtt_property_number(const mosquitto_property *properties, const char *name,
                              int32_t absent);
 
+/* A copy of the user properties, for mosquitto_property_free_all(): 0, or -1 without memory and
+ * nothing in copy. */
+int32_t mqtt_properties_copy(mosquitto_property *&copy, const mosquitto_property *properties);
+
 /* Where to answer; NULL without a usable response topic, or without memory. */
 mqtt_return *mqtt_property_return(const mosquitto_property *properties);
 

@@ -10,6 +10,7 @@ namespace {
 
 constexpr char module_mark[] = "{module}";
 constexpr char topic_mark[] = "{topic}";
+constexpr char shared_mark[] = "$share/"; /* before a group and a filter */
 
 bool begins_with(const char *text, const char *mark)
 {
@@ -67,8 +68,17 @@ bool mqtt_filter_valid(const char *filter)
            mosquitto_validate_utf8(filter, static_cast<int>(strlen(filter))) == MOSQ_ERR_SUCCESS;
 }
 
+bool mqtt_filter_shared(const char *filter)
+{
+    return begins_with(filter, shared_mark);
+}
+
 bool mqtt_filter_matches(const char *filter, const char *topic)
 {
     bool matches = false;
+    if (mqtt_filter_shared(filter)) {
+        const char *group_end = strchr(filter + sizeof(shared_mark) - 1, '/');
+        filter = group_end ? group_end + 1 : filter;
+    }
     return mosquitto_topic_matches_sub(filter, topic, &matches) == MOSQ_ERR_SUCCESS && matches;
 }

@@ -14,6 +14,9 @@ bool mqtt_topic_valid(const char *topic);
 
 bool mqtt_filter_valid(const char *filter);
 
+/* Whether the broker gives each message to one of a group only. */
+bool mqtt_filter_shared(const char *filter);
+
 bool mqtt_filter_matches(const char *filter, const char *topic);
 
 #endif /* MQTT_TOPIC_HPP */
