@@ -8,8 +8,9 @@ from pathlib import Path
 from xml.sax.saxutils import quoteattr
 
 PAGES = ["behaviour", "diagnostics", "recording", "performance", "size", "reliability", "mutation"]
-REFERENCE = [("modules", "Headers by purpose"), ("filelist", "Headers"), ("classlist", "Records and classes"),
-             ("globals", "All names")]
+# Each with the words above its list; "modules" is what doxygen calls its groups, and means others here.
+REFERENCE = [("modules", "Headers by purpose", "What each header is for:"), ("filelist", "Headers", "All headers:"),
+             ("classlist", "Records and classes", "Each with what it is:"), ("globals", "All names", "")]
 
 
 def tab(root, page):
@@ -33,7 +34,8 @@ def main(root):
     print('<tab type="mainpage" visible="yes" title="Overview"/>')
     print(group("Guides", [tab(root, page) for page in guides]))
     print(group("Pages", [tab(root, f"docs/{page}.md") for page in PAGES]))
-    print(group("Reference", [f'<tab type="{kind}" visible="yes" title="{title}"/>' for kind, title in REFERENCE]))
+    print(group("Reference", [f'<tab type="{kind}" visible="yes" title="{title}" intro="{intro}"/>'
+                              for kind, title, intro in REFERENCE]))
     print("</navindex></doxygenlayout>")
     return 0
 
