@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """What stands in the site's sidebar, for doxygen: layout.py ROOT. The guides come in README.md's order;
-one that is missing there is an error."""
+one that is missing there is an error, and one that ends with another as the next one."""
 import re
 import sys
 from pathlib import Path
@@ -30,6 +30,9 @@ def main(root):
     forgotten = {str(p.relative_to(root)) for p in (root / "docs/guide").glob("*.md")} - set(guides)
     if forgotten:
         return f"README.md: the list of guides lacks {sorted(forgotten)}"
+    for page, following in zip(guides, guides[1:]):
+        if not re.search(rf"^Next: \[[^]]+\]\({Path(following).name}\)", (root / page).read_text(), re.M):
+            return f"{page}: the next one is {following}"
     print("<doxygenlayout><navindex>")
     print('<tab type="mainpage" visible="yes" title="Overview"/>')
     print(group("Guides", [tab(root, page) for page in guides]))
