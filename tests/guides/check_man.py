@@ -4,7 +4,7 @@
 
 man reads each without a word. Each has its sections. The prototypes are those of the headers, and each
 function that an application needs, which is each of the headers that the site lists for applications,
-of the maps and of the platform, stands in one page's NAME. A line among the diagnostics stands in
+of tasks, queues, maps and the platform, stands in one page's NAME. A line among the diagnostics stands in
 docs/diagnostics.md. A page that is referred to is there. The example is built as a user would, and run
 where it is a program.
 """
@@ -62,7 +62,7 @@ def declared(header):
 def needed(root):
     """The functions that applications need, as the headers declare them."""
     listed = re.search(r'APPLICATION = """(.+?)"""', (root / "docs/site/filter.py").read_text(), re.S)[1].split()
-    headers = [root / f"include/{name}.h" for name in [*listed, "rbapi", "rbapi_kv"]]
+    headers = [root / f"include/{name}.h" for name in [*listed, "qor_context_task", "qor_que", "rbapi", "rbapi_kv"]]
     return {k: v for header in [*headers, root / "src/hal/linux/qor_hal.h"] for k, v in declared(header).items()}
 
 
