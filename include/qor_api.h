@@ -20,6 +20,11 @@
  */
 #define QOR_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
 
+/** Has a function or data called by its second name in the program's object, whichever spelling is
+ * used in the source: what is compared by its address is one thing, and the other name stays free.
+ */
+#define QOR_LINKED_AS(name) __asm__(name)
+
 #ifdef __cplusplus
 #define QOR_BEGIN_DECLS extern "C" {
 #define QOR_END_DECLS }

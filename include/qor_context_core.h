@@ -28,6 +28,14 @@ struct qor_context_core {
 /** The registry of the process; all zero until qor_context_core_instance_get() constructs it. */
 QOR_API extern qor_context_core_t default_core;
 
+/** Its second spelling. */
+#define qor_default_core default_core
+
+#else
+
+/** As default_core without QOR_NO_COMMON_NAMES. */
+QOR_API extern qor_context_core_t qor_default_core;
+
 #endif
 
 /**

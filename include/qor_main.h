@@ -14,6 +14,14 @@ QOR_BEGIN_DECLS
  * inspection; only start-up and qor_bus_close() change it. */
 extern QOR_API list_head context_head;
 
+/** Its second spelling. */
+#define qor_context_head context_head
+
+#else
+
+/** As context_head without QOR_NO_COMMON_NAMES. */
+extern QOR_API qor_list_head qor_context_head;
+
 #endif
 
 /**

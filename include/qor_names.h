@@ -6,13 +6,10 @@
  *
  * Leading underscores go, and three names are new: qor_list_init() is INIT_LIST_HEAD(),
  * qor_list_add_between() is __list_add(), qor_user_context_lifecycle_t is in qor_core_context.h.
- * context_head and default_core, of which an application needs neither, have no second spelling
- * here.
+ * qor_context_head is in qor_main.h, qor_default_core in qor_context_core.h.
  *
- * Units of both kinds go into one program. A program that defines functions of these names by
- * itself may be linked with either library, which goes on calling its own. Four names are left
- * over, since applications compare or share what they stand for: context_head, default_core,
- * rbtree_string_hash, rbapi_kv_release. Such a program must not define them. */
+ * Units of both kinds go into one program. A program that has functions or data of these names
+ * itself may be linked with either library, which goes on using its own. */
 #ifndef QOR_NAMES_H
 #define QOR_NAMES_H
 

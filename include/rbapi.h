@@ -78,7 +78,7 @@ QOR_API uint32_t hash_api(const void *buf, size_t len, uint32_t seed);
 QOR_API uint32_t buf2uint32(const void *buf);
 
 /** Hashes a NUL-terminated string: hash_api() with the seed 0xaa55aa55. */
-QOR_API size_t rbtree_string_hash(const void *str);
+QOR_API size_t rbtree_string_hash(const void *str) QOR_LINKED_AS("qor_rbtree_string_hash");
 
 /**
  * Makes an empty tree, whatever the record held before.

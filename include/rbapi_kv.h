@@ -78,7 +78,8 @@ QOR_API int rbapi_kv_isempty(const rbtree_kv_root *kv);
 QOR_API int rbapi_kv_travel(void *data, rbtree_kv_root *kv, rbapi_kv_travel_func fn);
 
 /** The release function of a map's tree: frees the copy of the key and releases the value. */
-QOR_API void rbapi_kv_release(void *key, void *val, rbtree_root *root);
+QOR_API void rbapi_kv_release(void *key, void *val, rbtree_root *root)
+    QOR_LINKED_AS("qor_rbapi_kv_release");
 
 QOR_END_DECLS
 

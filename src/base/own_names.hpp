@@ -2,11 +2,12 @@
 /* What the library's functions with common names are called inside. A program may have functions of
  * these names itself, and the library goes on calling its own; outside, the common name is an
  * alias. The command line includes this in front of every source. rbtree_string_hash and
- * rbapi_kv_release keep their names, as callers compare their addresses with what a record holds.
- */
+ * rbapi_kv_release, whose addresses callers compare, have their names from the headers. */
 #ifndef OWN_NAMES_HPP
 #define OWN_NAMES_HPP
 
+#pragma redefine_extname context_head qor_context_head
+#pragma redefine_extname default_core qor_default_core
 #pragma redefine_extname hal_printf qor_hal_printf
 #pragma redefine_extname hal_snprintf qor_hal_snprintf
 #pragma redefine_extname hal_thread_name_set qor_hal_thread_name_set
@@ -60,5 +61,11 @@
 #define QOR_ALIAS(function, alias_name, symbol)                                \
     extern "C" QOR_API __typeof(function) other_##function __asm__(alias_name) \
         __attribute__((weak, nothrow, alias(symbol)))
+
+/* The same for data. The linker that copies it into a program, for the sake of the common name,
+ * moves both names there, so that library and program go on sharing it: as long as one of them is
+ * weak. */
+#define QOR_COMMON_DATA(type, data) \
+    extern "C" QOR_API type other_##data __asm__(#data) __attribute__((weak, alias("qor_" #data)))
 
 #endif /* OWN_NAMES_HPP */

@@ -38,6 +38,7 @@ list_head *registry_find(qor_context_core_t *registry, int32_t id)
 } // namespace
 
 qor_context_core_t default_core;
+QOR_COMMON_DATA(qor_context_core_t, default_core);
 
 const qor_context_cls_t *context_core_class(int32_t id)
 {

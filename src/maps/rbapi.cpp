@@ -295,7 +295,7 @@ int rbapi_travel(void *data, rbtree_root *root, rbtree_travel_func fn)
 
 QOR_COMMON_NAME(hash_api);
 QOR_COMMON_NAME(buf2uint32);
-QOR_ALIAS(rbtree_string_hash, "qor_rbtree_string_hash", "rbtree_string_hash");
+QOR_COMMON_NAME(rbtree_string_hash);
 QOR_COMMON_NAME(rbtree_init);
 QOR_COMMON_NAME(rbtree_destroy);
 QOR_COMMON_NAME(rbtree_find);

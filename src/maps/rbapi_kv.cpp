@@ -112,4 +112,4 @@ QOR_COMMON_NAME(rbapi_kv_clear);
 QOR_COMMON_NAME(rbapi_kv_isinit);
 QOR_COMMON_NAME(rbapi_kv_isempty);
 QOR_COMMON_NAME(rbapi_kv_travel);
-QOR_ALIAS(rbapi_kv_release, "qor_rbapi_kv_release", "rbapi_kv_release");
+QOR_COMMON_NAME(rbapi_kv_release);

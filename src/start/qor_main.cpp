@@ -72,6 +72,7 @@ bool main_context_belongs(qor_context_t *context, const qor_bus_t *bus)
 } // namespace
 
 list_head context_head = {&context_head, &context_head};
+QOR_COMMON_DATA(list_head, context_head);
 
 void main_contexts_close(qor_bus_t *bus)
 {

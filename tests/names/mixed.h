@@ -17,6 +17,9 @@ int prefixed_put(void *list, void *link);
 /** Walks over a queue's own list; returns how many nodes it has. */
 int prefixed_count(qor_que_t *que);
 
+/** Whether a map of strings has the functions that this unit knows for such maps. */
+int prefixed_knows(void *string_map);
+
 QOR_END_DECLS
 
 #endif /* QOR_TESTS_MIXED_H */

@@ -14,6 +14,12 @@ int prefixed_fill(void *keyed_tree, const char *keys)
     return tree->count;
 }
 
+int prefixed_knows(void *string_map)
+{
+    const qor_rbtree_kv_root *map = (qor_rbtree_kv_root *)string_map;
+    return map->root.hash == qor_rbtree_string_hash && map->root.release == qor_rbapi_kv_release;
+}
+
 int prefixed_put(void *list, void *link)
 {
     qor_list_head *head = (qor_list_head *)list;

@@ -6,6 +6,10 @@
 #include "check.h"
 #include "rbapi_kv.h"
 
+/* As units refer to them whose declarations do not say QOR_LINKED_AS. */
+extern size_t hash_unlabelled(const void *str) __asm__("rbtree_string_hash");
+extern void release_unlabelled(void *key, void *val, rbtree_root *root) __asm__("rbapi_kv_release");
+
 static int released;
 
 static int compare(const void *first, const void *second)
@@ -46,6 +50,8 @@ static void check_hash(void)
     check("hash_api depends on the seed", hash_api("abcdefg", 7, 1) != hash_api("abcdefg", 7, 2));
     check("the string hash has its seed",
           rbtree_string_hash("abcdefg") == hash_api("abcdefg", 7, 0xaa55aa55));
+    check("and is there by its other name",
+          hash_unlabelled("abcdefg") == rbtree_string_hash("abcdefg"));
 }
 
 static void check_callers_nodes(void)
@@ -117,6 +123,11 @@ static void check_strings(void)
     rbapi_kv_release(node->key, node->val, &map.root);
     free(node);
     check("rbapi_kv_release releases the value", released == 2);
+    check("rbapi_kv_insert once more", rbapi_kv_insert("b", "2", &map) == 0);
+    node = rbapi_remove("b", &map.root);
+    release_unlabelled(node->key, node->val, &map.root);
+    free(node);
+    check("by its other name as well", released == 3);
     check("rbapi_kv_insert again", rbapi_kv_insert("c", "3", &map) == 0);
     check("rbapi_kv_clear", rbapi_kv_clear(&map) == 0 && rbapi_kv_isempty(&map) == 1);
     check("rbapi_kv_destroy", rbapi_kv_destroy(&map) == 0 && !rbapi_kv_isinit(&map));

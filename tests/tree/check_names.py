@@ -15,7 +15,7 @@ WITHOUT = "-DQOR_NO_COMMON_NAMES"
 INCLUDES = [f"-I{ROOT}/include", f"-I{ROOT}/src/hal/linux"]
 PARTS = {"qor_names_open.h", "qor_names_close.h"}
 HEADERS = sorted({p.name for p in (ROOT / "include").glob("*.h")} - PARTS | {"qor_hal.h"})
-KEYWORDS = set("const enum extern inline int static struct typedef union void volatile __extension__".split())
+KEYWORDS = set("const enum extern inline int static struct typedef union void volatile __asm__ __extension__".split())
 LANGUAGES = {"c": ["-x", "c", "-std=c11", "-D_POSIX_C_SOURCE=200809L"], "c++": ["-x", "c++", "-std=c++17"]}
 
 
