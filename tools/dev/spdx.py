@@ -98,7 +98,7 @@ def document(folder, archive, seconds, packages):
 
 
 def differences(folder, page):
-    """Where the document and what reuse says do not agree; reuse leaves licences and empty files out."""
+    """Where the document and what reuse says do not agree; reuse leaves licences, its own file and empty ones out."""
     said = {f["fileName"]: f["checksums"][0]["checksumValue"] for f in page["files"]}
     report = subprocess.run(["reuse", "--root", folder, "spdx"], text=True, check=True, capture_output=True).stdout
     found = re.findall(r"^FileName: (.*)\nSPDXID: .*\nFileChecksum: SHA1: (\w+)\n.*\nLicenseInfoInFile: (.*)$", report, re.M)
@@ -106,7 +106,7 @@ def differences(folder, page):
         if said.pop(name, None) != checksum or licence != LICENCE:
             yield f"{name}: {checksum}, {licence} for reuse"
     for name in said:
-        if not name.startswith("./LICENSE") and (folder / name).stat().st_size > 0:
+        if not name.startswith(("./LICENSE", "./.reuse/")) and (folder / name).stat().st_size > 0:
             yield f"{name}: reuse does not know it"
     names = [e["SPDXID"] for e in page["files"] + page["packages"]] + [page["SPDXID"]]
     if len(names) != len(set(names)):
