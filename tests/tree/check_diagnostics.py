@@ -4,14 +4,16 @@
 ROOT.
 
 A line is a format as check_printed_names.py lists them, or a sentence that one of those prints with
-"%s"; of the C++ interface it is a format, or what that is refused with. In the page <...> stands for what is filled in.
+"%s"; of the C++ interface it is a format, or what that is refused with. The bridge prints by macros and
+checks of its own. In the page <...> stands for what is filled in.
 """
 import re
 import subprocess
 import sys
 from pathlib import Path
 
-FILLED = r"%(?:\.\*)?l*[a-z]"
+FILLED = r"%(?:\.\*)?z?l*[a-z]"
+TEXT = r'"((?:[^"\\\n]|\\.)*)"'
 
 
 def formats(root):
@@ -38,13 +40,27 @@ def refusals(root):
         yield from re.findall(r'case failure::(?!none)\w+:\s*return "([^"]+)";', code)
 
 
+def bridge(root):
+    for path in (root / "companions").rglob("src/*.cpp"):
+        code = re.sub(r'"\s*\n\s*"', "", path.read_text())
+        lines = re.findall(rf'\bMQTT_(?:LINE\("\w+",\s*\w+,|(?:ERR|WRN|INF)\()\s*{TEXT}', code)
+        yield from (line for line in lines if not line.endswith(": %s: %s"))
+        for condition in re.findall(r"\bMQTT_CHECK(?:_VOID)?\(((?:[^,()]|\([^()]*\))+)[,)]", code):
+            yield f"!({condition}) == true."
+        for which, first in (("config", "configuration"), ("route", r"route \"%s\"")):
+            of = r"[\w.]+,\s*" if which == "route" else ""
+            for field, what in re.findall(rf"\b{which}_wrong\(\s*{of}([^,]+?),\s*{TEXT}", code):
+                name = field.strip('"') if field.startswith('"') else "%s"
+                yield f"{first}: {name}: {what}"
+
+
 def plain(text):
     """As it is printed, but for what is filled in."""
     return re.sub(FILLED, "<x>", text.replace(r"\n", "").replace(r"\"", '"'))
 
 
 def main(root):
-    printed = {plain(text) for text in (*formats(root), *sentences(root), *refusals(root))}
+    printed = {plain(text) for text in (*formats(root), *sentences(root), *refusals(root), *bridge(root))}
     printed = {text for text in printed if text != "<x>" and " " in text and not text.startswith(" ")}
     page = (root / "docs/diagnostics.md").read_text().replace(r"\|", "|")
     rows = [row for row in page.splitlines() if row.startswith("| `")]
