@@ -82,7 +82,7 @@ void mqtt_letters_free(list_head &letters)
     while (!list_empty(&letters)) {
         mqtt_letter *letter = letter_of(letters.next);
         list_del(&letter->node);
-        free(letter);
+        free(letter); /* NOLINT(clang-analyzer-unix.Malloc) */
     }
 }
 

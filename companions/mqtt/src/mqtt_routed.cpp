@@ -35,10 +35,10 @@ void drop(mqtt_routed &routed, mqtt_routed_entry *entry)
 
 void drop_oldest(mqtt_routed &routed)
 {
-    mqtt_routed_entry *oldest = nullptr;
-    for (int32_t i = 0; i < routed.most; i++) {
+    mqtt_routed_entry *oldest = routed.places;
+    for (int32_t i = 1; i < routed.most; i++) {
         mqtt_routed_entry *entry = &routed.places[i];
-        if (entry->answered && (!oldest || entry->answered_at < oldest->answered_at)) {
+        if (entry->answered && (!oldest->answered || entry->answered_at < oldest->answered_at)) {
             oldest = entry;
         }
     }
