@@ -80,9 +80,9 @@ mqtt_letter *mqtt_letter_make(const mqtt_letter_terms &terms)
 void mqtt_letters_free(list_head &letters)
 {
     while (!list_empty(&letters)) {
-        mqtt_letter *letter = letter_of(letters.next);
+        mqtt_letter *letter = letter_of(letters.next); /* NOLINT(clang-analyzer-unix.Malloc) */
         list_del(&letter->node);
-        free(letter); /* NOLINT(clang-analyzer-unix.Malloc) */
+        free(letter);
     }
 }
 
