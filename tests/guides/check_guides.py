@@ -5,11 +5,12 @@ COMPILER PAGE...
 
 A C block is compiled, and linked when it has a main function; the first line of one that is used by
 name is a comment "NAME.c: ...". A sh block runs in the folder of the page's files, where examples is that
-of the tree; the library of BUILD is installed in place of /opt/qor. A text block behind a sh block is what that prints, one behind a
-program what the program prints. Times are masked. A block behind a comment "<!-- from: FILE -->" is an
-excerpt of that file of the tree, where "..." alone on a line stands for lines that are left out. Every
-other block has a comment "<!-- shown only: WHY -->" before it; all pages together have at most ten of
-those.
+of the tree; the library of BUILD is installed in place of /opt/qor. A text block behind a sh block is what
+that prints, one behind a program what the program prints. Times are masked. A block behind a comment
+"<!-- from: FILE -->" is an excerpt of that file of the tree, where "..." alone on a line stands for lines
+that are left out. Every other block has a comment "<!-- shown only: WHY -->" before it; all pages together
+have at most ten of those. A C block that uses the bridge to MQTT brokers has that, too, but is compiled
+where the bridge is installed.
 """
 import os
 import re
@@ -34,6 +35,8 @@ class Page:
     def __init__(self, prefix, compiler, folder):
         self.prefix, self.folder = prefix, Path(folder)
         self.compiler = compiler
+        self.bridge = Path(prefix, "lib/pkgconfig/libqor_bus_mqtt.pc").is_file()
+        self.package = "libqor_bus_mqtt" if self.bridge else "libqor_bus"
         self.printed, self.program, self.complaints, self.shown_only = None, None, [], 0
         (self.folder / "examples").symlink_to(TREE / "examples")
 
@@ -46,8 +49,8 @@ class Page:
         return done.stdout + done.stderr
 
     def build(self, name, program):
-        last = f"$(pkg-config --libs libqor_bus) -Wl,-rpath,{self.prefix}/lib" if program else "-c"
-        self.run(f"{self.compiler} {FLAGS} $(pkg-config --cflags libqor_bus) {name}.c -o {name} {last}")
+        last = f"$(pkg-config --libs {self.package}) -Wl,-rpath,{self.prefix}/lib" if program else "-c"
+        self.run(f"{self.compiler} {FLAGS} $(pkg-config --cflags {self.package}) {name}.c -o {name} {last}")
 
     def c_block(self, code):
         named = re.match(r"/\* (\w+)\.c:", code)
@@ -74,7 +77,7 @@ class Page:
     def block(self, marker, about, kind, text):
         if marker == "from":
             self.excerpt(about, text)
-        elif marker:
+        elif marker and not (self.bridge and "qor_mqtt.h" in text):
             self.shown_only += 1
         elif kind == "c":
             self.c_block(text)
