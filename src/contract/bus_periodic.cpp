@@ -32,6 +32,12 @@ bus_periodics &table_of(bus_periodic *timer)
     return timer->priv->periodics;
 }
 
+/* Whether there may be a timer with that session; without the mutex. */
+bool slot_is_used(const bus_periodics &table, int32_t session)
+{
+    return hal_load(table.mask) >> slot_of(session) & 1;
+}
+
 /* What ends in _locked is called with the table's mutex held. */
 
 bool periodic_armed_locked(const bus_periodic *timer)
@@ -336,7 +342,7 @@ void bus_periodic_over(bus_periodic *timer)
 int32_t bus_periodic_cancel(qor_bus_t *bus, int32_t session)
 {
     bus_periodics &table = bus->priv->periodics;
-    return bus_periodic_has(table, session) &&
+    return slot_is_used(table, session) &&
                    periodic_stop(table, [&] { return periodic_numbered_locked(table, session); })
                ? 0
                : -1;
@@ -351,7 +357,7 @@ void bus_periodics_end(qor_bus_t *bus, const qor_context_t *context)
 
 bool bus_periodic_has(bus_periodics &table, int32_t session)
 {
-    if (!(hal_load(table.mask) >> slot_of(session) & 1)) {
+    if (!slot_is_used(table, session)) {
         return false;
     }
     hal_scoped_lock lock(table.mutex);
