@@ -35,25 +35,24 @@ uint64_t clock_monotonic()
     return nanoseconds_of(CLOCK_MONOTONIC);
 }
 
-/* Adds count * size to sum; false when that does not fit. */
-bool size_add(size_t &sum, size_t count, size_t size)
+/* sum + count * size; SIZE_MAX when that does not fit. */
+size_t size_add(size_t sum, size_t count, size_t size)
 {
     size_t product;
-    return !__builtin_mul_overflow(count, size, &product) &&
-           !__builtin_add_overflow(sum, product, &sum);
+    const bool over =
+        __builtin_mul_overflow(count, size, &product) || __builtin_add_overflow(sum, product, &sum);
+    return over ? SIZE_MAX : sum;
 }
 
 /* What the heads, the names and that many events in each lane take; 0 when it does not fit. Lanes
  * and names count the one that is always there. */
 size_t recording_size(size_t lanes, size_t names, size_t events)
 {
-    size_t sum = sizeof(trace_head);
-    size_t ring = 0;
-    return size_add(ring, events, sizeof(trace_event)) &&
-                   size_add(sum, lanes, sizeof(trace_lane)) &&
-                   size_add(sum, names, sizeof(trace_naming)) && size_add(sum, lanes, ring)
-               ? sum
-               : 0;
+    const size_t ring = size_add(0, events, sizeof(trace_event));
+    size_t sum = size_add(sizeof(trace_head), lanes, sizeof(trace_lane));
+    sum = size_add(sum, names, sizeof(trace_naming));
+    sum = size_add(sum, lanes, ring); /* what did not fit before does not now */
+    return sum < SIZE_MAX ? sum : 0;
 }
 
 /* How a recorder's memory is laid out. */

@@ -102,6 +102,7 @@ TEST_F(Trace, ASizeThatDoesNotFitIsNone)
         EXPECT_EQ(qor_trace_size(1 << 20, 1, 1 << 10), 0u);
     } else { /* the rings together; together with the names */
         EXPECT_EQ(qor_trace_size(UINT32_MAX - 1, 1, 1u << 31), 0u);
+        EXPECT_EQ(qor_trace_size((1u << 29) - 1, 1, 1u << 31), 0u);
         EXPECT_EQ(qor_trace_size((1u << 29) - 2, UINT32_MAX - 1, 1u << 31), 0u);
     }
 }
@@ -150,6 +151,16 @@ TEST_F(Trace, ThereIsOneRecorder)
 {
     start();
     EXPECT_EQ(refused(&memory.config), line("a recorder or the loop is running."));
+}
+
+TEST_F(Trace, MemoryWithoutEndHasRingsThatEnd)
+{
+    start();
+    qor_trace_config_t config = memory.config;
+    config.memory_size =
+        SIZE_MAX; /* the layout is made before the recording that runs refuses it */
+
+    EXPECT_EQ(refused(&config), line("a recorder or the loop is running."));
 }
 
 TEST_F(Trace, TheLineOfARefusalMayBeRecordedItself)
