@@ -29,8 +29,7 @@ uint32_t from_of(const qor_context_t *publisher)
 const char *given_name(const qor_context_task_t *task)
 {
     constexpr char by_default[] = "task:";
-    const bool given =
-        task->name[0] && strncmp(task->name, by_default, sizeof(by_default) - 1) != 0;
+    const bool given = strncmp(task->name, by_default, sizeof(by_default) - 1) != 0;
     return given ? task->name : nullptr;
 }
 

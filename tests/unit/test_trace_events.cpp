@@ -215,6 +215,38 @@ TEST_F(TraceEvents, OnlyAGivenNameIsTold)
               "end/6 client s9 0\n");
 }
 
+TEST_F(TraceEvents, ATaskWithoutANameHasNone)
+{
+    made_up(QOR_TRACE_TASKS);
+    EXPECT_EQ(told([&] {
+                  qor_context_task_t task = {};
+                  qor_context_task_init(&task, &client.core()->base, nullptr, 9, nothing, nullptr);
+                  task.name[0] = '\0';
+                  qor_context_handle_task(&client.core()->base, &task);
+              }),
+              "post client s9 0\n"
+              "start/6 client s9 -1\n"
+              "end/6 client s9 0\n");
+}
+
+TEST_F(TraceEvents, ATaskOfAContextWithoutABusIsNobodys)
+{
+    Module lone("lone");
+    made_up(QOR_TRACE_TASKS);
+    EXPECT_EQ(told([&] {
+                  qor_context_t *context = qor_core_context_class.create(&lone.descriptor);
+                  qor_context_task_t task = {};
+                  qor_context_task_init(&task, context, nullptr, 9, nothing, nullptr);
+                  qor_context_handle_task(context, &task);
+                  qor_context_t *inner = qor_core_context_type(context)->context;
+                  qor_context_uninit(context);
+                  qor_context_destroy(context);
+                  qor_context_destroy(inner);
+              }),
+              "post - s9 0\n"
+              "drop/3 - s9 -1\n");
+}
+
 TEST_F(TraceEvents, ACancelIsToldWithItsResult)
 {
     made_up(QOR_TRACE_TASKS);
