@@ -7,6 +7,8 @@
 #include "beat.hpp"
 #include "door.hpp"
 #include "failed_init_fixture.hpp"
+#include "falling_due.hpp"
+#include "hal_sync.hpp"
 #include "qor_bus.h"
 #include "qor_context_handler.h"
 #include "qor_context_module.h"
@@ -88,6 +90,35 @@ TEST_F(FailedInit, ARunThatIsUnderWayIsWaitedFor)
 
     EXPECT_EQ(journal.text(), "unreg run uninit after 1");
     EXPECT_EQ(beat.begun, 1);
+}
+
+/* What else the module has is recycled meanwhile, and waits until the timer waits again. */
+TEST_F(FailedInit, ARunThatIsDueWhileItsModuleIsTakenDownIsNotBegun)
+{
+    Note task(journal, "task");
+    doomed.init = [&](qor_context_t *self) {
+        const int32_t session = qor_context_every(self, no_run, &journal, recycle, never);
+        qor_time_que_t *timers =
+            static_cast<qor_sched_delegate_t *>(qor_context_pub_data_get(&doomed.core()->base))
+                ->bus->time_que;
+        task.at_recycle = [timers, session] {
+            fall_due(timers, session);
+            EXPECT_TRUE(
+                await([timers] { /* the task has the other timer */
+                                 hal_scoped_lock lock(timers->mutex);
+                                 const auto *first =
+                                     reinterpret_cast<qor_time_que_node_t *>(timers->head.next);
+                                 return timers->count == 2 && first->when > util_timestamp();
+                }));
+        };
+        EXPECT_EQ(task.post(self, never), 0);
+        return -1;
+    };
+    RunningBus bus({&doomed});
+
+    ASSERT_TRUE(doomed.gone());
+
+    EXPECT_EQ(journal.text(), "unreg -task recycle uninit");
 }
 
 TEST_F(FailedInit, NoPeriodicTimerIsArmedAfterIt)

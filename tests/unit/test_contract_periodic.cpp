@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Periodic timers of modules with a contract. */
 #include "contract_fixture.hpp"
+#include "falling_due.hpp"
 #include "qor_periodic.h"
 #include "time_que_length.hpp"
 
@@ -225,6 +226,40 @@ TEST_F(ContractPeriodic, AFailedInitEndsIt)
     bus->start();
 
     EXPECT_TRUE(await([&] { return beat.recycled == 1; }));
+
+    end();
+    EXPECT_EQ(beat.recycled, 1);
+    EXPECT_EQ(beat.runs, 0);
+}
+
+/* What else the module has is recycled meanwhile, and waits for that. */
+TEST_F(ContractPeriodic, OneThatFallsDueWhileItsModuleIsTakenDownEnds)
+{
+    struct Recycled {
+        std::function<void()> act;
+        std::atomic<bool> over{false};
+    } recycled;
+    server.init = [&](qor_context_t *self) {
+        const int32_t session = every(beat, 3600000, self);
+        EXPECT_GE(session, 0);
+        recycled.act = [this, session] {
+            fall_due(bus->get()->time_que, session);
+            EXPECT_TRUE(await([this] { return beat.recycled == 1; }));
+        };
+        qor_context_task_t task = {};
+        qor_context_task_init(
+            &task, self, "task", 9, [](void *arg) { return arg; }, &recycled);
+        task.recycle = [](void *arg) {
+            static_cast<Recycled *>(arg)->act();
+            static_cast<Recycled *>(arg)->over = true;
+        };
+        EXPECT_EQ(qor_context_handler_post(self, &task), 0);
+        return -1;
+    };
+    bus_with(strict_terms());
+    bus->start();
+
+    EXPECT_TRUE(await([&] { return recycled.over.load(); }));
 
     end();
     EXPECT_EQ(beat.recycled, 1);

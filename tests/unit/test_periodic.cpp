@@ -3,6 +3,7 @@
 #include "qor_periodic.h"
 
 #include <pthread.h>
+#include <stdlib.h>
 
 #include <string>
 #include <utility>
@@ -14,7 +15,10 @@
 #include "beat.hpp"
 #include "case_name.hpp"
 #include "door.hpp"
+#include "falling_due.hpp"
 #include "journal.hpp"
+#include "leak.hpp"
+#include "module.hpp"
 #include "output.hpp"
 #include "qor_bus.h"
 #include "qor_context_handler.h"
@@ -22,6 +26,7 @@
 #include "qor_que.h"
 #include "running_bus.hpp"
 #include "still_bus.hpp"
+#include "taking_tasks.hpp"
 #include "thread.hpp"
 #include "time_que_length.hpp"
 
@@ -554,6 +559,53 @@ TEST(PeriodicAlone, AContextThatIsNotOnABusIsRefused)
 
     EXPECT_EQ(out.printed(), refusal("not on a bus, source: lonely"));
     EXPECT_EQ(beat.recycles, 0);
+}
+
+TEST(PeriodicAlone, AModulesContextWithoutItsWrapperIsRefused)
+{
+    Output out;
+    Module module("lonely");
+    Beat beat;
+    qor_context_t *wrapper = qor_context_create(&qor_core_context_class, &module.descriptor);
+    qor_context_t *inner = qor_core_context_type(wrapper)->context;
+    qor_context_pub_data_set(inner, nullptr, nullptr);
+
+    EXPECT_EQ(beat.arm(inner, 1), -1);
+
+    EXPECT_EQ(out.printed(), refusal("not on a bus, source: lonely"));
+    qor_context_uninit(wrapper);
+    qor_context_destroy(wrapper);
+    qor_context_destroy(inner);
+}
+
+TEST(PeriodicAlone, OneThatFallsDueOnceItsBusIsDestroyedEnds)
+{
+    Journal journal;
+    Actor actor(journal, "actor");
+    Beat beat;
+    qor_context_module_t *none[] = {nullptr};
+    qor_bus_t *bus = qor_bus_create(none, 4);
+    drop_start_up(bus);
+    qor_time_que_t *timers = bus->time_que;
+    list_head *head = bus->head;
+    {
+        const PrescribedLeak delegate;
+        actor.attach(bus, QOR_BUS_ROLE_USER);
+    }
+    qor_bus_thread_num_set(bus, 1);
+    Thread loop([bus] { qor_bus_loop(bus); });
+    ASSERT_EQ(qor_bus_drain(bus, 60000), 0);
+    const int32_t session = beat.arm(actor.get(), never);
+
+    qor_bus_destroy(bus);
+    fall_due(timers, session);
+
+    EXPECT_TRUE(beat.await_recycle());
+    EXPECT_EQ(beat.begun, 0);
+    qor_time_que_quit(timers);
+    loop.join();
+    qor_time_que_destroy(timers);
+    free(head);
 }
 
 /* A context that is attached to a bus which has no module. */
