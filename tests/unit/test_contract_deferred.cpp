@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Deferred requests of modules with a contract. */
 #include "contract_fixture.hpp"
+#include "inspection.hpp"
 #include "qor_deferred.h"
 #include "qor_periodic.h"
 
@@ -220,4 +221,59 @@ TEST_F(ContractDeferred, WhatIsOpenAtTheEndIsFinished)
     EXPECT_EQ(complete(0), -1);
     end();
     EXPECT_EQ(answers.text(), "");
+}
+
+TEST_F(ContractDeferred, AtOpenMaxATimerIsNotBegunBeforeItsTime)
+{
+    running_with(open_max(1, true));
+    ASSERT_GE(ask(0), 0);
+    ASSERT_TRUE(await([&] { return deferred() == 1; }));
+    const auto write = [](void *letters) -> void * {
+        static_cast<Letters *>(letters)->add("t");
+        return nullptr;
+    };
+    ASSERT_GE(qor_context_timer(server.context(), write, &order, 3600000), 0);
+
+    ASSERT_GE(qor_context_run(server.context(), write, &order), 0);
+
+    EXPECT_TRUE(await([&] { return order.text().size() > 1; }));
+    EXPECT_TRUE(await([&] { return Inspection(bus->get()).context("server").runs == 0; }));
+    EXPECT_EQ(order.text(), "0t");
+    EXPECT_EQ(ledger().delayed, 1U);
+    EXPECT_EQ(complete(0), 0);
+    EXPECT_TRUE(settles());
+    end();
+}
+
+/* Whoever looks for more while it discards what it has. */
+TEST_F(ContractDeferred, AtOpenMaxAQueueThatQuitsGivesNothingAway)
+{
+    running_with(open_max(1, false), 1);
+    ASSERT_GE(ask(0), 0);
+    ASSERT_TRUE(await([&] { return deferred() == 1; }));
+    const auto stand = [](void *at) -> void * { return static_cast<Door *>(at)->pass(), at; };
+    ASSERT_EQ(qor_bus_run(bus->get(), stand, &door, nullptr), 0);
+    ASSERT_TRUE(door.await(1));
+    struct Waiting {
+        Letters &order;
+        qor_context_t *wrapper;
+    } waiting = {order, &server.core()->base};
+    for (int i = 0; i < 2; i++) {
+        qor_context_task_t task = {};
+        qor_context_task_init(
+            &task, server.context(), "task", 9,
+            [](void *of) -> void * { return static_cast<Waiting *>(of)->order.add("X"), of; },
+            &waiting);
+        task.recycle = [](void *of) {
+            static_cast<Waiting *>(of)->order.add("R");
+            EXPECT_EQ(qor_core_context_class.loop(static_cast<Waiting *>(of)->wrapper), 0);
+        };
+        ASSERT_EQ(qor_context_handler_post(server.context(), &task), 0);
+    }
+
+    qor_time_que_quit(server.core()->que);
+
+    EXPECT_EQ(order.text(), "0RR");
+    EXPECT_EQ(complete(0), 0);
+    end();
 }

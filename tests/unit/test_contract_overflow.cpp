@@ -492,3 +492,37 @@ TEST_F(ContractOverflow, ListenersWhoSawADroppedRequestBeforeSeeItAfter)
     EXPECT_TRUE(await([&] { return saw.text().size() == 6; }));
     end();
 }
+
+/* Nobody else serves timers meanwhile. */
+TEST_F(ContractOverflow, TheLoopNeverWaits)
+{
+    held_with(strict_terms(1, QOR_OVERFLOW_BLOCK, 600000));
+    ASSERT_GE(ask(1), 0);
+    struct Timer {
+        explicit Timer(ContractOverflow *test) : self(test) {}
+        ContractOverflow *self;
+        Door run;
+        std::atomic<int> recycles{0};
+        std::atomic<int32_t> posted{-2};
+    } timer(this);
+    qor_context_task_t task = {};
+    qor_context_task_init(
+        &task, nullptr, "timer", 1,
+        [](void *arg) -> void * { return static_cast<Timer *>(arg)->run.pass(), arg; }, &timer);
+    task.recycle = [](void *arg) { /* the loop's comes first: the task stands at the door */
+                                   Timer &own = *static_cast<Timer *>(arg);
+                                   if (own.recycles++ == 0) {
+                                       own.posted = own.self->ask(2);
+                                   }
+    };
+    task.delay = 1;
+
+    ASSERT_GE(qor_bus_timer_post(bus->get(), &task), 0);
+
+    EXPECT_TRUE(await([&] { return timer.posted != -2; }));
+    EXPECT_EQ(timer.posted, -1);
+    EXPECT_EQ(output.count("queue full"), 1);
+    timer.run.open();
+    EXPECT_TRUE(await([&] { return timer.recycles == 2; }));
+    end();
+}

@@ -2,7 +2,11 @@
 /* Modules with contracts on a bus that the test drives: its tasks run on a thread that is none of
  * the library's, and queues quit when the test says so. */
 #include "contract_fixture.hpp"
+#include "falling_due.hpp"
+#include "leak.hpp"
+#include "qor_periodic.h"
 #include "still_bus.hpp"
+#include "taking_tasks.hpp"
 #include "time_que_length.hpp"
 
 namespace {
@@ -154,6 +158,42 @@ TEST_F(ContractStill, ADelayedTaskThatTheTimerQueueDoesNotTakeIsRefused)
     EXPECT_EQ(seen.text(), "");
 }
 
+/* The run has been taken from the bus, and comes to it while what else there is is recycled. */
+TEST_F(ContractStill, ATaskWithARunOfItsOwnIsNotBegunOnceTheInitHasFailed)
+{
+    struct Recycled {
+        Letters &seen;
+        qor_context_task_t *run;
+    } other = {seen, nullptr};
+    server.init = [&](qor_context_t *self) {
+        EXPECT_EQ(post(0, /* async */ 1), 0);
+        bus.run_next(); /* the queue's run gives it one */
+        other.run = bus.take();
+        qor_context_task_t task = {};
+        qor_context_task_init(
+            &task, self, "other", 9, [](void *arg) { return arg; }, &other);
+        task.delay = 3600000;
+        task.recycle = [](void *arg) {
+            const Recycled &own = *static_cast<Recycled *>(arg);
+            own.seen.add("[");
+            qor_context_task_excute(own.run);
+            own.seen.add("]");
+        };
+        EXPECT_EQ(qor_context_handler_post(self, &task), 0);
+        return -1;
+    };
+    const qor_contract_t contract = terms();
+    ASSERT_EQ(qor_bus_contract_set(bus.get(), "server", &contract), 0);
+
+    bus.run_all();
+
+    EXPECT_EQ(seen.text(), "[R]");
+    EXPECT_EQ(ledger().discarded, 2U);
+    EXPECT_EQ(ledger().run, 0U);
+    EXPECT_EQ(accounted(ledger()), ledger().accepted);
+    StillBus::finish(other.run);
+}
+
 TEST_F(ContractStill, ATaskWithARunOfItsOwnIsRecycledWithTheBus)
 {
     up(terms());
@@ -193,4 +233,56 @@ TEST_F(ContractStill, ARequestGoesFromAModuleWithoutOneToTheNewersQueue)
     EXPECT_EQ(length_of(server.core()->que), 0);
     EXPECT_EQ(length_of(newer.core()->que), 1);
     EXPECT_EQ(ledger_of(bus.get(), "newer").accepted, 1U);
+}
+
+TEST_F(ContractStill, WhatGoesPastTheQueueIsInNoOtherCount)
+{
+    up(terms([](qor_contract_t &contract) { contract.depth = 1; }));
+    ASSERT_EQ(post(), 0);
+
+    ASSERT_EQ(post(), 0);
+    bus.run_all();
+
+    EXPECT_EQ(seen.text(), "XRXR");
+    EXPECT_EQ(ledger().bypassed, 1U);
+    EXPECT_EQ(ledger().accepted, 1U);
+    EXPECT_EQ(ledger().run, 1U);
+    EXPECT_EQ(ledger().waiting, 0U);
+    EXPECT_EQ(ledger().running, 0U);
+}
+
+/* What belongs to the contexts is never freed then. */
+TEST(ContractGone, APeriodicTimerThatFallsDueAfterwardsEnds)
+{
+    Module server("server");
+    std::vector<qor_context_module_t *> modules = table_of({&server});
+    qor_bus_t *bus = qor_bus_create(modules.data(), 1);
+    const qor_contract_t contract = strict_terms();
+    ASSERT_EQ(qor_bus_contract_set(bus, "server", &contract), 0);
+    {
+        const PrescribedLeak contexts;
+        while (qor_context_task_t *task = take_task(bus)) {
+            qor_context_task_excute(task);
+            release_task(task);
+        }
+    }
+    std::atomic<int> recycled{0};
+    const int32_t session = qor_context_every(
+        server.context(), [](qor_context_t *, int32_t, void *, uint32_t) { ADD_FAILURE(); },
+        &recycled, [](void *arg) { ++*static_cast<std::atomic<int> *>(arg); }, 3600000);
+    qor_bus_thread_num_set(bus, 1);
+    Thread loop([bus] { qor_bus_loop(bus); });
+    ASSERT_EQ(qor_bus_drain(bus, 60000), 0);
+    qor_time_que_t *timers = bus->time_que;
+
+    qor_bus_uninit(bus);
+    fall_due(timers, session);
+
+    EXPECT_TRUE(await([&] { return recycled == 1; }));
+    EXPECT_TRUE(list_empty(&server.core()->que->head));
+    qor_time_que_quit(timers);
+    loop.join();
+    qor_time_que_destroy(timers);
+    free(bus->head);
+    free(bus);
 }

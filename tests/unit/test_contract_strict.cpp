@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Strict modules: how many tasks at a time, and in which order. */
 #include "contract_fixture.hpp"
+#include "inspection.hpp"
 
 namespace {
 
@@ -264,6 +265,24 @@ TEST_F(ContractStrict, ARunGivesWayToOthersAndGoesOn)
     EXPECT_TRUE(other);
     EXPECT_LT(handled, 1000000);
     end();
+}
+
+/* Such a run is one more of the queue's as long as it lasts. */
+TEST_F(ContractStrict, ATaskOfTheBusMayCallTheLoop)
+{
+    running_with(strict_terms());
+    const auto loop = [](void *context) -> void * {
+        EXPECT_EQ(qor_core_context_class.loop(static_cast<qor_context_t *>(context)), 0);
+        return nullptr;
+    };
+    ASSERT_TRUE(settles());
+
+    ASSERT_EQ(qor_bus_run(bus->get(), loop, &server.core()->base, nullptr), 0);
+
+    EXPECT_TRUE(settles());
+    EXPECT_EQ(Inspection(bus->get()).context("server").runs, 0U);
+    EXPECT_GE(ask(), 0);
+    EXPECT_TRUE(await([this] { return answers.text() == "a"; }));
 }
 
 TEST_F(ContractStrict, AQuitBeforeTheStartLeavesTheWorkersFree)
