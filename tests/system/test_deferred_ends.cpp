@@ -196,6 +196,32 @@ TEST_F(DeferredEnds, QuitDiscardsWhatIsCompleteButWhoseHandlerHasNotReturned)
     EXPECT_EQ(responses.text() + journal.text(), "");
 }
 
+TEST_F(DeferredEnds, WhatIsCompleteOnAnotherBusGoesOn)
+{
+    struct Other : Deferring {
+        void TestBody() override {}
+        using Deferring::ask, Deferring::response, Deferring::token, Deferring::complete;
+        using Deferring::bus, Deferring::be_up, Deferring::serve, Deferring::defer;
+    } other;
+    Door running;
+    other.serve = [&](qor_context_t *c, qor_context_msg_t *msg) {
+        EXPECT_EQ(other.defer(c, msg), 0);
+        EXPECT_EQ(Other::complete(other.token, 1, "pong"), 0);
+        EXPECT_TRUE(running.pass());
+        return 0;
+    };
+    be_up();
+    other.be_up();
+    ASSERT_GE(other.ask(), 0);
+    ASSERT_TRUE(running.await(1));
+
+    bus->end();
+    running.open();
+
+    EXPECT_EQ(other.response(), "1 pong");
+    other.bus->end();
+}
+
 TEST_F(DeferredEnds, ADeferralOnABusThatQuitsIsRefused)
 {
     Door running;

@@ -207,6 +207,24 @@ TEST_F(Deferred, DataForARequestWithoutResponsePartIsRefused)
     EXPECT_EQ(response(), "2");
 }
 
+TEST_F(Deferred, ARoomThatItsHandlerHasMadeNegativeIsNone)
+{
+    serve = [this](qor_context_t *c, qor_context_msg_t *msg) {
+        msg->response.size = -1;
+        return defer(c, msg);
+    };
+    be_up();
+    const uint64_t open = deferred();
+    clear();
+
+    EXPECT_EQ(complete(open, 1, "x"), -1);
+
+    EXPECT_EQ(out.printed(),
+              line("deferred_complete", "the response has room for 0 bytes, not for 1."));
+    EXPECT_EQ(complete(open, 2, ""), 0);
+    EXPECT_EQ(response(), "2");
+}
+
 TEST_F(Deferred, ATokenIsAcceptedOnce)
 {
     be_up();
