@@ -8,6 +8,7 @@
 
 #include "await.hpp"
 #include "case_name.hpp"
+#include "hal_sync.hpp"
 #include "lifecycle_fixture.hpp"
 
 struct WaitCase {
@@ -120,4 +121,23 @@ TEST_F(Lifecycle, OfTwoStopsOneTakesThePause)
     EXPECT_EQ(first.get(), 0);
     EXPECT_EQ(second.get(), 0);
     EXPECT_EQ(out.printed(), "");
+}
+
+/* Its lock is the last thing that a pause waits for. */
+TEST_F(Lifecycle, APauseThatAStopComesBeforeIsRefused)
+{
+    be(START);
+    ASSERT_EQ(qor_core_context_lifecycle_resume(core), 0);
+    ThreadCall pause;
+    {
+        hal_scoped_lock lock(core->mutex);
+        pause = begin(qor_core_context_lifecycle_pause, core);
+        EXPECT_TRUE(pause.waits());
+        __atomic_store_n(&core->lifecycle, STOP, __ATOMIC_RELEASE);
+    }
+
+    EXPECT_EQ(pause.get(), -1);
+
+    EXPECT_EQ(core->active_refcount, 1);
+    EXPECT_EQ(out.printed(), pause_line);
 }

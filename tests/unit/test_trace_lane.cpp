@@ -6,11 +6,13 @@
 
 #include "hal_sync.hpp"
 #include "output.hpp"
+#include "qor_bus_priv.hpp"
 #include "qor_inspect.h"
 #include "qor_sched_delegate.h"
 #include "recording.hpp"
 #include "still_bus.hpp"
 #include "thread.hpp"
+#include "thread_call.hpp"
 #include "trace_context.hpp"
 
 namespace {
@@ -208,4 +210,22 @@ TEST_F(TraceLane, ADelegateWithoutAContextIsNotNamed)
     qor_sched_delegate_create(bus.get(), QOR_BUS_ROLE_USER, nullptr);
 
     EXPECT_EQ(memory.recording().name(1), "1");
+}
+
+/* By another thread, between the begin of the recording and its hooks. */
+TEST_F(TraceLane, ARecordingThatIsEndedWhileItBeginsIsOver)
+{
+    ThreadCall starts;
+    {
+        hal_scoped_lock names(bus.get()->priv->mutex);
+        starts = ThreadCall([this] { return qor_trace_start(bus.get(), &memory.config); });
+        EXPECT_TRUE(await([] { return hal_load(trace_now.number) != 0; }));
+        EXPECT_EQ(qor_trace_stop(), 0);
+    }
+
+    EXPECT_EQ(starts.get(), 0);
+
+    EXPECT_EQ(hal_load(trace_mask), 0u);
+    qor_trace_mark(1, 0);
+    EXPECT_EQ(lane_mine(), nullptr);
 }
