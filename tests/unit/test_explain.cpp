@@ -223,6 +223,18 @@ TEST_F(Explain, TasksAndTheFirstOfTheBusAreShown)
     end();
 }
 
+TEST_F(Explain, AModuleThatOnlyWaitsForATimerIsShown)
+{
+    run_up({&alpha, &beta});
+
+    ASSERT_GE(qor_context_timer(
+                  alpha.context(), [](void *arg) { return arg; }, nullptr, 3600000),
+              0);
+
+    EXPECT_EQ(plain(explain().lines),
+              std::string(idle) + "context alpha: START, runs 0, slots 1, queued 1\n");
+}
+
 TEST_F(Explain, AnOpenRequestHasNoThreadButAnAge)
 {
     uint64_t token = 0;

@@ -150,6 +150,32 @@ TEST_F(Health, WhatALongHandlerCallsIsJudgedByItself)
     end();
 }
 
+/* A thread is over once, however much of what it is inside is. */
+TEST_F(Health, WhatIsTooDeepToBeKeptIsNotJudged)
+{
+    serve(gamma, 2);
+    gamma.handle = [](qor_context_t *c, qor_context_msg_t *msg) {
+        int32_t left;
+        memcpy(&left, msg->request.buf, sizeof(left));
+        told_time += 2000;
+        left--;
+        return left > 0 ? qor_context_x_req(c, 2, &left, sizeof(left))
+                        : qor_context_x_req(c, 0, nullptr, 0);
+    };
+    run_up({&alpha, &beta, &gamma});
+    int32_t calls = 7;
+    ASSERT_GE(qor_context_req(beta.context(), 2, &calls, sizeof(calls)), 0);
+    ASSERT_TRUE(door.await(1));
+
+    const qor_health_t found = health(1000);
+
+    EXPECT_EQ(found.over, 1u);
+    EXPECT_EQ(found.oldest_ms, 14000);
+    EXPECT_STREQ(found.oldest, "gamma");
+    EXPECT_EQ(health(13000).over, 1u); /* by the outermost alone */
+    end();
+}
+
 TEST_F(Health, EveryWorkerStuckIsCounted)
 {
     alpha.descriptor.refcount = 4;

@@ -134,6 +134,19 @@ TEST(InspectBus, TimersAndWhenTheNextIsDue)
     EXPECT_TRUE(await([&] { return Inspection(bus.get()).bus.next_timer_ms < 0; }));
 }
 
+/* Nobody can wait for that: the moment is the test's. */
+TEST(InspectBus, AMomentThatIsFarOffIsAsFarAsCanBeTold)
+{
+    StillBus bus(StillBus::bare);
+    ASSERT_EQ(timer(bus.get(), 500000), 0);
+    auto *node = reinterpret_cast<qor_time_que_node_t *>(bus.get()->time_que->head.next);
+
+    node->when = util_timestamp() - (int64_t{1} << 40);
+    EXPECT_EQ(Inspection(bus.get()).bus.next_timer_ms, -INT32_MAX);
+    node->when = util_timestamp() + (int64_t{1} << 40);
+    EXPECT_EQ(Inspection(bus.get()).bus.next_timer_ms, INT32_MAX);
+}
+
 TEST(InspectBus, PostsThatAreRefusedAreCounted)
 {
     StillBus bus(StillBus::bare);
@@ -515,6 +528,27 @@ TEST_F(Inspect, AContractBeforeItsModuleIsRegistered)
     end();
 }
 
+TEST_F(Inspect, AContractWhoseQueueIsNotBoundYet)
+{
+    bus_with(strict_terms());
+    qor_context_t *context = qor_context_create(&qor_core_context_class, &server.descriptor);
+    qor_sched_delegate_create(bus->get(), QOR_BUS_ROLE_USER, context);
+
+    qor_context_t *inner = qor_core_context_type(context)->context;
+    for (int i = 0; i < 51; i++) {
+        EXPECT_EQ(qor_context_x_run_s(inner, 9, nothing, nullptr), 0);
+    }
+
+    const qor_info_context_t found = look().context("server");
+
+    EXPECT_EQ(found.depth, 50u);
+    EXPECT_EQ(found.queued, 50u);
+    EXPECT_EQ(found.bypassed, 1u); /* as its own queue has counted */
+    EXPECT_EQ(found.ledger.accepted, 0u);
+    qor_context_uninit(context);
+    qor_context_destroy(context);
+}
+
 TEST_F(Deferring, AnOpenRequestIsShownWithItsAge)
 {
     be_up();
@@ -688,4 +722,15 @@ TEST_F(Inspect, AContextThatIsAttachedAgainIsShownOnce)
 
     EXPECT_EQ(look().contexts.size(), before);
     EXPECT_STREQ(look().contexts.back().name, "client");
+}
+
+TEST_F(Inspect, ContextsThatAreAttachedAgainAreShownOnceEach)
+{
+    be_up();
+    const size_t before = look().contexts.size();
+    for (const Module *each : {&server, &client, &server}) {
+        ASSERT_TRUE(qor_sched_delegate_create(bus->get(), QOR_BUS_ROLE_USER, &each->core()->base));
+    }
+
+    EXPECT_EQ(look().contexts.size(), before);
 }
