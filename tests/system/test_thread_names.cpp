@@ -15,6 +15,15 @@
 #include "running_bus.hpp"
 #include "thread.hpp"
 
+#ifdef __has_feature
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define QOR_TESTS_PRCTL_READS /* the sanitizer's reads the name itself */
+#endif
+#endif
+#ifdef __SANITIZE_ADDRESS__
+#define QOR_TESTS_PRCTL_READS
+#endif
+
 namespace {
 
 std::string name_now()
@@ -95,6 +104,15 @@ TEST_F(ThreadNames, ANameSetBehindTheLibrarysBackStaysUntilAnotherComes)
     EXPECT_EQ(same, "hidden");
     EXPECT_EQ(other, "second");
 }
+
+#ifndef QOR_TESTS_PRCTL_READS
+TEST_F(ThreadNames, NoNameIsTheKernelsToRefuse)
+{
+    ASSERT_TRUE(bus.up());
+    EXPECT_EQ(inside("a task", [] { EXPECT_EQ(hal_thread_name_set(nullptr), -1); }), "a task");
+    EXPECT_EQ(inside("another"), "another");
+}
+#endif
 
 TEST(ThreadNamesOfOthers, AreAlwaysSet)
 {

@@ -218,6 +218,25 @@ TEST_F(TaskWatch, ReportsBecomeMessagesWhereTheMonitorsHandlerIsReplaced)
     EXPECT_EQ(watched(), 1);
 }
 
+/* It is taken away and given back by tasks of the one worker, which makes all the reports. */
+TEST_F(TaskWatch, ReportsBecomeMessagesWhereTheMonitorHasNoQueue)
+{
+    void *que = qor_context_priv_data_get(monitor_context());
+    const auto set = [](void *data) -> void * {
+        qor_context_priv_data_set(monitor_context(), data);
+        return nullptr;
+    };
+    out.clear();
+
+    EXPECT_GE(qor_context_x_run(module.context(), set, nullptr), 0);
+    EXPECT_EQ(qor_bus_drain(bus.get(), 60000), 0);
+    EXPECT_EQ(out.count("[qor_time_que][err][qor_time_que_remove_locked]"), 2); /* the message */
+
+    EXPECT_GE(qor_context_x_run(module.context(), set, que), 0);
+    EXPECT_EQ(qor_bus_drain(bus.get(), 60000), 0);
+    EXPECT_EQ(watched(), 2); /* with the task whose end it has not seen */
+}
+
 TEST_F(TaskWatch, EachReportDrawsASessionWhicheverWayItGoes)
 {
     const auto drawn = [this] {
