@@ -54,7 +54,7 @@ def declared(header):
     """The functions that a header declares: result and arguments by name."""
     text = re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.S)
     text = re.sub(r"^#(?:.*\\\n)*.*$", "", text, flags=re.M)
-    found = re.findall(r"QOR_API\s+([^;(]*?)(\w+)\(([^;()]*)\)\s*(?:QOR_PRINTF\([^)]*\))?;", text)
+    found = re.findall(r"QOR_API\s+([^;(]*?)(\w+)\(([^;()]*)\)\s*(?:QOR_\w+\([^)]*\))?;", text)
     return {name: (" ".join(result.split()), [" ".join(a.split()) for a in arguments.split(",")])
             for result, name, arguments in found}
 
