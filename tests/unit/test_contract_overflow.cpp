@@ -390,6 +390,35 @@ TEST_F(ContractOverflow, AWorkerWaitsWhileAnotherIsAtWork)
     end();
 }
 
+TEST_F(ContractOverflow, ASingleWorkerOfAnotherBusWaits)
+{
+    held_with(strict_terms(1, QOR_OVERFLOW_BLOCK, 60000), 1);
+    ASSERT_GE(ask(1), 0);
+    struct Post {
+        explicit Post(ContractOverflow *test) : self(test) {}
+        ContractOverflow *self;
+        std::atomic<int32_t> posted{-2};
+    } post(this);
+    RunningBus other(RunningBus::by_start, 1);
+    other.start();
+
+    qor_bus_run(
+        other.get(),
+        [](void *arg) -> void * {
+            Post &own = *static_cast<Post *>(arg);
+            own.posted = own.self->ask(2);
+            return nullptr;
+        },
+        &post, nullptr);
+
+    EXPECT_TRUE(await([this] { return Inspection(bus->get()).context("server").blocked == 1; }));
+    EXPECT_EQ(post.posted, -2);
+    door.open();
+    EXPECT_TRUE(await([&] { return post.posted >= 0; }));
+    other.end();
+    end();
+}
+
 TEST_F(ContractOverflow, ASingleWorkerNeverWaits)
 {
     Letters results;
