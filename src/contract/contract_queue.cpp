@@ -4,6 +4,7 @@
  * ends only under the lock under which it has found none. */
 #include "contract.hpp"
 
+#include "bus_periodic.hpp"
 #include "hal_sync.hpp"
 #include "message_node.hpp"
 #include "qor_context_msg.h"
@@ -578,11 +579,11 @@ qor_time_que_node_t *queue_take_locked(qor_core_context_t *core, thread_record *
 bool queue_periodic(qor_core_context_t *core, qor_time_que_node_t *node)
 {
     contract &promise = *core->priv->promise;
-    qor_bus_t *bus = sched_delegate_bus(&core->base);
-    const qor_bus_private &priv = *bus->priv;
+    const bus_periodic &timer = *bus_periodic_of(node);
+    qor_bus_t *bus = timer.bus; /* which may be gone: then nothing of it may be read */
     hal_scoped_lock lock(core->que->mutex);
-    hal_scoped_lock timers(bus->time_que->mutex); /* of a bus that is gone only that is there */
-    if (priv.gone || core->priv->closed || qor_time_que_enque_locked(core->que, node) < 0) {
+    hal_scoped_lock timers(timer.timers->mutex);
+    if (timer.priv->gone || core->priv->closed || qor_time_que_enque_locked(core->que, node) < 0) {
         return false;
     }
     qor_que_node_t *run = run_wanted_locked(promise);

@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* Modules with contracts on a bus that the test drives: its tasks run on a thread that is none of
  * the library's, and queues quit when the test says so. */
+#include <memory>
+
 #include "contract_fixture.hpp"
 #include "falling_due.hpp"
 #include "leak.hpp"
@@ -274,8 +276,9 @@ TEST(ContractGone, APeriodicTimerThatFallsDueAfterwardsEnds)
     Thread loop([bus] { qor_bus_loop(bus); });
     ASSERT_EQ(qor_bus_drain(bus, 60000), 0);
     qor_time_que_t *timers = bus->time_que;
+    const std::unique_ptr<void, decltype(&free)> head(bus->head, free); /* which the loop holds */
 
-    qor_bus_uninit(bus);
+    qor_bus_destroy(bus);
     fall_due(timers, session);
 
     EXPECT_TRUE(await([&] { return recycled == 1; }));
@@ -283,6 +286,4 @@ TEST(ContractGone, APeriodicTimerThatFallsDueAfterwardsEnds)
     qor_time_que_quit(timers);
     loop.join();
     qor_time_que_destroy(timers);
-    free(bus->head);
-    free(bus);
 }
